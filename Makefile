@@ -1,0 +1,57 @@
+# fhcore: the top-level commands wrap CMake.
+BUILD      ?= build
+ASAN_BUILD ?= build-sanitize
+BENCH_BUILD?= build-bench
+FUZZ_BUILD ?= build-fuzz
+PREFIX     ?= /usr/local
+JOBS       ?= $(shell nproc)
+FUZZ_SECONDS ?= 60
+
+CMAKE_FLAGS = -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+
+.PHONY: all configure build demo test sanitize bench fuzz install clean format
+
+all: build
+
+configure:
+	cmake -S . -B $(BUILD) $(CMAKE_FLAGS)
+
+build: configure
+	cmake --build $(BUILD) -j $(JOBS)
+
+demo: build
+	@for example in $(BUILD)/bin/examples/*; do echo "== $$example"; $$example || exit 1; done
+
+test: build
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+sanitize:
+	cmake -S . -B $(ASAN_BUILD) $(CMAKE_FLAGS) -DFHCORE_SANITIZE=ON -DFHCORE_EXAMPLES=OFF
+	cmake --build $(ASAN_BUILD) -j $(JOBS)
+	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+		ctest --output-on-failure -j $(JOBS) -E '^Install\.'
+
+bench:
+	@test -f /usr/include/spdlog/spdlog.h || (apt-get update -qq && apt-get install -y -qq libspdlog-dev)
+	cmake -S . -B $(BENCH_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DFHCORE_TESTS=OFF -DFHCORE_EXAMPLES=OFF -DFHCORE_BENCH=ON
+	cmake --build $(BENCH_BUILD) -j $(JOBS)
+	@for b in $(BENCH_BUILD)/bin/bench/*; do $$b || exit 1; done
+
+fuzz:
+	cmake -S . -B $(FUZZ_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang \
+		-DCMAKE_CXX_COMPILER=clang++ -DFHCORE_TESTS=OFF -DFHCORE_EXAMPLES=OFF -DFHCORE_FUZZ=ON
+	cmake --build $(FUZZ_BUILD) -j $(JOBS)
+	@for f in $(FUZZ_BUILD)/bin/fuzz/*; do \
+		name=$$(basename $$f); mkdir -p $(FUZZ_BUILD)/corpus/$$name; \
+		echo "== $$name for $(FUZZ_SECONDS)s"; \
+		$$f -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 $(FUZZ_BUILD)/corpus/$$name fuzz/corpus/$$name || exit 1; \
+	done
+
+install: build
+	cmake --install $(BUILD) --prefix $(PREFIX)
+
+clean:
+	rm -rf $(BUILD) $(ASAN_BUILD) $(BENCH_BUILD) $(FUZZ_BUILD)
+
+format:
+	clang-format -i $$(git ls-files '*.cpp' '*.h' '*.c')

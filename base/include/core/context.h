@@ -1,0 +1,94 @@
+/*
+ * context.h - the process-wide context record and the module ladder.
+ *
+ * gtLmContext is the one context of a process and the only data object the
+ * library exports. Each module keeps its per-context state in a group of its
+ * fields. ContextInitialize brings every module up once, in a fixed order,
+ * and then creates the per-context state; ContextReleaseThread takes that
+ * state down again in the reverse order.
+ */
+#ifndef FHCORE_CONTEXT_H
+#define FHCORE_CONTEXT_H
+
+#include "trace.h"
+#include "types.h"
+
+FH_BEGIN_DECLS
+
+struct LmContext {
+    /* Memory: blocks in use, the highest value it has had, all allocations. */
+    int32_t iMemUsed;
+    int32_t iMemMax;
+    int32_t iMemAllocations;
+
+    /* Trace. */
+    TraceCallback pfnTraceCallback;
+    int32_t bTraceSuspended;
+    TraceBuffer *pTraceBuffer;     /* the current ring */
+    unsigned char *pTraceData;     /* its data area */
+    int32_t iTraceNextSequence;    /* 1 for a new ring, -1 without one */
+    TraceBuffer *pTraceOwnBuffer;  /* the context's own ring */
+    int32_t bTraceUseKeelTime;
+    int32_t iTraceFileDescriptor;  /* -1 when no trace file is open */
+
+    /* Process: where the counters are copied for other processes to read. */
+    unsigned char *pProcessTableEntry;
+
+    /* Context. */
+    void *pThreadContextMarker;
+    void *pContextObjects;         /* the extension list of context objects */
+    intptr_t iThreadData;
+};
+
+/* The context record of the process. */
+extern FHAPI LmContext gtLmContext;
+
+/* Brings up every module once and the per-context state once. May be called
+ * again at any time: from Running it does nothing, after a failed module it
+ * runs the module ladder again. On the first failing module it prints that
+ * module's code alone on standard output and gives FALSE. */
+FHAPI BOOL ContextInitialize(void);
+
+/* Creates every module's per-context state; on the first failure it releases
+ * all of it again and gives FALSE. */
+FHAPI BOOL ContextInitializeThread(void);
+
+/* Releases every module's per-context state, in the reverse order. */
+FHAPI void ContextReleaseThread(void);
+
+/* The process-wide predicates. The library runs one context per process, so
+ * the threading predicates are FALSE throughout a run. */
+FHAPI BOOL ContextIsInitialized(void);
+FHAPI BOOL ContextIsThreaded(void);
+FHAPI BOOL ContextIsMultiThreaded(void);
+FHAPI BOOL ContextThreadIsInitialized(void);
+FHAPI BOOL ContextAllowThreading(void);
+
+/* The address of gtLmContext; ContextSet does nothing and ContextValid is
+ * always TRUE. */
+FHAPI LmContext *ContextGet(void);
+FHAPI void ContextSet(void);
+FHAPI BOOL ContextValid(void);
+
+/* One word for the caller. The setter gives FALSE and the getter 0 until the
+ * context is initialised. */
+FHAPI BOOL ContextSetThreadData(intptr_t data);
+FHAPI intptr_t ContextGetThreadData(void);
+
+/* Keeps one object per magic for the context, taking a reference and
+ * replacing an earlier object of the same magic. FALSE when no object is
+ * given or the context has no list of context objects. */
+FHAPI BOOL ContextSetContextObject(void *object);
+
+/* Finds the context object of a magic; *object receives a new reference.
+ * FALSE, with *object null, when there is none. */
+FHAPI BOOL ContextGetContextObject(void **object, uint32_t magic);
+
+/* Ends the process with SIGSEGV, leaving a core file, when force is set or
+ * the process's crash flag is on; otherwise returns and the caller goes on
+ * with its failure path. */
+FHAPI void ProcCrash(int32_t force);
+
+FH_END_DECLS
+
+#endif /* FHCORE_CONTEXT_H */

@@ -1,0 +1,13 @@
+/*
+ * fhcore.h - the whole interface of the library.
+ */
+#ifndef FHCORE_FHCORE_H
+#define FHCORE_FHCORE_H
+
+#include "types.h"
+#include "machine.h"
+#include "memory.h"
+#include "trace.h"
+#include "context.h"
+
+#endif /* FHCORE_FHCORE_H */

@@ -1,0 +1,13 @@
+/* A program built against the installed library. */
+#include <stdio.h>
+
+#include "core/fhcore.h"
+
+int main(void) {
+    if (!ContextInitialize()) return 1;
+    void *block = MemAllocateFromPool(32, NULL);
+    MemFreeInternal(&block);
+    ContextReleaseThread();
+    printf("consumer: %d blocks in use\n", MemUsedCount());
+    return MemUsedCount() == 0 ? 0 : 1;
+}
