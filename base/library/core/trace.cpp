@@ -273,6 +273,8 @@ BOOL TraceInitializeThread(LmContext *context) {
     auto *own = static_cast<TraceBuffer *>(calloc(1, kOwnBufferBytes));
     if (own == nullptr) return FALSE;
     own->Size = TRACE_OWN_BUFFER_SIZE;
+    if (c.pTraceBuffer == c.pTraceOwnBuffer) c.pTraceBuffer = nullptr; // a second call replaces the ring
+    free(c.pTraceOwnBuffer);
     c.pTraceOwnBuffer = own;
     c.iTraceFileDescriptor = -1;
     installBuffer(c, own);
@@ -284,7 +286,6 @@ void TraceReleaseThread(LmContext *context) {
     LmContext &c = context != nullptr ? *context : gtLmContext;
     free(c.pTraceOwnBuffer);
     c.pTraceOwnBuffer = nullptr;
-    c.pTraceBuffer = nullptr;
-    c.pTraceData = nullptr;
+    installBuffer(c, nullptr);
     c.pfnTraceCallback = nullptr;
 }
