@@ -4,7 +4,8 @@
 set -euo pipefail
 library=$1
 headers=$2
-exported=$(nm -D --defined-only "$library" | awk '$2 ~ /^[TDBR]$/ {print $3}' | sort -u)
+# AddressSanitizer adds an __odr_asan indicator beside each exported variable.
+exported=$(nm -D --defined-only "$library" | awk '$2 ~ /^[TDBR]$/ && $3 !~ /^__odr_asan/ {print $3}' | sort -u)
 declared=$(cat "$headers"/*.h | tr '\n' ' ' | grep -oE 'FHAPI [^;(#]*[ *][A-Za-z_][A-Za-z0-9_]* *[;(]' \
            | sed -E 's/^.*[ *]([A-Za-z_][A-Za-z0-9_]*) *[;(]$/\1/' | sort -u)
 if [ "$exported" != "$declared" ]; then

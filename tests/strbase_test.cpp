@@ -323,6 +323,8 @@ TEST_F(StringTest, DuplicatesCopyUpToTheRightCharacter) {
         {"pool not empty", StrDuplicateIntoPoolNullIfEmpty("x", nullptr), "x"},
         {"range", StrDuplicateRangeIntoPool(text, nullptr, 4), "a/b\x81/"},
         {"range 0", StrDuplicateRangeIntoPool(text, nullptr, 0), ""},
+        {"range ends inside", StrDuplicateRangeIntoPool("ab\x81" "Acd", nullptr, 3), "ab\x81" "A"},
+        {"range ends inside", StrDuplicateRangeIntoPool("abcdef\x81" "Ax", nullptr, 7), "abcdef\x81" "A"},
         {"range negative", StrDuplicateRangeIntoPool(text, nullptr, -1), nullptr},
         {"to char null", StrDuplicateToChar(nullptr, '/'), nullptr},
         {"to last null", StrDuplicateToLastChar(nullptr, '/'), nullptr},

@@ -187,8 +187,9 @@ FHAPI char *StrDuplicateIntoPool(const char *string, MemPool *pool);
 /* StrDuplicateIntoPool, but null also for an empty string. */
 FHAPI char *StrDuplicateIntoPoolNullIfEmpty(const char *string, MemPool *pool);
 
-/* A zero-filled block of bytes + 1 from pool holding StrCopyRange of string
- * over bytes. Null for a null string or negative bytes. */
+/* A new terminated string from pool holding StrCopyRange of string over
+ * bytes (a double-byte character that starts inside is copied whole, so the
+ * block has bytes + 2). Null for a null string or negative bytes. */
 FHAPI char *StrDuplicateRangeIntoPool(const char *string, MemPool *pool, int32_t bytes);
 
 /* A copy of what comes before the first charValue; the whole string when it

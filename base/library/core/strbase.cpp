@@ -502,10 +502,12 @@ char *StrDuplicateIntoPoolNullIfEmpty(const char *string, MemPool *pool) {
     return string != nullptr && *string != 0 ? StrDuplicateIntoPool(string, pool) : nullptr;
 }
 
-// The block is zero-filled, so a range that runs out is terminated too.
+// The block is zero-filled, so a range that runs out is terminated too. It
+// has one byte more than the range and its terminator: a double-byte
+// character that starts on the last byte of the range is copied whole.
 char *StrDuplicateRangeIntoPool(const char *string, MemPool *pool, int32_t bytes) {
     if (string == nullptr || bytes < 0) return nullptr;
-    char *block = newBlock(static_cast<size_t>(bytes) + 1, pool);
+    char *block = newBlock(static_cast<size_t>(bytes) + 2, pool);
     copyWalk(block, string, rangeEnd(string, bytes));
     return block;
 }
