@@ -8,6 +8,7 @@
 // to boundary and stops on the terminator, compares are antisymmetric, a
 // match lies on a character boundary and holds the bytes looked for, copies
 // reproduce their source, StrToken leaves the text whole, and nothing leaks.
+#include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -74,6 +75,19 @@ void walkBack(const char *s, const std::vector<size_t> &at) {
     }
 }
 
+// The first match of subString found character by character.
+const char *referenceFind(const char *string, const char *subString) {
+    if (*subString == 0) return nullptr;
+    const int32_t first = StrGetCharAtPointer(subString);
+    const int32_t bytes = StrSizeNoTerm(subString);
+    for (const char *at = StrNextCharMatch(string, first); at != nullptr;) {
+        if (StrCompareRange(at, subString, bytes) == 0) return at;
+        StrGetChar(&at);
+        at = StrNextCharMatch(at, first);
+    }
+    return nullptr;
+}
+
 void compareAndSearch(const Exact &a, const Exact &b, const std::vector<size_t> &atA, int32_t n) {
     CHECK(StrCompare(a.p, a.p) == 0 && StrCompareNoCase(a.p, a.p) == 0);
     CHECK(StrCompare(a.p, b.p) == -StrCompare(b.p, a.p));
@@ -84,6 +98,9 @@ void compareAndSearch(const Exact &a, const Exact &b, const std::vector<size_t> 
     if (StrCompareRange(a.p, b.p, n) == 0) CHECK(StrCompareRangeNoCase(a.p, b.p, n) == 0);
     if (StrCompareRangeExact(a.p, b.p, n) == 0) CHECK(StrCompareRangeExactNoCase(a.p, b.p, n) == 0);
     if (StrCompare(a.p, b.p) == 0) CHECK(a.length == b.length && memcmp(a.p, b.p, a.length) == 0);
+    // The byte-first fast paths against the character walk.
+    CHECK(StrCompare(a.p, b.p) == StrCompareRange(a.p, b.p, INT32_MAX));
+    CHECK(StrFindSubString(a.p, b.p) == referenceFind(a.p, b.p));
 
     const char *cursor = b.p;
     for (int32_t c, tries = 0; (c = StrGetChar(&cursor)) != 0 && tries < 4; ++tries) {

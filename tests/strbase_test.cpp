@@ -129,6 +129,11 @@ TEST_F(StringTest, CompareFamilyKeepsItsResultRules) {
         {kCmp, "a\x81", "a", 0, 1},              // lone lead byte before the terminator
         {kCmp, "a\x81", "a\x81", 0, 0},
         {kCmp, "abc", "ABC", 0, 1},
+        {kCmp, "\xA0", "\x81" "A", 0, -1},                 // bytes order the other way
+        {kCmp, "x\x81", "x\x81\x01", 0, -1},               // lone lead below a whole character
+        {kCmp, "\x81\x81\x81" "B", "\x81\x81\x81" "A", 0, 1}, // a run of lead bytes pairs up
+        {kCmp, "\x81\x81" "AB", "\x81\x81" "BA", 0, -1},
+        {kCmp, "abcdefghijklmnopqrstuvwxyz\x81", "abcdefghijklmnopqrstuvwxyz\x81" "A", 0, -1},
         {kNoCase, "abc", "ABD", 0, -1},
         {kNoCase, "aBc", "AbC", 0, 0},
         {kNoCase, "{", "[", 0, 1},               // only 'a'-'z' fold
@@ -197,6 +202,20 @@ TEST_F(StringTest, SearchMatchesCharactersNotTrailBytes) {
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
         EXPECT_EQ(c.found == nullptr ? -1 : static_cast<int>(c.found - text), c.expected);
+    }
+    struct SubCase {
+        const char *text, *sub;
+        int expected;
+    } subCases[] = {
+        {"\x81\x81\x81" "A", "\x81" "A", 2},  // the byte match at 1 starts on a trail byte
+        {"\x81\x81" "A", "\x81" "A", -1},
+        {"x\x81" "Ax\x81", "x\x81", 3},      // a lone lead matches only before the terminator
+        {"\xA0\x81\xA0", "\x81\xA0", 1},
+        {"aaab", "aab", 1},
+    };
+    for (const SubCase &c : subCases) {
+        const char *found = StrFindSubString(c.text, c.sub);
+        EXPECT_EQ(found == nullptr ? -1 : static_cast<int>(found - c.text), c.expected) << testing::PrintToString(std::string(c.sub));
     }
     EXPECT_EQ(StrFindSubString(nullptr, "a"), nullptr);
     EXPECT_EQ(StrFindSubString("a", nullptr), nullptr);

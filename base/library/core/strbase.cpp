@@ -28,11 +28,13 @@
 // of the context record (the cursor and the character it overwrote).
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <string_view>
 
@@ -176,8 +178,63 @@ const Byte *findLast(const Byte *p, int32_t value) {
     return last;
 }
 
+// The fast paths of the exact compare and search let the C library find
+// candidate bytes, over lengths already known, and settle the character
+// boundary afterwards: the byte after a non-lead byte always starts a
+// character, and a run of lead bytes that starts a character pairs up.
+
+// TRUE when at starts a character, given that from (not after at) does.
+bool startsCharacter(const Byte *from, const Byte *at) {
+    const Byte *p = at;
+    while (p > from && kLeadByte[p[-1]]) --p;
+    return (at - p) % 2 == 0;
+}
+
+// The offset of the first byte that differs among the first n of a and b,
+// or n; reads nothing outside them.
+size_t firstDifference(const Byte *a, const Byte *b, size_t n) {
+    size_t i = 0;
+    if constexpr (std::endian::native == std::endian::little) {
+        for (uint64_t x, y; i + 8 <= n; i += 8) {
+            memcpy(&x, a + i, 8);
+            memcpy(&y, b + i, 8);
+            if (x != y) return i + static_cast<size_t>(std::countr_zero(x ^ y)) / 8;
+        }
+    }
+    while (i < n && a[i] == b[i]) ++i;
+    return i;
+}
+
+// StrCompare: the first differing byte lies in the first differing character.
+int32_t compareWhole(const char *a, const char *b) {
+    const Byte *pa = text(a), *pb = text(b);
+    const size_t n = std::min(strlen(a != nullptr ? a : ""), strlen(b != nullptr ? b : "")) + 1;
+    const size_t i = firstDifference(pa, pb, n);
+    if (i == n) return 0;
+    const size_t start = startsCharacter(pa, pa + i) ? i : i - 1;
+    const Byte *ra = pa + start, *rb = pb + start;
+    return sign(Pair{readChar(ra), readChar(rb), nullptr});
+}
+
+// StrFindSubString: candidates are the byte matches of the C library that
+// start a character; the character walk confirms each (a subString that ends
+// in a lone lead byte does not match that byte followed by a trail).
+const Byte *findSubStringExact(const char *string, const char *subString) {
+    const int32_t bytes = StrSizeNoTerm(subString);
+    const Byte *from = text(string);
+    for (const char *hit; (hit = strstr(reinterpret_cast<const char *>(from), subString)) != nullptr;) {
+        const Byte *at = text(hit);
+        const bool onBoundary = startsCharacter(from, at);
+        if (onBoundary && compareRange<Case::exact>(hit, subString, bytes) == 0) return at;
+        from = at + 1; // behind a trail byte, or inside the character at hit
+        if (onBoundary && kLeadByte[*at] && *from != 0) ++from;
+    }
+    return nullptr;
+}
+
 template <Case K> const Byte *findSubString(const char *string, const char *subString) {
     if (string == nullptr || subString == nullptr || *subString == 0) return nullptr;
+    if constexpr (K == Case::exact) return findSubStringExact(string, subString);
     const Byte *p = text(string), *sub = text(subString);
     const int32_t first = readChar(sub), bytes = StrSizeNoTerm(subString);
     for (const Byte *at; (at = findChar<K>(p, first)) != nullptr; readChar(p)) {
@@ -412,7 +469,7 @@ int32_t StrSizeRangeNoTerm(const char *string, int32_t count) {
 
 // ---- Compare ---------------------------------------------------------------------
 
-int32_t StrCompare(const char *a, const char *b) { return sign(compareWalk<Case::exact, false>(a, b)); }
+int32_t StrCompare(const char *a, const char *b) { return compareWhole(a, b); }
 int32_t StrCompareNoCase(const char *a, const char *b) { return sign(compareWalk<Case::folded, false>(a, b)); }
 int32_t StrCompareRange(const char *a, const char *b, int32_t bytes) { return compareRange<Case::exact>(a, b, bytes); }
 
