@@ -44,7 +44,7 @@ BENCHMARK(BM_StrFindSubString);
 
 // Keeps the time per iteration of each run, then prints the ratios.
 class RatioReporter : public benchmark::ConsoleReporter {
-public:
+  public:
     void ReportRuns(const std::vector<Run> &runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (const Run &run : runs) nanoseconds_[run.benchmark_name()] = run.GetAdjustedRealTime();
@@ -56,7 +56,7 @@ public:
         row("StrFindSubString / strstr", "BM_StrFindSubString", "BM_strstr");
     }
 
-private:
+  private:
     void row(const char *label, const std::string &ours, const std::string &base) {
         const double a = nanoseconds_[ours], b = nanoseconds_[base];
         printf("%-32s %10.2f %10.2f %6.2fx\n", label, a, b, b > 0 ? a / b : 0.0);

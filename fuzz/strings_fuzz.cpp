@@ -136,13 +136,13 @@ void copies(const Exact &a, const Exact &b, int32_t n, int32_t character) {
     CHECK(strlen(trimmed.data()) <= a.length && memcmp(trimmed.data(), a.p, strlen(trimmed.data())) == 0);
 
     const int32_t delimiters[] = {character, 0x8141};
-    for (char *made : {StrDuplicateIntoPool(a.p, nullptr), StrDuplicateIntoPoolNullIfEmpty(a.p, nullptr),
-                       StrDuplicateRangeIntoPool(a.p, nullptr, n), StrDuplicateToChar(a.p, character),
-                       StrDuplicateToCharWithTerm(a.p, character), StrDuplicateToLastChar(a.p, character),
-                       StrDuplicateToLastCharWithTerm(a.p, character),
-                       StrDuplicateToVariableDelimChar(a.p, delimiters, 2), StrDuplicateToSubString(a.p, b.p),
-                       StrDuplicateToSubStringNoCase(a.p, b.p), StrReplaceChar(a.p, character, 0x9F9F),
-                       StrCat(a.p, b.p, a.p, static_cast<char *>(nullptr))}) {
+    for (char *made :
+         {StrDuplicateIntoPool(a.p, nullptr), StrDuplicateIntoPoolNullIfEmpty(a.p, nullptr),
+          StrDuplicateRangeIntoPool(a.p, nullptr, n), StrDuplicateToChar(a.p, character),
+          StrDuplicateToCharWithTerm(a.p, character), StrDuplicateToLastChar(a.p, character),
+          StrDuplicateToLastCharWithTerm(a.p, character), StrDuplicateToVariableDelimChar(a.p, delimiters, 2),
+          StrDuplicateToSubString(a.p, b.p), StrDuplicateToSubStringNoCase(a.p, b.p),
+          StrReplaceChar(a.p, character, 0x9F9F), StrCat(a.p, b.p, a.p, static_cast<char *>(nullptr))}) {
         if (made != nullptr) CHECK(strlen(made) <= 3 * a.length + b.length);
         release(made);
     }

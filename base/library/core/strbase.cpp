@@ -50,7 +50,7 @@ enum TraceId : int32_t {
     kIdDuplicateToSubStringArgs = 2,
     kIdFormatArguments = 3,
     kIdFormatFailed = 4,
-    kIdFormatOverrun = 5,
+    kIdFormatOverrun = 5
 };
 
 using Byte = unsigned char;
@@ -369,7 +369,9 @@ constexpr std::string_view kQuotable = "$()*+.?[\\]^{|}"; // literal behind the 
 constexpr std::string_view kControlNames = "nrtfb";
 constexpr std::string_view kControls = "\n\r\t\f\b";
 
-inline bool inSet(std::string_view set, int32_t c) { return c > 0 && c < 128 && set.find(static_cast<char>(c)) != set.npos; }
+inline bool inSet(std::string_view set, int32_t c) {
+    return c > 0 && c < 128 && set.find(static_cast<char>(c)) != set.npos;
+}
 
 void writePatternChar(Byte *&out, int32_t c) {
     if (c == '*') {
@@ -449,17 +451,16 @@ int32_t StrCharCount(const char *string) {
     return count;
 }
 
-char *StrTerminatorPosition(const char *string) { return string != nullptr ? writable(forward(text(string), INT32_MAX)) : nullptr; }
+// The terminator is the first NUL byte: no character holds one.
+char *StrTerminatorPosition(const char *string) {
+    return string != nullptr ? const_cast<char *>(string) + strlen(string) : nullptr;
+}
 
 // ---- Sizes ---------------------------------------------------------------------
 
 int32_t StrSize(const char *string) { return string != nullptr ? StrSizeNoTerm(string) + 1 : 0; }
 
-int32_t StrSizeNoTerm(const char *string) {
-    const Byte *start = text(string), *p = start;
-    while (*p != 0) ++p;
-    return static_cast<int32_t>(p - start);
-}
+int32_t StrSizeNoTerm(const char *string) { return string != nullptr ? static_cast<int32_t>(strlen(string)) : 0; }
 
 int32_t StrSizeRange(const char *string, int32_t count) { return StrSizeRangeNoTerm(string, std::max(count, 0) + 1); }
 
@@ -515,7 +516,9 @@ char *StrFindVariableDelimiter(const char *string, const int32_t *characters, in
 
 // ---- Copy ------------------------------------------------------------------------------
 
-char *StrCopy(char *target, const char *source) { return target != nullptr ? copyWalk(target, source, kNoBound) : nullptr; }
+char *StrCopy(char *target, const char *source) {
+    return target != nullptr ? copyWalk(target, source, kNoBound) : nullptr;
+}
 
 char *StrCopyRange(char *target, const char *source, int32_t bytes) {
     return target != nullptr ? copyWalk(target, source, rangeEnd(source, bytes)) : nullptr;
@@ -570,13 +573,15 @@ char *StrDuplicateRangeIntoPool(const char *string, MemPool *pool, int32_t bytes
 }
 
 char *StrDuplicateToChar(const char *string, int32_t charValue) {
-    return string != nullptr ? duplicateUpTo(string, stopAt(string, findChar<Case::exact>(text(string), charValue), false))
-                             : nullptr;
+    return string != nullptr
+               ? duplicateUpTo(string, stopAt(string, findChar<Case::exact>(text(string), charValue), false))
+               : nullptr;
 }
 
 char *StrDuplicateToCharWithTerm(const char *string, int32_t charValue) {
-    return string != nullptr ? duplicateUpTo(string, stopAt(string, findChar<Case::exact>(text(string), charValue), true))
-                             : nullptr;
+    return string != nullptr
+               ? duplicateUpTo(string, stopAt(string, findChar<Case::exact>(text(string), charValue), true))
+               : nullptr;
 }
 
 char *StrDuplicateToLastChar(const char *string, int32_t charValue) {
@@ -688,8 +693,9 @@ BOOL StrHexFromInt64(char **out, int64_t value) {
 }
 
 BOOL StrFromIpAddr(char **out, uint32_t address) {
-    return formatNew(out, 32, "%ld.%ld.%ld.%ld", static_cast<long>(address >> 24), static_cast<long>(address >> 16 & 0xFF),
-                     static_cast<long>(address >> 8 & 0xFF), static_cast<long>(address & 0xFF));
+    return formatNew(out, 32, "%ld.%ld.%ld.%ld", static_cast<long>(address >> 24),
+                     static_cast<long>(address >> 16 & 0xFF), static_cast<long>(address >> 8 & 0xFF),
+                     static_cast<long>(address & 0xFF));
 }
 
 BOOL StrIsAscii(const char *string) {
@@ -760,7 +766,9 @@ BOOL StrBuildRegExpLiteral(char **out, const char *pattern, BOOL anchored) {
     return StrBuildRegExpLiteralWithQuoting(out, pattern, anchored, 0);
 }
 
-BOOL StrBuildRegExp(char **out, const char *pattern) { return StrBuildRegExpLiteralWithQuoting(out, pattern, FALSE, 0); }
+BOOL StrBuildRegExp(char **out, const char *pattern) {
+    return StrBuildRegExpLiteralWithQuoting(out, pattern, FALSE, 0);
+}
 
 // ---- Life cycle ------------------------------------------------------------------------------------
 
