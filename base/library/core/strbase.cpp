@@ -217,15 +217,17 @@ int32_t compareWhole(const char *a, const char *b) {
 }
 
 // StrFindSubString: candidates are the byte matches of the C library that
-// start a character; the character walk confirms each (a subString that ends
-// in a lone lead byte does not match that byte followed by a trail).
+// start a character. Equal bytes from a common boundary are equal
+// characters, but for a subString that ends in a lone lead byte: that byte
+// matches only where the string ends too.
 const Byte *findSubStringExact(const char *string, const char *subString) {
-    const int32_t bytes = StrSizeNoTerm(subString);
-    const Byte *from = text(string);
+    const size_t bytes = strlen(subString);
+    const Byte *sub = text(subString), *from = text(string);
+    const bool endsInLoneLead = kLeadByte[sub[bytes - 1]] && startsCharacter(sub, sub + bytes - 1);
     for (const char *hit; (hit = strstr(reinterpret_cast<const char *>(from), subString)) != nullptr;) {
         const Byte *at = text(hit);
         const bool onBoundary = startsCharacter(from, at);
-        if (onBoundary && compareRange<Case::exact>(hit, subString, bytes) == 0) return at;
+        if (onBoundary && (!endsInLoneLead || at[bytes] == 0)) return at;
         from = at + 1; // behind a trail byte, or inside the character at hit
         if (onBoundary && kLeadByte[*at] && *from != 0) ++from;
     }
