@@ -4,6 +4,7 @@
 set -euo pipefail
 library=$1
 headers=$2
+# AddressSanitizer adds its own symbols (__asan_*, __odr_asan indicators) beside the interface.
 exported=$(nm -D --defined-only "$library" | awk '$2 ~ /^[TDBR]$/ && $3 !~ /^__(odr_)?asan/ {print $3}' | sort -u)
 declared=$(cat "$headers"/*.h | tr '\n' ' ' | grep -oE 'FHAPI [^;(#]*[ *][A-Za-z_][A-Za-z0-9_]* *[;(]' \
            | sed -E 's/^.*[ *]([A-Za-z_][A-Za-z0-9_]*) *[;(]$/\1/' | sort -u)

@@ -21,6 +21,10 @@ struct LmContext {
     int32_t iMemMax;
     int32_t iMemAllocations;
 
+    /* Strings: the StrToken cursor and the character it overwrote. */
+    char *pStrTokenCursor;
+    int32_t iStrTokenSaved;
+
     /* Trace. */
     TraceCallback pfnTraceCallback;
     int32_t bTraceSuspended;

@@ -9,5 +9,6 @@
 #include "memory.h"
 #include "trace.h"
 #include "context.h"
+#include "strbase.h"
 
 #endif /* FHCORE_FHCORE_H */

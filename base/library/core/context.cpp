@@ -46,6 +46,7 @@ struct Module {
 constexpr Module kModules[] = {
     {"Trace", 390, TraceInitialize, TraceInitializeThread, TraceReleaseThread},
     {"Memory", 395, MemoryInitialize, [](LmContext *) { return MemoryInitializeThread(); }, MemoryReleaseThread},
+    {"StrBase", 450, StrBaseInitialize, StrBaseInitializeThread, StrBaseReleaseThread},
 };
 constexpr size_t kModuleCount = std::size(kModules);
 
