@@ -19,6 +19,9 @@ std::vector<const TraceRecord *> records() {
 
 } // namespace
 
+// Blocks in use, less those that templates keep until the process ends.
+int32_t LibraryTest::blocksInUse() { return MemUsedCount() - fh::objectTemplateBlocks(); }
+
 void LibraryTest::SetUp() {
     char pattern[] = "/tmp/fhcore-test-XXXXXX";
     ASSERT_NE(mkdtemp(pattern), nullptr);
@@ -26,11 +29,13 @@ void LibraryTest::SetUp() {
     setenv("FHHOME", home_.c_str(), 1);
     ASSERT_TRUE(ContextInitialize());
     TraceSetLevel(TRACE_LEVEL_LIBVERBOSE);
-    memUsedAtStart_ = MemUsedCount();
+    memUsedAtStart_ = blocksInUse();
+    objectsAtStart_ = ObjCount();
 }
 
 void LibraryTest::TearDown() {
-    EXPECT_EQ(MemUsedCount(), memUsedAtStart_) << "blocks leaked by the test";
+    EXPECT_EQ(blocksInUse(), memUsedAtStart_) << "blocks leaked by the test";
+    EXPECT_EQ(ObjCount(), objectsAtStart_) << "objects leaked by the test";
     std::error_code ignored;
     std::filesystem::remove_all(home_, ignored);
 }

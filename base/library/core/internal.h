@@ -50,6 +50,10 @@ enum ProcessEntryOffset : size_t {
 // machine's byte order.
 void processEntryStore(size_t offset, int32_t value);
 
+// Blocks that templates, the template table and run-time names hold until
+// the process ends; a leak check leaves them out.
+int32_t objectTemplateBlocks();
+
 } // namespace fh
 
 #endif // FHCORE_INTERNAL_H
