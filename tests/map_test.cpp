@@ -94,12 +94,16 @@ TEST_F(MapTest, EntriesStaySortedAndUniqueAcrossGrowth) {
     ASSERT_TRUE(MapFindEntry(&stored, map, &replacement));
     EXPECT_EQ(static_cast<Pair *>(stored)->value, 2);
 
-    EXPECT_TRUE(MapRemoveEntry(map, &fresh));
+    EXPECT_TRUE(MapRemoveEntry(map, &fresh)); // the last entry
     EXPECT_FALSE(MapDeleteEntry(map, &fresh));
-    EXPECT_EQ(MapSize(map), 200);
+    EXPECT_TRUE(MapDeleteEntry(map, &replacement)); // the first entry
+    keys.erase(keys.begin());
+    walked.clear();
+    MapWalk(map, collectKey, &walked);
+    EXPECT_EQ(walked, std::vector<int32_t>(keys.begin(), keys.end()));
     gReleased.clear();
     ObjReleaseInternal(&map); // releasing the map releases every entry
-    EXPECT_EQ(gReleased.size(), 200u);
+    EXPECT_EQ(gReleased.size(), 199u);
 }
 
 TEST_F(MapTest, WalksAndSearchesStopWhereTheyShould) {

@@ -311,8 +311,17 @@ TEST_F(ObjectTest, TranslatorsAllowASecondShape) {
     EXPECT_EQ(own->Next, foreign);
     EXPECT_EQ(own->Translator, foreign->Translator);
     EXPECT_EQ(ObjTemplateNewInternal(-1, 0xC8001006, "i;i;", nullptr), foreign);
+    // A received shape of its own stays outside the chain, built anew each time.
+    ObjectTemplate *outside = ObjTemplateNewInternal(-1, 0xC8001006, "i;i;i;", nullptr);
+    ASSERT_NE(outside, nullptr);
+    EXPECT_EQ(outside->Translator, own->Translator);
+    EXPECT_EQ(own->Next, foreign);
+    EXPECT_EQ(foreign->Next, nullptr);
     void *thing = ObjTemplateNewInstanceFromPool(own, nullptr);
     EXPECT_DEATH(ObjSetTranslatorInternal(4, 0xC8001006, "i;", nullptr, nullptr), "");
+    // Two declared shapes of one magic conflict, which ends the process.
+    EXPECT_DEATH(ObjTemplateNewInternal(16, 0xC8001006, "i;i;i;i;", nullptr), "");
+    fh::objectTemplateFree(outside);
     ObjReleaseInternal(&thing);
 }
 

@@ -341,7 +341,21 @@ bool releaseComponents(ObjectHeader *h, ObjectHeader *&dying) {
 } // namespace
 
 namespace fh {
+
 int32_t objectTemplateBlocks() { return gTemplateBlocks; }
+
+ObjectTemplate *objectTemplateBuild(int32_t size, uint32_t magic, const char *format) {
+    return buildTemplate(size, magic, format, nullptr);
+}
+
+void objectTemplateFree(ObjectTemplate *objectTemplate) {
+    if (objectTemplate == nullptr) return;
+    MemFreeInternal(&objectTemplate->Name);
+    MemFreeInternal(&objectTemplate->Descriptor.Format);
+    MemFreeInternal(&objectTemplate);
+    gTemplateBlocks -= 3;
+}
+
 } // namespace fh
 
 namespace {
