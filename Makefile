@@ -6,6 +6,8 @@ FUZZ_BUILD ?= build-fuzz
 PREFIX     ?= /usr/local
 JOBS       ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
+# Seconds that one fuzz input may take before it counts as a hang.
+FUZZ_TIMEOUT ?= 20
 
 CMAKE_FLAGS = -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
@@ -44,7 +46,8 @@ fuzz:
 	@for f in $(FUZZ_BUILD)/bin/fuzz/*; do \
 		name=$$(basename $$f); mkdir -p $(FUZZ_BUILD)/corpus/$$name; \
 		echo "== $$name for $(FUZZ_SECONDS)s"; \
-		$$f -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 $(FUZZ_BUILD)/corpus/$$name fuzz/corpus/$$name || exit 1; \
+		$$f -max_total_time=$(FUZZ_SECONDS) -timeout=$(FUZZ_TIMEOUT) -print_final_stats=1 \
+			-artifact_prefix=$(FUZZ_BUILD)/ $(FUZZ_BUILD)/corpus/$$name fuzz/corpus/$$name || exit 1; \
 	done
 
 install: build

@@ -17,10 +17,51 @@ std::vector<const TraceRecord *> records() {
     return {newestFirst.rbegin(), newestFirst.rend()};
 }
 
+TestPool gPool;
+
+void *poolAllocate(MemPool *, size_t bytes) {
+    gPool.lastBytes = bytes;
+    if (++gPool.allocations >= gPool.failFrom && gPool.failFrom != 0) return nullptr;
+    return memset(malloc(bytes), 0xAA, bytes);
+}
+
+BOOL poolFree(void *raw) {
+    ++gPool.frees;
+    if (!gPool.keepFreed) free(raw);
+    return gPool.freeResult;
+}
+
+constexpr MemPoolOperations kPoolOperations = {nullptr, poolAllocate, poolFree, nullptr};
+
 } // namespace
 
 // Blocks in use, less those that templates keep until the process ends.
 int32_t LibraryTest::blocksInUse() { return MemUsedCount() - fh::objectTemplateBlocks(); }
+
+TestPool &testPool(int failFrom) {
+    gPool = {{MEM_POOL_MAGIC, &kPoolOperations}, failFrom, 0, 0, 0, TRUE, false};
+    return gPool;
+}
+
+TestRing::TestRing(int32_t size, int32_t level)
+    : buffer(static_cast<TraceBuffer *>(calloc(1, sizeof(TraceBuffer) + size))) {
+    buffer->Size = size;
+    buffer->Level = level;
+    TraceSetBuffer(buffer);
+}
+
+TestRing::~TestRing() {
+    TraceSetBuffer(TRACE_OWN_BUFFER);
+    free(buffer);
+}
+
+std::vector<uint32_t> TestRing::walk() const {
+    std::vector<const TraceRecord *> newestFirst;
+    TraceWalkBuffer(buffer, collect, &newestFirst);
+    std::vector<uint32_t> sequences;
+    for (const TraceRecord *record : newestFirst) sequences.push_back(record->Sequence);
+    return sequences;
+}
 
 void LibraryTest::SetUp() {
     char pattern[] = "/tmp/fhcore-test-XXXXXX";

@@ -37,4 +37,27 @@ private:
     int32_t objectsAtStart_ = 0;
 };
 
+// A pool of the test's own, for the error paths: its blocks arrive full of
+// garbage, its Nth Allocate and every one after fails (failFrom 0: none),
+// its Free answers freeResult, and keepFreed leaves freed blocks readable.
+// There is one; testPool() resets it and hands it out.
+struct TestPool {
+    MemPool pool;
+    int failFrom, allocations, frees;
+    size_t lastBytes; // what the last Allocate asked for
+    BOOL freeResult;
+    bool keepFreed;
+};
+TestPool &testPool(int failFrom = 0);
+
+// A trace ring of the test's own, installed while it lives. It is exactly
+// 16 + size bytes, so that the sanitizer sees any access outside it.
+struct TestRing {
+    TraceBuffer *buffer;
+    explicit TestRing(int32_t size, int32_t level = 0);
+    ~TestRing();
+    std::vector<uint32_t> walk() const; // the sequence numbers, newest first
+    TraceRecord *at(int32_t offset) const { return reinterpret_cast<TraceRecord *>(buffer->Data + offset); }
+};
+
 #endif // FHCORE_TESTS_FIXTURE_H

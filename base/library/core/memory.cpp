@@ -64,21 +64,45 @@ void countAllocation() {
 
 } // namespace
 
-void *MemAllocateFromPoolNotLogged(size_t size, MemPool *pool) {
-    countAllocation();
-    size_t rounded = size <= kLargestRequest ? (size + 3) & ~size_t{3} : 0;
-    char *raw = nullptr;
-    if (rounded != 0 || size == 0) {
-        size_t rawSize = kHeaderSize + rounded + kGuardSize;
-        if (pool == nullptr)
-            raw = static_cast<char *>(malloc(rawSize));
-        else if (pool->Operations != nullptr && pool->Operations->Allocate != nullptr)
-            raw = static_cast<char *>(pool->Operations->Allocate(pool, rawSize));
-        if (raw == nullptr && pool != nullptr) {
-            raw = static_cast<char *>(heapAllocate(nullptr, rawSize));
-            pool = &gDefaultPool;
-        }
+namespace {
+
+// The raw block of rawSize bytes from pool; pool becomes the pool to record,
+// which is the default pool when a pool of the caller's could not give it.
+char *poolBlock(size_t rawSize, MemPool *&pool) {
+    if (pool != &gDefaultPool && pool->Operations != nullptr && pool->Operations->Allocate != nullptr) {
+        if (void *raw = pool->Operations->Allocate(pool, rawSize)) return static_cast<char *>(raw);
     }
+    pool = &gDefaultPool;
+    return static_cast<char *>(heapAllocate(nullptr, rawSize));
+}
+
+inline char *rawBlock(size_t rawSize, MemPool *&pool) {
+    return pool == nullptr ? static_cast<char *>(malloc(rawSize)) : poolBlock(rawSize, pool);
+}
+
+// Zero fill of a user area; small areas (the common case) take two
+// overlapping stores of fixed size rather than a call.
+inline void zeroUserArea(char *user, size_t bytes) {
+    if (bytes > 64) {
+        memset(user, 0, bytes);
+    } else if (bytes >= 32) {
+        memset(user, 0, 32);
+        memset(user + bytes - 32, 0, 32);
+    } else if (bytes >= 16) {
+        memset(user, 0, 16);
+        memset(user + bytes - 16, 0, 16);
+    } else if (bytes >= 8) {
+        memset(user, 0, 8);
+        memset(user + bytes - 8, 0, 8);
+    } else if (bytes >= 4) {
+        memset(user, 0, 4);
+    }
+}
+
+inline void *allocate(size_t size, MemPool *pool) {
+    countAllocation();
+    const size_t rounded = size <= kLargestRequest ? (size + 3) & ~size_t{3} : 0;
+    char *raw = rounded != 0 || size == 0 ? rawBlock(kHeaderSize + rounded + kGuardSize, pool) : nullptr;
     if (raw == nullptr) {
         trace(4, 1, -1, "Unable to allocate %ld bytes of memory", static_cast<long>(rounded != 0 ? rounded : size));
         ProcCrash(1);
@@ -90,11 +114,15 @@ void *MemAllocateFromPoolNotLogged(size_t size, MemPool *pool) {
     header->Pool = pool;
     const uint32_t guard = MEM_GUARD_WORD;
     memcpy(header->Guard, &guard, sizeof guard);
-    memset(user, 0, rounded);
+    zeroUserArea(user, rounded);
     return user;
 }
 
-void *MemAllocateFromPool(size_t size, MemPool *pool) { return MemAllocateFromPoolNotLogged(size, pool); }
+} // namespace
+
+void *MemAllocateFromPoolNotLogged(size_t size, MemPool *pool) { return allocate(size, pool); }
+
+void *MemAllocateFromPool(size_t size, MemPool *pool) { return allocate(size, pool); }
 
 BOOL MemFreeInternal(void *pointerAddress) {
     auto **slot = static_cast<void **>(pointerAddress);
@@ -112,7 +140,7 @@ BOOL MemFreeInternal(void *pointerAddress) {
     }
     memset(header->Guard, 0, kGuardSize);
     MemPool *pool = header->Pool;
-    BOOL result = pool != nullptr ? pool->Operations->Free(header) : heapFree(header);
+    BOOL result = pool == nullptr || pool == &gDefaultPool ? heapFree(header) : pool->Operations->Free(header);
     *slot = nullptr;
     return result;
 }

@@ -29,7 +29,7 @@
 namespace {
 
 constexpr fh::ModuleTracer trace{"TRACE        "};
-constexpr int32_t kMinRecord = 48; // an empty text: 41 rounded up to 8
+constexpr int32_t kMinRecord = 48;                                         // an empty text: 41 rounded up to 8
 constexpr int32_t kLongestText = TRACE_RECORD_MAX - TRACE_RECORD_HEAD - 1; // 8,151 with its NUL
 constexpr int32_t kOwnBufferBytes = 32768;
 constexpr TracePosition kNothingStored = {-1, -1, nullptr};
@@ -134,9 +134,12 @@ BOOL writeLine(FILE *stream, const TraceRecord *record, int32_t length) {
     if (record == nullptr || length <= TRACE_RECORD_HEAD) return FALSE;
     const int textMax = std::min(400, length - TRACE_RECORD_HEAD);
     char line[640];
-    const int n = snprintf(line, sizeof line, "%c %-8.8s:%04ld %4d %3d %06ld %.*s\n",
-                           static_cast<char>('1' + record->Level), record->Module, static_cast<long>(getpid()),
-                           record->Id, record->Code, timeOfDay(record->Time), textMax, record->Text);
+    // The level digit; a level outside 0-9 gives whatever byte it gives, as
+    // the arithmetic is done without overflow.
+    const char levelDigit = static_cast<char>(static_cast<uint32_t>(record->Level) + '1');
+    const int n =
+        snprintf(line, sizeof line, "%c %-8.8s:%04ld %4d %3d %06ld %.*s\n", levelDigit, record->Module,
+                 static_cast<long>(getpid()), record->Id, record->Code, timeOfDay(record->Time), textMax, record->Text);
     if (n < 0) return FALSE;
     const size_t bytes = std::min(static_cast<size_t>(n), sizeof line - 1);
     return fwrite(line, 1, bytes, stream) == bytes;
@@ -156,12 +159,14 @@ TracePosition ModuleTracer::operator()(int32_t id, int32_t code, int32_t level, 
 
 } // namespace fh
 
-TracePosition TraceMessageVa(const char *module, int32_t id, int32_t code, int32_t level, const char *format,
-                             va_list arguments) {
-    LmContext &c = gtLmContext;
-    TraceBuffer *buffer = c.pTraceBuffer;
-    if (format == nullptr || c.bTraceSuspended || buffer == nullptr || level > buffer->Level) return kNothingStored;
+namespace {
 
+// Formats and stores one record in buffer. Kept out of line so that the
+// suppressed path of TraceMessageVa costs a call and a compare, without the
+// frame of the text area.
+__attribute__((noinline)) TracePosition storeRecord(LmContext &c, TraceBuffer *buffer, const char *module, int32_t id,
+                                                    int32_t code, int32_t level, const char *format,
+                                                    va_list arguments) {
     // The text with its NUL must fit the longest record and the data area.
     const int32_t room = std::min(kLongestText, (buffer->Size & ~7) - TRACE_RECORD_HEAD - 1);
     if (room < 1) return kNothingStored;
@@ -193,6 +198,16 @@ TracePosition TraceMessageVa(const char *module, int32_t id, int32_t code, int32
     c.iTraceNextSequence = c.iTraceNextSequence > 0x3FFFFFFF ? 0 : c.iTraceNextSequence + 1;
     if (c.pfnTraceCallback != nullptr) c.pfnTraceCallback(record, length, nullptr);
     return stored;
+}
+
+} // namespace
+
+TracePosition TraceMessageVa(const char *module, int32_t id, int32_t code, int32_t level, const char *format,
+                             va_list arguments) {
+    LmContext &c = gtLmContext;
+    TraceBuffer *buffer = c.pTraceBuffer;
+    if (format == nullptr || c.bTraceSuspended || buffer == nullptr || level > buffer->Level) return kNothingStored;
+    return storeRecord(c, buffer, module, id, code, level, format, arguments);
 }
 
 void TraceSetBuffer(TraceBuffer *buffer) {
@@ -273,6 +288,8 @@ BOOL TraceInitializeThread(LmContext *context) {
     auto *own = static_cast<TraceBuffer *>(calloc(1, kOwnBufferBytes));
     if (own == nullptr) return FALSE;
     own->Size = TRACE_OWN_BUFFER_SIZE;
+    if (c.pTraceBuffer == c.pTraceOwnBuffer) c.pTraceBuffer = nullptr; // a second call replaces the ring
+    free(c.pTraceOwnBuffer);
     c.pTraceOwnBuffer = own;
     c.iTraceFileDescriptor = -1;
     installBuffer(c, own);
@@ -284,7 +301,6 @@ void TraceReleaseThread(LmContext *context) {
     LmContext &c = context != nullptr ? *context : gtLmContext;
     free(c.pTraceOwnBuffer);
     c.pTraceOwnBuffer = nullptr;
-    c.pTraceBuffer = nullptr;
-    c.pTraceData = nullptr;
+    installBuffer(c, nullptr);
     c.pfnTraceCallback = nullptr;
 }
