@@ -309,6 +309,10 @@ bool dropReference(void *object, ObjectHeader *&dying) {
     return true;
 }
 
+template <typename T> inline void freeOwned(T *&block) {
+    if (block != nullptr) MemFreeInternal(&block);
+}
+
 // Releases what a dying object's payload owns; false for a format that
 // cannot be walked.
 bool releaseComponents(ObjectHeader *h, ObjectHeader *&dying) {
@@ -323,15 +327,15 @@ bool releaseComponents(ObjectHeader *h, ObjectHeader *&dying) {
             trace(22, 1, 2, "ObjRelease - unrecognised component");
             ok = false;
             break;
-        case eObjString: MemFreeInternal(&field<char *>(object, e)); break;
+        case eObjString: freeOwned(field<char *>(object, e)); break;
         case eObjObject:
             if (void *&child = field<void *>(object, e); child != nullptr) {
                 dropReference(child, dying);
                 child = nullptr;
             }
             break;
-        case eObjData: MemFreeInternal(&field<ObjData>(object, e).pData); break;
-        case eObjViewInfo: MemFreeInternal(&field<ObjViewInfo>(object, e).pszString); break;
+        case eObjData: freeOwned(field<ObjData>(object, e).pData); break;
+        case eObjViewInfo: freeOwned(field<ObjViewInfo>(object, e).pszString); break;
         default: break;
         }
     }
