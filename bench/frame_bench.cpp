@@ -13,27 +13,22 @@
 // the best repetition of each (the machine is shared, and interference only
 // ever adds time) and states the aim of each figure; the console part above it
 // shows the medians and the spread as well.
-#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include <benchmark/benchmark.h>
 #include <spdlog/logger.h>
 #include <spdlog/sinks/ringbuffer_sink.h>
 
 #include "core/fhcore.h"
+#include "ratios.h"
 
 namespace {
 
 constexpr int kRecordsPerCycle = 1000000;
-constexpr int kRepetitions = 10;
-constexpr double kSecondsPerRepetition = 0.2;
 constexpr size_t kBlockSize = 32;
 
 // A module's trace operation, as the library's own modules and its callers
@@ -142,13 +137,8 @@ void mallocMemsetFree(benchmark::State &state) {
     }
 }
 
-struct Entry {
-    const char *name;
-    void (*run)(benchmark::State &);
-};
-
 // Pairs stand next to each other, figure first.
-constexpr Entry kBenchmarks[] = {
+constexpr bench::Entry kBenchmarks[] = {
     {"trace record, stored", traceRecord},
     {"vsnprintf, same text", vsnprintfFloor},
     {"peer ring sink, same message", peerRingRecord},
@@ -159,143 +149,19 @@ constexpr Entry kBenchmarks[] = {
     {"malloc+memset+free 32", mallocMemsetFree},
 };
 
-// How a figure is judged: against its baseline's time, or in nanoseconds.
-enum class Aim { RatioAtMost, RatioBelow, NanosecondsBelow };
-
-struct Comparison {
-    const char *figure;
-    const char *baseline;
-    Aim aim;
-    double limit;
+constexpr bench::Comparison kComparisons[] = {
+    {"trace record, stored", "vsnprintf, same text", bench::Aim::RatioAtMost, 1.5},
+    {"trace record, stored", "peer ring sink, same message", bench::Aim::RatioBelow, 1.0},
+    {"trace record, suppressed", "peer, suppressed", bench::Aim::NanosecondsBelow, 3.0},
+    {"pool block 32, null pool", "malloc+memset+free 32", bench::Aim::RatioAtMost, 1.3},
+    {"pool block 32, default pool", "malloc+memset+free 32", bench::Aim::RatioAtMost, 1.3},
 };
-
-constexpr Comparison kComparisons[] = {
-    {"trace record, stored", "vsnprintf, same text", Aim::RatioAtMost, 1.5},
-    {"trace record, stored", "peer ring sink, same message", Aim::RatioBelow, 1.0},
-    {"trace record, suppressed", "peer, suppressed", Aim::NanosecondsBelow, 3.0},
-    {"pool block 32, null pool", "malloc+memset+free 32", Aim::RatioAtMost, 1.3},
-    {"pool block 32, default pool", "malloc+memset+free 32", Aim::RatioAtMost, 1.3},
-};
-
-double toNanoseconds(double value, benchmark::TimeUnit unit) {
-    switch (unit) {
-    case benchmark::kNanosecond:
-        return value;
-    case benchmark::kMicrosecond:
-        return value * 1e3;
-    case benchmark::kMillisecond:
-        return value * 1e6;
-    case benchmark::kSecond:
-        return value * 1e9;
-    }
-    return value;
-}
-
-double fastest(const std::vector<double> &times) { return *std::min_element(times.begin(), times.end()); }
-
-// Shows what the console reporter shows and keeps the best CPU time per
-// iteration of each benchmark for the table.
-class BestKeeper : public benchmark::ConsoleReporter {
-  public:
-    void ReportRuns(const std::vector<Run> &runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run &run : runs) {
-            if (run.error_occurred) failed_.push_back(run.run_name.function_name);
-            if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "min")
-                best_[run.run_name.function_name] = toNanoseconds(run.GetAdjustedCPUTime(), run.time_unit);
-        }
-    }
-
-    const double *best(const std::string &name) const {
-        auto found = best_.find(name);
-        return found != best_.end() ? &found->second : nullptr;
-    }
-
-    const std::vector<std::string> &failed() const { return failed_; }
-
-  private:
-    std::map<std::string, double> best_;
-    std::vector<std::string> failed_;
-};
-
-std::string aimText(const Comparison &c) {
-    char text[32];
-    switch (c.aim) {
-    case Aim::RatioAtMost:
-        snprintf(text, sizeof text, "<= %.2gx", c.limit);
-        break;
-    case Aim::RatioBelow:
-        snprintf(text, sizeof text, "< %.2gx", c.limit);
-        break;
-    case Aim::NanosecondsBelow:
-        snprintf(text, sizeof text, "< %.2g ns", c.limit);
-        break;
-    }
-    return text;
-}
-
-bool aimMet(const Comparison &c, double figure, double ratio) {
-    switch (c.aim) {
-    case Aim::RatioAtMost:
-        return ratio <= c.limit;
-    case Aim::RatioBelow:
-        return ratio < c.limit;
-    case Aim::NanosecondsBelow:
-        return figure < c.limit;
-    }
-    return false;
-}
-
-// The table, in Markdown so that it goes into docs/performance.md as it is.
-int printRatios(const BestKeeper &keeper) {
-    printf("\nCPU time per operation, best of %d repetitions:\n\n", kRepetitions);
-    printf("| figure | ns | baseline | ns | ratio | aim | |\n");
-    printf("| --- | ---: | --- | ---: | ---: | --- | --- |\n");
-    int missed = 0;
-    int compared = 0;
-    for (const Comparison &c : kComparisons) {
-        const double *figure = keeper.best(c.figure);
-        const double *baseline = keeper.best(c.baseline);
-        if (figure == nullptr || baseline == nullptr) {
-            printf("| %s | - | %s | - | - | %s | not run |\n", c.figure, c.baseline, aimText(c).c_str());
-            continue;
-        }
-        const double ratio = *figure / *baseline;
-        const bool met = aimMet(c, *figure, ratio);
-        missed += met ? 0 : 1;
-        ++compared;
-        printf("| %s | %.2f | %s | %.2f | %.2fx | %s | %s |\n", c.figure, *figure, c.baseline, *baseline, ratio,
-               aimText(c).c_str(), met ? "met" : "MISSED");
-    }
-    for (const std::string &name : keeper.failed()) printf("\nfailed: %s\n", name.c_str());
-    printf("\n%d of %d aims missed\n", missed, compared);
-    return keeper.failed().empty() ? 0 : 1;
-}
 
 } // namespace
 
 int main(int argc, char **argv) {
     if (!ContextInitialize()) return 1;
-    for (const Entry &entry : kBenchmarks)
-        benchmark::RegisterBenchmark(entry.name, entry.run)
-            ->Repetitions(kRepetitions)
-            ->MinTime(kSecondsPerRepetition)
-            ->ComputeStatistics("min", fastest)
-            ->DisplayAggregatesOnly(true);
-
-    // Shuffled repetitions unless the command line says otherwise.
-    std::vector<char *> arguments(argv, argv + argc);
-    char interleave[] = "--benchmark_enable_random_interleaving=true";
-    arguments.insert(arguments.begin() + 1, interleave);
-    int count = static_cast<int>(arguments.size());
-    arguments.push_back(nullptr);
-    benchmark::Initialize(&count, arguments.data());
-    if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return 1;
-
-    BestKeeper keeper;
-    benchmark::RunSpecifiedBenchmarks(&keeper);
-    benchmark::Shutdown();
-    const int status = printRatios(keeper);
+    const int status = bench::run(argc, argv, kBenchmarks, kComparisons);
     ContextReleaseThread();
     return status;
 }

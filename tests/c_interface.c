@@ -6,10 +6,11 @@
 
 int main(void) {
     if (!ContextInitialize() || ContextGet() != &gtLmContext) return 1;
+    int32_t before = MemUsedCount();
     void *block = MemAllocateFromPool(10, MemGetDefaultPoolId());
-    if (block == NULL || MemUsedCount() != 1) return 2;
+    if (block == NULL || MemUsedCount() != before + 1) return 2;
     MemFreeInternal(&block);
-    if (block != NULL || MemUsedCount() != 0) return 3;
+    if (block != NULL || MemUsedCount() != before) return 3;
     TracePosition position;
     if (!TraceGetPosition(&position) && TraceGetBuffer() == NULL) return 4;
     ContextReleaseThread();

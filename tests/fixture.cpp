@@ -35,6 +35,9 @@ constexpr MemPoolOperations kPoolOperations = {nullptr, poolAllocate, poolFree, 
 
 } // namespace
 
+// Blocks in use, less those that templates keep until the process ends.
+int32_t LibraryTest::blocksInUse() { return MemUsedCount() - fh::objectTemplateBlocks(); }
+
 TestPool &testPool(int failFrom) {
     gPool = {{MEM_POOL_MAGIC, &kPoolOperations}, failFrom, 0, 0, 0, TRUE, false};
     return gPool;
@@ -67,11 +70,13 @@ void LibraryTest::SetUp() {
     setenv("FHHOME", home_.c_str(), 1);
     ASSERT_TRUE(ContextInitialize());
     TraceSetLevel(TRACE_LEVEL_LIBVERBOSE);
-    memUsedAtStart_ = MemUsedCount();
+    memUsedAtStart_ = blocksInUse();
+    objectsAtStart_ = ObjCount();
 }
 
 void LibraryTest::TearDown() {
-    EXPECT_EQ(MemUsedCount(), memUsedAtStart_) << "blocks leaked by the test";
+    EXPECT_EQ(blocksInUse(), memUsedAtStart_) << "blocks leaked by the test";
+    EXPECT_EQ(ObjCount(), objectsAtStart_) << "objects leaked by the test";
     std::error_code ignored;
     std::filesystem::remove_all(home_, ignored);
 }

@@ -2,7 +2,8 @@
 //
 // LibraryTest gives each test a fresh home directory (FHHOME) under a
 // temporary folder and checks at teardown that the blocks in use are back
-// where the test found them, so every test is also a leak test.
+// where the test found them, and so are the objects in use, so every test
+// is also a leak test.
 #ifndef FHCORE_TESTS_FIXTURE_H
 #define FHCORE_TESTS_FIXTURE_H
 
@@ -29,8 +30,11 @@ protected:
     static bool traced(const char *module, int32_t id, const std::string &text);
 
 private:
+    static int32_t blocksInUse();
+
     std::string home_;
     int32_t memUsedAtStart_ = 0;
+    int32_t objectsAtStart_ = 0;
 };
 
 // A pool of the test's own, for the error paths: its blocks arrive full of

@@ -21,10 +21,6 @@ struct LmContext {
     int32_t iMemMax;
     int32_t iMemAllocations;
 
-    /* Strings: the StrToken cursor and the character it overwrote. */
-    char *pStrTokenCursor;
-    int32_t iStrTokenSaved;
-
     /* Trace. */
     TraceCallback pfnTraceCallback;
     int32_t bTraceSuspended;
@@ -34,6 +30,17 @@ struct LmContext {
     TraceBuffer *pTraceOwnBuffer;  /* the context's own ring */
     int32_t bTraceUseKeelTime;
     int32_t iTraceFileDescriptor;  /* -1 when no trace file is open */
+
+    /* Strings: the StrToken cursor and the character it overwrote. */
+    char *pStrTokenCursor;
+    int32_t iStrTokenSaved;
+
+    /* Object core: objects in use, the highest value it has had, all made;
+     * the object that tag stepping writes to. */
+    int32_t iObjUsed;
+    int32_t iObjMax;
+    int32_t iObjAllocations;
+    void *pObjTagTarget;
 
     /* Process: where the counters are copied for other processes to read. */
     unsigned char *pProcessTableEntry;

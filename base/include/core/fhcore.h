@@ -10,5 +10,9 @@
 #include "trace.h"
 #include "context.h"
 #include "strbase.h"
+#include "objviewinfo.h"
+#include "object.h"
+#include "map.h"
+#include "objmap.h"
 
 #endif /* FHCORE_FHCORE_H */

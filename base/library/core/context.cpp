@@ -46,6 +46,9 @@ struct Module {
 constexpr Module kModules[] = {
     {"Trace", 390, TraceInitialize, TraceInitializeThread, TraceReleaseThread},
     {"Memory", 395, MemoryInitialize, [](LmContext *) { return MemoryInitializeThread(); }, MemoryReleaseThread},
+    {"Map", 415, MapInitialize, [](LmContext *) { return MapInitializeThread(); }, MapReleaseThread},
+    {"Obj", 420, ObjInitialize, [](LmContext *) { return ObjInitializeThread(); }, ObjReleaseThread},
+    {"ObjMap", 435, ObjMapInitialize, [](LmContext *) { return ObjMapInitializeThread(); }, ObjMapReleaseThread},
     {"StrBase", 450, StrBaseInitialize, StrBaseInitializeThread, StrBaseReleaseThread},
 };
 constexpr size_t kModuleCount = std::size(kModules);

@@ -50,6 +50,15 @@ enum ProcessEntryOffset : size_t {
 // machine's byte order.
 void processEntryStore(size_t offset, int32_t value);
 
+// Blocks that templates, the template table and run-time names hold until
+// the process ends; a leak check leaves them out.
+int32_t objectTemplateBlocks();
+
+// Builds a template outside the table and frees it again: how a format that
+// arrived from elsewhere is parsed, for the fuzz target.
+ObjectTemplate *objectTemplateBuild(int32_t size, uint32_t magic, const char *format);
+void objectTemplateFree(ObjectTemplate *objectTemplate);
+
 } // namespace fh
 
 #endif // FHCORE_INTERNAL_H

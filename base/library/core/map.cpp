@@ -1,0 +1,197 @@
+// map.cpp - MAP, the sorted map of fixed-size entries, and the sorted array
+// that MAP and OBJ_MAP share.
+//
+// The array is sorted by Locate and holds no two entries that compare equal.
+// Insertion moves the tail up by one entry; removal moves it down. Find must
+// order keys as Locate orders entries, so one binary search serves both.
+#include <cstring>
+
+#include "internal.h"
+#include "mapcore.h"
+
+namespace {
+
+constexpr fh::ModuleTracer trace{"MAP        "};
+MemPool *gPool = nullptr;
+ObjectTemplate *gMapTemplate = nullptr;
+constexpr int32_t kDefaultGrowth = 64;
+
+static_assert(sizeof(MAP) == sizeof(OBJ_MAP) && offsetof(MAP, oData) == offsetof(OBJ_MAP, oData),
+              "MAP and OBJ_MAP share one layout");
+
+MemPool *pool() { return gPool != nullptr ? gPool : (gPool = MemGetDefaultPoolId()); }
+
+inline bool isMap(const MAP *map) { return map != nullptr && ObjCheckTypeInternal(map, MAP_MAGIC); }
+
+void releaseEntry(MAP *map, void *entry) {
+    if (map->pfnReleaseEntry != nullptr) map->pfnReleaseEntry(entry);
+}
+
+} // namespace
+
+namespace fh {
+
+MapSlot mapSearch(const MAP *map, int32_t entrySize, bool indirect, MapCompareFunction compare,
+                  const void *argument) {
+    int32_t low = 0, high = map->iCount - 1, middle = 0, c = 0;
+    while (low <= high) {
+        middle = (low + high) / 2;
+        const void *entry = mapEntryAt(map, entrySize, middle);
+        c = compare(argument, indirect ? *static_cast<void *const *>(entry) : entry);
+        if (c == 0) return {true, middle};
+        if (c < 0)
+            high = middle - 1;
+        else
+            low = middle + 1;
+    }
+    return {false, c > 0 ? middle + 1 : middle};
+}
+
+void mapInsertAt(MAP *map, int32_t entrySize, int32_t index, const void *entry) {
+    if (map->iCount == map->iCapacity) {
+        const int32_t capacity = map->iCapacity + map->iGrowBy;
+        const size_t bytes = static_cast<size_t>(capacity) * entrySize;
+        void *grown = MemAllocateFromPool(bytes, pool());
+        MemCopy(grown, map->oData.pData, static_cast<size_t>(map->iCount) * entrySize);
+        MemFreeInternal(&map->oData.pData);
+        map->oData.pData = grown;
+        map->oData.iSize = static_cast<int32_t>(bytes);
+        map->iCapacity = capacity;
+    }
+    char *at = static_cast<char *>(mapEntryAt(map, entrySize, index));
+    MemCopy(at + entrySize, at, static_cast<size_t>(map->iCount - index) * entrySize);
+    memcpy(at, entry, static_cast<size_t>(entrySize));
+    ++map->iCount;
+}
+
+void mapRemoveAt(MAP *map, int32_t entrySize, int32_t index) {
+    char *at = static_cast<char *>(mapEntryAt(map, entrySize, index));
+    --map->iCount;
+    MemCopy(at, at + entrySize, static_cast<size_t>(map->iCount - index) * entrySize);
+}
+
+bool mapSetUp(MAP *map, int32_t firstWord, int32_t entrySize, int32_t growBy, MapCompareFunction locate,
+              MapCompareFunction find, MapReleaseEntryFunction releaseEntry) {
+    map->iEntrySize = firstWord;
+    map->iGrowBy = growBy != 0 ? growBy : kDefaultGrowth;
+    map->iCapacity = map->iGrowBy;
+    map->pfnLocate = locate;
+    map->pfnFind = find;
+    map->pfnReleaseEntry = releaseEntry;
+    map->oData.iSize = map->iCapacity * entrySize;
+    map->oData.pData = MemAllocateFromPool(static_cast<size_t>(map->oData.iSize), pool());
+    return true;
+}
+
+} // namespace fh
+
+BOOL MapCreate(MAP **out, int32_t entrySize, int32_t growBy, MapCompareFunction locate, MapCompareFunction find,
+               MapReleaseEntryFunction releaseEntry) {
+    BOOL ok = out != nullptr && locate != nullptr && entrySize > 0 && growBy >= 0;
+    if (ok) {
+        auto *map = static_cast<MAP *>(ObjTemplateNewInstanceFromPool(gMapTemplate, pool()));
+        if (map == nullptr) {
+            trace(2, 0, 3, "Failed to create MAP object");
+            ok = FALSE;
+        } else {
+            fh::mapSetUp(map, entrySize, entrySize, growBy, locate, find, releaseEntry);
+            *out = map;
+        }
+    }
+    trace(3, 0, 3, "%s = MapCreate(%p, %ld, %ld, %p, %p, %p)", fh::boolText(ok), static_cast<void *>(out),
+          static_cast<long>(entrySize), static_cast<long>(growBy), reinterpret_cast<void *>(locate),
+          reinterpret_cast<void *>(find), reinterpret_cast<void *>(releaseEntry));
+    return ok;
+}
+
+int32_t MapSize(const MAP *map) { return isMap(map) ? map->iCount : -1; }
+
+BOOL MapInsertEntry(MAP *map, const void *entry) {
+    if (!isMap(map) || entry == nullptr) return FALSE;
+    const fh::MapSlot slot = fh::mapSearch(map, map->iEntrySize, false, map->pfnLocate, entry);
+    if (slot.found) {
+        trace(5, 0, 3, "Entry is already in map");
+        return FALSE;
+    }
+    fh::mapInsertAt(map, map->iEntrySize, slot.index, entry);
+    return TRUE;
+}
+
+BOOL MapUpdateEntry(MAP *map, const void *entry) {
+    if (!isMap(map) || entry == nullptr) return FALSE;
+    const fh::MapSlot slot = fh::mapSearch(map, map->iEntrySize, false, map->pfnLocate, entry);
+    if (!slot.found) {
+        fh::mapInsertAt(map, map->iEntrySize, slot.index, entry);
+        return TRUE;
+    }
+    void *stored = fh::mapEntryAt(map, map->iEntrySize, slot.index);
+    releaseEntry(map, stored);
+    memcpy(stored, entry, static_cast<size_t>(map->iEntrySize));
+    return TRUE;
+}
+
+namespace {
+
+BOOL removeFound(MAP *map, MapCompareFunction compare, const void *argument) {
+    if (!isMap(map) || argument == nullptr) return FALSE;
+    const fh::MapSlot slot = fh::mapSearch(map, map->iEntrySize, false, compare, argument);
+    if (!slot.found) return FALSE;
+    releaseEntry(map, fh::mapEntryAt(map, map->iEntrySize, slot.index));
+    fh::mapRemoveAt(map, map->iEntrySize, slot.index);
+    return TRUE;
+}
+
+} // namespace
+
+BOOL MapRemoveEntry(MAP *map, const void *entry) { return removeFound(map, map != nullptr ? map->pfnLocate : nullptr, entry); }
+
+BOOL MapDeleteEntry(MAP *map, const void *key) { return removeFound(map, map != nullptr ? fh::mapFinder(map) : nullptr, key); }
+
+BOOL MapFindEntry(void **out, const MAP *map, const void *key) {
+    if (!isMap(map) || key == nullptr) return FALSE;
+    const fh::MapSlot slot = fh::mapSearch(map, map->iEntrySize, false, fh::mapFinder(map), key);
+    if (slot.found && out != nullptr) *out = fh::mapEntryAt(map, map->iEntrySize, slot.index);
+    return slot.found;
+}
+
+BOOL MapFindAndCopyEntry(void *out, const MAP *map, const void *key) {
+    void *stored = nullptr;
+    if (out == nullptr || !MapFindEntry(&stored, map, key)) return FALSE;
+    memcpy(out, stored, static_cast<size_t>(map->iEntrySize));
+    return TRUE;
+}
+
+BOOL MapWalk(MAP *map, MapWalkFunction callback, void *cookie) {
+    if (!isMap(map) || callback == nullptr) return FALSE;
+    BOOL result = TRUE;
+    for (int32_t i = 0; i < map->iCount && result; ++i) result = callback(fh::mapEntryAt(map, map->iEntrySize, i), cookie);
+    return result;
+}
+
+BOOL MapSearch(void **out, MAP *map, MapWalkFunction predicate, void *argument) {
+    if (!isMap(map) || predicate == nullptr) return FALSE;
+    for (int32_t i = 0; i < map->iCount; ++i) {
+        void *entry = fh::mapEntryAt(map, map->iEntrySize, i);
+        if (predicate(entry, argument)) {
+            if (out != nullptr) *out = entry;
+            return TRUE;
+        }
+    }
+    return FALSE;
+}
+
+BOOL MapReleaseEntries(void *object) {
+    auto *map = static_cast<MAP *>(object);
+    if (!isMap(map)) return FALSE;
+    for (int32_t i = 0; i < map->iCount; ++i) releaseEntry(map, fh::mapEntryAt(map, map->iEntrySize, i));
+    map->iCount = 0;
+    return TRUE;
+}
+
+BOOL MapInitialize(void) {
+    return ObjTemplateCreateInternal(&gMapTemplate, sizeof(MAP), MAP_MAGIC, MAP_FORMAT, MapReleaseEntries);
+}
+
+BOOL MapInitializeThread(void) { return TRUE; }
+
+void MapReleaseThread(LmContext *) {}

@@ -1,0 +1,48 @@
+// mapcore.h - the sorted array under MAP and OBJ_MAP.
+//
+// Both map types have the same fields; an OBJ_MAP is a map whose entries are
+// object pointers. The array holds Count entries of a fixed size, sorted by
+// Locate, in one pool block of Capacity entries that grows by GrowBy.
+#ifndef FHCORE_MAPCORE_H
+#define FHCORE_MAPCORE_H
+
+#include "core/map.h"
+#include "core/objmap.h"
+
+namespace fh {
+
+struct MapSlot {
+    bool found;
+    int32_t index; // of the entry found, or where it would be inserted
+};
+
+inline void *mapEntryAt(const MAP *map, int32_t entrySize, int32_t index) {
+    return static_cast<char *>(map->oData.pData) + static_cast<size_t>(index) * entrySize;
+}
+
+// Binary search with compare(argument, stored), where stored is the entry
+// itself or, for a map of objects (indirect), the object that it holds.
+MapSlot mapSearch(const MAP *map, int32_t entrySize, bool indirect, MapCompareFunction compare,
+                  const void *argument);
+
+// Copies entry in at index, growing the array when it is full.
+void mapInsertAt(MAP *map, int32_t entrySize, int32_t index, const void *entry);
+
+// Closes the gap at index; the caller has released the entry.
+void mapRemoveAt(MAP *map, int32_t entrySize, int32_t index);
+
+// Fills a new map object's fields; FALSE for bad arguments.
+bool mapSetUp(MAP *map, int32_t firstWord, int32_t entrySize, int32_t growBy, MapCompareFunction locate,
+              MapCompareFunction find, MapReleaseEntryFunction releaseEntry);
+
+inline MapCompareFunction mapFinder(const MAP *map) {
+    return map->pfnFind != nullptr ? map->pfnFind : map->pfnLocate;
+}
+
+// OBJ_MAP has the layout of MAP, with the item magic in the first word.
+inline MAP *asMap(OBJ_MAP *map) { return reinterpret_cast<MAP *>(map); }
+inline const MAP *asMap(const OBJ_MAP *map) { return reinterpret_cast<const MAP *>(map); }
+
+} // namespace fh
+
+#endif // FHCORE_MAPCORE_H

@@ -1,0 +1,866 @@
+// object.cpp - templates, the component format language, reference counts.
+//
+// Types. TemplateTable is an array of template pointers sorted by magic; it
+// only grows (by 516 entries) and is kept sorted by insertion, never sorted
+// again. Templates live until the process ends. A template holds the parsed
+// format: one ComponentEntry per component with its payload offset, laid out
+// as the C struct of the same fields would be on this machine.
+//
+// Objects. Block header, ObjectHeader, payload, end magic, guard word. The
+// start and end magic agree while an object lives; the start magic is
+// cleared when it dies, so a stale pointer fails every magic test for as long
+// as its memory is not reused.
+//
+// Release never recurses along references. An object whose count reaches 0
+// is "dying": its release callback has run, its start magic is 0, and it
+// waits on a stack of dying objects linked through its EndMagic header field
+// (restored before the block is freed, so a stale pointer still finds its end
+// magic). The release loop takes dying objects off that stack, drops the
+// references their components hold (which may make more objects dying) and
+// frees them. A list of a million nodes or a tree with a long sibling chain
+// is therefore released in constant stack.
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <span>
+
+#include "core/map.h"
+#include "core/strbase.h"
+#include "internal.h"
+
+namespace {
+
+constexpr fh::ModuleTracer trace{"OBJECT        "};
+MemPool *gPool = nullptr;
+
+MemPool *pool() { return gPool != nullptr ? gPool : (gPool = MemGetDefaultPoolId()); }
+
+// Per datatype: payload bytes and alignment on this machine, bytes in the
+// stored form, and whether the object owns what the component points at.
+struct DatatypeInfo {
+    int32_t size;
+    int32_t align;
+    int32_t dbSize;
+    bool owns;
+};
+constexpr int32_t kPtr = sizeof(void *);
+constexpr DatatypeInfo kDatatypes[] = {
+    {0, 1, 0, false},                                                  // 0 none
+    {4, 4, 4, false},                                                  // 1 b
+    {4, 4, 4, false},                                                  // 2 i
+    {kPtr, kPtr, 8, true},                                             // 3 s
+    {kPtr, kPtr, 8, true},                                             // 4 o, L
+    {kPtr, kPtr, 0, false},                                            // 5 l
+    {kPtr, kPtr, 8, true},                                             // 6 z
+    {sizeof(ObjData), alignof(ObjData), 8, true},                      // 7 d
+    {0, 4, 8, false},                                                  // 8 c, n: size from the format
+    {sizeof(ObjViewInfo), alignof(ObjViewInfo), 0, true},              // 9 v
+    {sizeof(int64_t), alignof(int64_t), 8, false},                     // 10 I
+    {32, 4, 32, false},                                                // 11 u
+    {kPtr, kPtr, 0, false},                                            // 12 p
+};
+
+constexpr int32_t datatypeOfLetter(char letter) {
+    switch (letter) {
+    case 'b': return eObjBoolean;
+    case 'i': return eObjInteger;
+    case 's': return eObjString;
+    case 'o': case 'L': return eObjObject;
+    case 'l': return eObjBackLink;
+    case 'z': return eObjStanza;
+    case 'd': return eObjData;
+    case 'c': case 'n': return eObjInline;
+    case 'v': return eObjViewInfo;
+    case 'I': return eObjInt64;
+    case 'u': return eObjUnique;
+    case 'p': return eObjPointer;
+    default: return eObjNone;
+    }
+}
+
+// The largest payload a format may describe; formats also arrive from peers.
+constexpr int64_t kLargestPayload = int64_t{1} << 28;
+constexpr size_t kHeaderSize = sizeof(ObjectHeader);
+constexpr int32_t kEndMagicSize = sizeof(uint32_t);
+
+// The table of templates, sorted by magic.
+ObjectTemplate **gTable = nullptr;
+int32_t gTableCount = 0;
+int32_t gTableCapacity = 0;
+constexpr int32_t kTableGrowth = 516;
+int32_t gTemplateBlocks = 0; // blocks that templates and their table hold for good
+
+// Names given at run time: entries of (magic, name) in a MAP.
+struct NameEntry {
+    uint32_t magic;
+    char *name;
+};
+MAP *gNameMap = nullptr;
+
+inline ObjectHeader *headerOf(const void *object) {
+    return reinterpret_cast<ObjectHeader *>(const_cast<char *>(static_cast<const char *>(object)) - kHeaderSize);
+}
+
+inline char *payloadOf(ObjectHeader *header) { return reinterpret_cast<char *>(header) + kHeaderSize; }
+
+inline uint32_t endMagicOf(const ObjectHeader *header) {
+    uint32_t magic;
+    memcpy(&magic, header->EndMagic, sizeof magic);
+    return magic;
+}
+
+template <typename T> inline T &field(void *object, const ComponentEntry &entry) {
+    return *reinterpret_cast<T *>(static_cast<char *>(object) + entry.Offset);
+}
+
+void storeCounters() {
+    const LmContext &c = gtLmContext;
+    if (c.pProcessTableEntry == nullptr) return;
+    fh::processEntryStore(fh::kEntryObjUsed, c.iObjUsed);
+    fh::processEntryStore(fh::kEntryObjMax, c.iObjMax);
+    fh::processEntryStore(fh::kEntryObjAllocations, c.iObjAllocations);
+}
+
+int32_t compareMagic(uint32_t a, uint32_t b) { return a < b ? -1 : a > b ? 1 : 0; }
+
+// Binary search of the table: found, and the index (or insertion index).
+std::pair<bool, int32_t> findTemplate(uint32_t magic) {
+    int32_t low = 0, high = gTableCount - 1, middle = 0, c = 0;
+    while (low <= high) {
+        middle = (low + high) / 2;
+        c = compareMagic(magic, gTable[middle]->Magic);
+        if (c == 0) return {true, middle};
+        if (c < 0)
+            high = middle - 1;
+        else
+            low = middle + 1;
+    }
+    return {false, c > 0 ? middle + 1 : middle};
+}
+
+void insertTemplate(int32_t index, ObjectTemplate *objectTemplate) {
+    if (gTableCount == gTableCapacity) {
+        const int32_t capacity = gTableCapacity + kTableGrowth;
+        auto **table = static_cast<ObjectTemplate **>(MemAllocateFromPool(capacity * sizeof(ObjectTemplate *), pool()));
+        if (gTable != nullptr) MemCopy(table, gTable, gTableCount * sizeof *table);
+        if (!MemFreeInternal(&gTable)) ++gTemplateBlocks;
+        gTable = table;
+        gTableCapacity = capacity;
+    }
+    std::copy_backward(gTable + index, gTable + gTableCount, gTable + gTableCount + 1);
+    gTable[index] = objectTemplate;
+    ++gTableCount;
+}
+
+const char *nameFromNameMap(uint32_t magic) {
+    void *entry = nullptr;
+    if (gNameMap == nullptr || !MapFindEntry(&entry, gNameMap, &magic)) return nullptr;
+    return static_cast<NameEntry *>(entry)->name;
+}
+
+char *newTemplateName(uint32_t magic) {
+    if (const char *known = nameFromNameMap(magic)) return StrDuplicateIntoPool(known, pool());
+    char unknown[48];
+    snprintf(unknown, sizeof unknown, "Unknown object magic 0x%08lx", static_cast<unsigned long>(magic));
+    return StrDuplicateIntoPool(unknown, pool());
+}
+
+// Parses format into entries (when given); the payload size, or -1 when the
+// format describes more than an object may hold.
+struct Layout {
+    int32_t fieldCount = 0;
+    int64_t payload = 0;
+    int32_t dbSize = 16;
+    bool simple = true;
+    bool invalidDb = false;
+};
+
+Layout layOut(const char *format, ComponentEntry *entries) {
+    Layout layout;
+    int32_t maxAlign = 1;
+    for (const char *cursor = ObjFirstComponent(format); *cursor != '\0'; cursor = ObjNextComponent(cursor)) {
+        const int32_t datatype = ObjComponentDatatype(cursor);
+        if (datatype == eObjNone) break;
+        const DatatypeInfo &info = kDatatypes[datatype];
+        const int32_t size = datatype == eObjInline ? ObjInlineSize(cursor) : info.size;
+        layout.payload = (layout.payload + info.align - 1) / info.align * info.align;
+        maxAlign = std::max(maxAlign, info.align);
+        if (entries != nullptr) {
+            ComponentEntry &e = entries[layout.fieldCount];
+            e.Datatype = datatype;
+            e.Offset = static_cast<int32_t>(std::min(layout.payload, kLargestPayload));
+            e.DbOffset = layout.dbSize;
+            e.InlineSize = datatype == eObjInline ? ObjInlineSizeUsed(cursor) : 0;
+            e.Local = (ObjComponentModifiers(cursor) & OBJ_MODIFIER_LOCAL) != 0;
+        }
+        layout.payload += size;
+        layout.dbSize += info.dbSize;
+        layout.simple = layout.simple && !info.owns;
+        layout.invalidDb = layout.invalidDb || datatype == eObjBackLink || datatype == eObjPointer;
+        ++layout.fieldCount;
+        if (layout.payload > kLargestPayload) break;
+    }
+    layout.payload = (layout.payload + maxAlign - 1) / maxAlign * maxAlign;
+    return layout;
+}
+
+ObjectTemplate *buildTemplate(int32_t size, uint32_t magic, const char *format, ObjReleaseCallback releaseCallback) {
+    const Layout counted = layOut(format, nullptr);
+    if (counted.payload > kLargestPayload || (size != -1 && size != counted.payload)) {
+        trace(3, 1, 2, "Object Template Error, computed size %ld given %ld for \"%s\"",
+              static_cast<long>(std::min(counted.payload, kLargestPayload)), static_cast<long>(size), format);
+        return nullptr;
+    }
+    auto *t = static_cast<ObjectTemplate *>(
+        MemAllocateFromPool(sizeof(ObjectTemplate) + counted.fieldCount * sizeof(ComponentEntry), pool()));
+    ObjectDescriptor &d = t->Descriptor;
+    d.Entries = reinterpret_cast<ComponentEntry *>(t + 1);
+    const Layout layout = layOut(format, d.Entries);
+    t->Magic = magic;
+    t->Name = newTemplateName(magic);
+    t->Simple = layout.simple;
+    t->ReleaseCallback = releaseCallback;
+    t->Foreign = size == -1;
+    trace(66, 0, 3, "Add a new template %s magic 0x%lx '%s'", t->Name, static_cast<unsigned long>(magic), format);
+    d.Format = StrDuplicateIntoPool(format, pool());
+    d.FieldCount = layout.fieldCount;
+    d.ObjSize = static_cast<int32_t>(layout.payload) + static_cast<int32_t>(kHeaderSize) + kEndMagicSize;
+    d.DbSize = layout.dbSize;
+    d.InvalidDb = layout.invalidDb;
+    gTemplateBlocks += 3;
+    trace(79, 0, 3, "FieldCount %ld ObjSize %ld DbSize %ld InvalidDb %s", static_cast<long>(d.FieldCount),
+          static_cast<long>(d.ObjSize), static_cast<long>(d.DbSize), fh::boolText(d.InvalidDb));
+    return t;
+}
+
+// A template of another shape for a magic that has a translator.
+ObjectTemplate *otherShape(int32_t index, int32_t size, const char *format, ObjReleaseCallback releaseCallback) {
+    ObjectTemplate *head = gTable[index];
+    for (ObjectTemplate *t = head->Next; t != nullptr; t = t->Next)
+        if (strcmp(t->Descriptor.Format, format) == 0) return t;
+    ObjectTemplate *t = buildTemplate(size, head->Magic, format, releaseCallback);
+    if (t == nullptr) return nullptr;
+    t->Translator = head->Translator;
+    if (t->Foreign) return t; // kept outside the chain
+    if (!head->Foreign) {
+        trace(156, 0, -1, "Conflicting object formats");
+        return nullptr;
+    }
+    t->Next = head;
+    gTable[index] = t;
+    return t;
+}
+
+ObjectTemplate *getTemplate(int32_t size, uint32_t magic, const char *format, ObjReleaseCallback releaseCallback) {
+    if (!OBJ_VALID_MAGIC(magic) || format == nullptr) return nullptr;
+    auto [found, index] = findTemplate(magic);
+    ObjectTemplate *result = nullptr;
+    if (!found) {
+        result = buildTemplate(size, magic, format, releaseCallback);
+        if (result != nullptr) insertTemplate(index, result);
+    } else if (ObjectTemplate *t = gTable[index]; strcmp(t->Descriptor.Format, format) == 0) {
+        result = t;
+    } else if (t->Translator == nullptr) {
+        trace(155, 0, -1, "Object '%s' %lx has changed shape from '%s' to '%s'", t->Name,
+              static_cast<unsigned long>(magic), format, t->Descriptor.Format);
+    } else {
+        result = otherShape(index, size, format, releaseCallback);
+    }
+    if (result == nullptr && size != -1) {
+        trace(67, 0, -1, "Failed to get a template, die horribly");
+        ProcCrash(1);
+    }
+    return result;
+}
+
+// The checks in front of a release: 0 when the object may be released.
+bool releasable(void *object) {
+    ObjectHeader *h = headerOf(object);
+    if (!OBJ_VALID_MAGIC(h->StartMagic)) {
+        trace(72, 0, 2, "ObjRelease - Invalid Magic for object at %p", object);
+    } else if (h->StartMagic != endMagicOf(h)) {
+        trace(71, 0, 2, "ObjRelease - Corrupt object at %p", object);
+    } else {
+        return true;
+    }
+    ProcCrash(0);
+    return false;
+}
+
+// Drops one reference. An object that dies is pushed on the dying stack.
+// Gives false for a damaged object or a count that would go below 0.
+bool dropReference(void *object, ObjectHeader *&dying) {
+    if (!releasable(object)) return false;
+    ObjectHeader *h = headerOf(object);
+    if (--h->RefCount < 0) {
+        ++h->RefCount;
+        trace(70, 0, 2, "ObjRelease - reference count below zero for object at %p", object);
+        return false;
+    }
+    if (h->RefCount > 0) return true;
+    if (h->Template->ReleaseCallback != nullptr) h->Template->ReleaseCallback(object);
+    h->StartMagic = 0;
+    LmContext &c = gtLmContext;
+    --c.iObjUsed;
+    if (c.pProcessTableEntry != nullptr) fh::processEntryStore(fh::kEntryObjUsed, c.iObjUsed);
+    --h->Template->Instances;
+    h->EndMagic = reinterpret_cast<uint32_t *>(dying);
+    dying = h;
+    return true;
+}
+
+template <typename T> inline void freeOwned(T *&block) {
+    if (block != nullptr) MemFreeInternal(&block);
+}
+
+// Releases what a dying object's payload owns; false for a format that
+// cannot be walked.
+bool releaseComponents(ObjectHeader *h, ObjectHeader *&dying) {
+    const ObjectTemplate *t = h->Template;
+    if (t->Simple) return true;
+    void *object = payloadOf(h);
+    bool ok = true;
+    const ObjectDescriptor &d = t->Descriptor;
+    for (const ComponentEntry &e : std::span(d.Entries, d.FieldCount)) {
+        switch (e.Datatype) {
+        case eObjNone:
+            trace(22, 1, 2, "ObjRelease - unrecognised component");
+            ok = false;
+            break;
+        case eObjString: freeOwned(field<char *>(object, e)); break;
+        case eObjObject:
+            if (void *&child = field<void *>(object, e); child != nullptr) {
+                dropReference(child, dying);
+                child = nullptr;
+            }
+            break;
+        case eObjData: freeOwned(field<ObjData>(object, e).pData); break;
+        case eObjViewInfo: freeOwned(field<ObjViewInfo>(object, e).pszString); break;
+        default: break;
+        }
+    }
+    return ok;
+}
+
+} // namespace
+
+namespace fh {
+
+int32_t objectTemplateBlocks() { return gTemplateBlocks; }
+
+ObjectTemplate *objectTemplateBuild(int32_t size, uint32_t magic, const char *format) {
+    return buildTemplate(size, magic, format, nullptr);
+}
+
+void objectTemplateFree(ObjectTemplate *objectTemplate) {
+    if (objectTemplate == nullptr) return;
+    MemFreeInternal(&objectTemplate->Name);
+    MemFreeInternal(&objectTemplate->Descriptor.Format);
+    MemFreeInternal(&objectTemplate);
+    gTemplateBlocks -= 3;
+}
+
+} // namespace fh
+
+namespace {
+
+void *newInstance(ObjectTemplate *t, MemPool *from) {
+    if (t == nullptr) {
+        trace(88, 1, -1, "Invalid arguments");
+        ProcCrash(0);
+        return nullptr;
+    }
+    auto *h = static_cast<ObjectHeader *>(MemAllocateFromPool(t->Descriptor.ObjSize, from));
+    char *object = payloadOf(h);
+    h->StartMagic = t->Magic;
+    h->RefCount = 1;
+    h->Template = t;
+    h->EndMagic = reinterpret_cast<uint32_t *>(object + t->Descriptor.ObjSize - kHeaderSize - kEndMagicSize);
+    memcpy(h->EndMagic, &t->Magic, sizeof t->Magic);
+    ++t->Instances;
+    ++t->Created;
+    LmContext &c = gtLmContext;
+    if (++c.iObjUsed > c.iObjMax) c.iObjMax = c.iObjUsed;
+    ++c.iObjAllocations;
+    storeCounters();
+    return object;
+}
+
+// Deep copy by components. Objects shared inside the source (count above 1)
+// are copied once and shared the same way in the copy, through seen.
+struct CopyEntry {
+    const void *source;
+    void *copy;
+};
+
+int32_t comparePointers(const void *a, const void *b) {
+    const auto x = reinterpret_cast<uintptr_t>(a), y = reinterpret_cast<uintptr_t>(b);
+    return x < y ? -1 : x > y ? 1 : 0;
+}
+int32_t locateCopy(const void *a, const void *b) {
+    return comparePointers(static_cast<const CopyEntry *>(a)->source, static_cast<const CopyEntry *>(b)->source);
+}
+int32_t findCopy(const void *key, const void *b) {
+    return comparePointers(key, static_cast<const CopyEntry *>(b)->source);
+}
+
+void *copyObject(const void *source, bool keepLocal, MAP *&seen);
+
+void copyComponent(void *copy, const void *source, const ComponentEntry &e, bool keepLocal, MAP *&seen) {
+    void *from = const_cast<void *>(source);
+    switch (e.Datatype) {
+    case eObjBoolean:
+    case eObjInteger: field<int32_t>(copy, e) = field<int32_t>(from, e); break;
+    case eObjPointer: field<void *>(copy, e) = field<void *>(from, e); break;
+    case eObjString: field<char *>(copy, e) = StrDuplicateIntoPool(field<char *>(from, e), pool()); break;
+    case eObjObject:
+        if (!e.Local || keepLocal) field<void *>(copy, e) = copyObject(field<void *>(from, e), keepLocal, seen);
+        break;
+    case eObjData: {
+        const ObjData &data = field<ObjData>(from, e);
+        ObjData &target = field<ObjData>(copy, e);
+        target.iSize = data.iSize;
+        if (data.pData != nullptr && data.iSize > 0) {
+            target.pData = MemAllocateFromPool(static_cast<size_t>(data.iSize), pool());
+            memcpy(target.pData, data.pData, static_cast<size_t>(data.iSize));
+        }
+        break;
+    }
+    case eObjInline: memcpy(&field<char>(copy, e), &field<char>(from, e), static_cast<size_t>(e.InlineSize)); break;
+    case eObjViewInfo: {
+        const ObjViewInfo &view = field<ObjViewInfo>(from, e);
+        ObjViewInfo &target = field<ObjViewInfo>(copy, e);
+        target.iWord = view.iWord;
+        target.pszString = StrDuplicateIntoPool(view.pszString, pool());
+        break;
+    }
+    case eObjInt64: field<int64_t>(copy, e) = field<int64_t>(from, e); break;
+    case eObjUnique: memcpy(&field<char>(copy, e), &field<char>(from, e), 32); break;
+    case eObjStanza: break; // stanzas are copied by their own module
+    default:
+        trace(90, 1, 2, "ERROR: Unknown type to reconstruct %d", e.Datatype);
+        ProcCrash(0);
+        break;
+    }
+}
+
+void *copyObject(const void *source, bool keepLocal, MAP *&seen) {
+    if (source == nullptr) return nullptr;
+    const ObjectHeader *h = headerOf(source);
+    void *entry = nullptr;
+    if (h->RefCount != 1 && seen != nullptr && MapFindEntry(&entry, seen, source)) {
+        void *copy = static_cast<CopyEntry *>(entry)->copy;
+        ObjIncRefCount(copy);
+        return copy;
+    }
+    void *copy = newInstance(h->Template, pool());
+    trace(89, 0, 3, "ObjCopy(%p, %p, %p)", copy, source, static_cast<void *>(seen));
+    if (h->RefCount != 1) {
+        if (seen == nullptr) MapCreate(&seen, sizeof(CopyEntry), 16, locateCopy, findCopy, nullptr);
+        const CopyEntry pair = {source, copy};
+        MapInsertEntry(seen, &pair);
+    }
+    const ObjectDescriptor &d = h->Template->Descriptor;
+    for (const ComponentEntry &e : std::span(d.Entries, d.FieldCount)) copyComponent(copy, source, e, keepLocal, seen);
+    return copy;
+}
+
+// The quicksort of the interface partitions around its first element. The
+// middle element is moved there first, so input that is already in order
+// (a list sorted again) costs n log n rather than n squared. The smaller part
+// is sorted by recursion and the larger by the loop, so the stack stays
+// logarithmic. A comparison other than -1, 0 or 1 stops it with the array
+// still a permutation of its input.
+template <typename Compare> bool quickSort(void **a, int32_t last, const Compare &compare) {
+    while (last >= 1) {
+        std::swap(a[0], a[last / 2]);
+        void *pivot = a[0];
+        int32_t i = 0, j = last;
+        while (j - i >= 1) {
+            void *x = a[i + 1];
+            const int32_t c = compare(x, pivot);
+            if (c == -1 || c == 0) {
+                a[i++] = x;
+            } else if (c == 1) {
+                std::swap(a[i + 1], a[j--]);
+            } else {
+                a[i] = pivot;
+                return false;
+            }
+        }
+        a[i] = pivot;
+        if (i <= last - j) {
+            if (i >= 2 && !quickSort(a, i - 1, compare)) return false;
+            a += j + 1;
+            last -= j + 1;
+        } else {
+            if (j < last && !quickSort(a + j + 1, last - j - 1, compare)) return false;
+            last = i - 1;
+        }
+    }
+    return true;
+}
+
+int32_t compareNameEntries(const void *a, const void *b) {
+    return compareMagic(*static_cast<const uint32_t *>(a), static_cast<const NameEntry *>(b)->magic);
+}
+
+// Applies a tag list that starts with first; badListId names the caller.
+void applyTags(void *object, int32_t first, va_list pairs, int32_t badListId) {
+    if (first == 0) return;
+    if (first != -2) {
+        trace(badListId, 0, -1, "Bad tags list for object type '%s', starting with tag value %ld",
+              ObjNameFromObject(object), static_cast<long>(first));
+        ProcCrash(0);
+        return;
+    }
+    ObjSetFromTagsVAListInternal(object, pairs);
+}
+
+} // namespace
+
+BOOL ObjTemplateCreateInternal(ObjectTemplate **templateVariable, int32_t size, uint32_t magic, const char *format,
+                               ObjReleaseCallback releaseCallback) {
+    if (templateVariable == nullptr || !OBJ_VALID_MAGIC(magic) || format == nullptr) {
+        trace(34, 0, 2, "Invalid parameters");
+        return FALSE;
+    }
+    ObjectTemplate *t = getTemplate(size, magic, format, releaseCallback);
+    if (t == nullptr) return FALSE;
+    if (*templateVariable != t) *templateVariable = t;
+    return TRUE;
+}
+
+ObjectTemplate *ObjTemplateNewInternal(int32_t size, uint32_t magic, const char *format,
+                                       ObjReleaseCallback releaseCallback) {
+    if (!OBJ_VALID_MAGIC(magic) || format == nullptr) {
+        trace(84, 0, 2, "Invalid parameters");
+        return nullptr;
+    }
+    return getTemplate(size, magic, format, releaseCallback);
+}
+
+void *ObjTemplateNewInstanceFromPool(ObjectTemplate *objectTemplate, MemPool *from) {
+    return newInstance(objectTemplate, from);
+}
+
+BOOL ObjTemplateCreateInstanceFromPool(void **out, ObjectTemplate *objectTemplate, MemPool *from) {
+    if (out == nullptr) {
+        trace(88, 1, -1, "Invalid arguments");
+        ProcCrash(0);
+        return FALSE;
+    }
+    *out = newInstance(objectTemplate, from);
+    return *out != nullptr;
+}
+
+BOOL ObjCreateInternal(void **out, int32_t size, uint32_t magic, const char *format,
+                       ObjReleaseCallback releaseCallback, MemPool *from) {
+    ObjectTemplate *t = out != nullptr ? getTemplate(size, magic, format, releaseCallback) : nullptr;
+    if (t == nullptr) {
+        trace(10, 0, 2, "ObjCreate() failed");
+        ProcCrash(0);
+        return FALSE;
+    }
+    *out = newInstance(t, from);
+    return TRUE;
+}
+
+void *ObjNewInternal(int32_t size, uint32_t magic, const char *format, ObjReleaseCallback releaseCallback,
+                     MemPool *from) {
+    ObjectTemplate *t = getTemplate(size, magic, format, releaseCallback);
+    if (t == nullptr) {
+        trace(81, 0, 2, "ObjNew() failed");
+        ProcCrash(0);
+        return nullptr;
+    }
+    return newInstance(t, from);
+}
+
+BOOL ObjSetTranslatorInternal(int32_t size, uint32_t magic, const char *format, ObjReleaseCallback releaseCallback,
+                              ObjTranslator translator) {
+    ObjectTemplate *t = getTemplate(size, magic, format, releaseCallback);
+    if (t == nullptr) {
+        trace(164, 0, -1, "ObjSetTranslator() failed");
+        ProcCrash(1);
+        return FALSE;
+    }
+    if (t->Translator == translator) return TRUE;
+    if (t->Created != 0) {
+        trace(163, 0, -1, "Cannot set translator after objects have been created");
+        ProcCrash(1);
+        return FALSE;
+    }
+    t->Translator = translator;
+    return TRUE;
+}
+
+ObjTranslator ObjGetTranslator(const void *object) {
+    const ObjectTemplate *t = ObjGetTemplateFromObject(object);
+    return t != nullptr ? t->Translator : nullptr;
+}
+
+const char *ObjFirstComponent(const char *format) { return format; }
+
+const char *ObjNextComponent(const char *cursor) {
+    if (cursor == nullptr) return nullptr;
+    const char *separator = strchr(cursor, ';');
+    return separator != nullptr ? separator + 1 : cursor + strlen(cursor);
+}
+
+int32_t ObjComponentDatatype(const char *cursor) {
+    if (cursor == nullptr || *cursor == '\0') return eObjNone;
+    const int32_t datatype = datatypeOfLetter(*cursor);
+    if (datatype == eObjNone) trace(30, 1, 2, "Invalid component %c", *cursor);
+    return datatype;
+}
+
+int32_t ObjComponentModifiers(const char *cursor) {
+    if (cursor == nullptr || *cursor == '\0') return 0;
+    int32_t modifiers = 0;
+    for (const char *m = cursor + 1; *m != '\0' && *m != ';'; ++m) {
+        if (*m >= '0' && *m <= '9') continue;
+        if (*m == 'l')
+            modifiers |= OBJ_MODIFIER_LOCAL;
+        else
+            trace(29, 1, 2, "Unknown component modifier '%c'", *m);
+    }
+    return modifiers;
+}
+
+int32_t ObjInlineSizeUsed(const char *cursor) {
+    if (cursor == nullptr || *cursor == '\0') return 0;
+    int64_t count = 0;
+    for (const char *digit = cursor + 1; *digit >= '0' && *digit <= '9'; ++digit)
+        count = std::min<int64_t>(count * 10 + (*digit - '0'), kLargestPayload + 1);
+    return static_cast<int32_t>(count);
+}
+
+int32_t ObjInlineSize(const char *cursor) { return (ObjInlineSizeUsed(cursor) + 3) & ~3; }
+
+BOOL ObjIncRefCount(void *object) {
+    if (object == nullptr) return FALSE;
+    ObjectHeader *h = headerOf(object);
+    if (!OBJ_VALID_MAGIC(h->StartMagic)) {
+        trace(26, 0, -1, "ObjIncRefCount - Invalid Magic for object at %p", object);
+        ProcCrash(0);
+        return FALSE;
+    }
+    ++h->RefCount;
+    return TRUE;
+}
+
+BOOL ObjReleaseInternal(void *objectAddress) {
+    if (objectAddress == nullptr) {
+        trace(74, 0, 3, "ObjRelease - Invalid pointer to Object");
+        ProcCrash(0);
+        return FALSE;
+    }
+    void *&slot = *static_cast<void **>(objectAddress);
+    if (slot == nullptr) return FALSE;
+    ObjectHeader *dying = nullptr;
+    if (!dropReference(slot, dying)) return FALSE;
+    slot = nullptr;
+    bool ok = true;
+    while (dying != nullptr) {
+        ObjectHeader *h = dying;
+        dying = reinterpret_cast<ObjectHeader *>(h->EndMagic);
+        ok = releaseComponents(h, dying) && ok;
+        // A stale pointer may still be tested while the memory is not reused.
+        h->EndMagic = reinterpret_cast<uint32_t *>(reinterpret_cast<char *>(h) + h->Template->Descriptor.ObjSize -
+                                                   kEndMagicSize);
+        MemFreeInternal(&h);
+    }
+    return ok;
+}
+
+void ObjRemoveFromLog(void) {}
+
+void ObjCheck(const void *object) {
+    if (object == nullptr) return;
+    const ObjectHeader *h = headerOf(object);
+    if (!OBJ_VALID_MAGIC(h->StartMagic)) {
+        trace(147, 0, -1, "ObjCheck - Invalid Magic for object at %p", object);
+    } else if (h->StartMagic != endMagicOf(h)) {
+        trace(146, 0, -1, "ObjCheck - Corrupt object at %p", object);
+    } else {
+        MemCheck(h);
+        return;
+    }
+    ProcCrash(0);
+}
+
+BOOL ObjGetMagic(const void *object, uint32_t *magic) {
+    if (magic == nullptr) return FALSE;
+    *magic = 0;
+    if (object == nullptr) return FALSE;
+    const ObjectHeader *h = headerOf(object);
+    const uint32_t start = h->StartMagic;
+    if (start != endMagicOf(h)) {
+        trace(28, 1, -1, "Start/end magic disagree - object is corrupt %lx %lx", static_cast<unsigned long>(start),
+              static_cast<unsigned long>(endMagicOf(h)));
+        return FALSE;
+    }
+    if (!OBJ_VALID_MAGIC(start)) {
+        trace(27, 1, -1, "Magic number is present but invalid");
+        return FALSE;
+    }
+    *magic = start;
+    return TRUE;
+}
+
+BOOL ObjHasValidGlobalMagic(const void *object) {
+    uint32_t magic;
+    return ObjGetMagic(object, &magic);
+}
+
+BOOL ObjCheckTypeInternal(const void *object, uint32_t magic) {
+    uint32_t actual;
+    return ObjGetMagic(object, &actual) && actual == magic;
+}
+
+const char *ObjNameFromObject(const void *object) {
+    if (object == nullptr) return "NULL Object";
+    if (!ObjHasValidGlobalMagic(object)) return "Invalid Object";
+    return headerOf(object)->Template->Name;
+}
+
+const char *ObjNameFromMagic(uint32_t magic) {
+    if (magic == 0) return "No Magic";
+    if (!OBJ_VALID_MAGIC(magic)) return "Invalid Magic";
+    auto [found, index] = findTemplate(magic);
+    return found ? gTable[index]->Name : "Unknown Object";
+}
+
+BOOL ObjSetObjName(uint32_t magic, const char *name) {
+    if (!OBJ_VALID_MAGIC(magic) || name == nullptr || *name == '\0' || nameFromNameMap(magic) != nullptr)
+        return FALSE;
+    const NameEntry entry = {magic, StrDuplicateIntoPool(name, pool())};
+    if (!MapInsertEntry(gNameMap, &entry)) {
+        char *unused = entry.name;
+        MemFreeInternal(&unused);
+        return FALSE;
+    }
+    ++gTemplateBlocks;
+    if (auto [found, index] = findTemplate(magic); found) {
+        MemFreeInternal(&gTable[index]->Name);
+        gTable[index]->Name = StrDuplicateIntoPool(name, pool());
+    }
+    return TRUE;
+}
+
+ObjectTemplate *ObjGetTemplateFromObject(const void *object) {
+    return ObjHasValidGlobalMagic(object) ? headerOf(object)->Template : nullptr;
+}
+
+ObjectDescriptor *ObjGetDbData(const void *object) {
+    ObjectTemplate *t = ObjGetTemplateFromObject(object);
+    return t != nullptr ? &t->Descriptor : nullptr;
+}
+
+ObjectDescriptor *ObjGetDbDataFromTemplate(ObjectTemplate *objectTemplate) {
+    return objectTemplate != nullptr ? &objectTemplate->Descriptor : nullptr;
+}
+
+const char *ObjGetFormat(const ObjectTemplate *objectTemplate) {
+    return objectTemplate != nullptr ? objectTemplate->Descriptor.Format : nullptr;
+}
+
+const char *ObjGetDescriptor(const void *object) { return ObjGetFormat(ObjGetTemplateFromObject(object)); }
+
+BOOL ObjGetViewInfo(ObjViewInfo *out, const void *object) {
+    if (out == nullptr || object == nullptr) return FALSE;
+    const ObjectDescriptor *d = ObjGetDbData(object);
+    if (d == nullptr || d->FieldCount < 1 || d->Entries[0].Datatype != eObjViewInfo) {
+        *out = ObjViewInfo{-1, nullptr, nullptr};
+        return FALSE;
+    }
+    *out = field<ObjViewInfo>(const_cast<void *>(object), d->Entries[0]);
+    return TRUE;
+}
+
+int32_t ObjGetInstanceCount(uint32_t magic) {
+    auto [found, index] = findTemplate(magic);
+    return found ? gTable[index]->Instances : -1;
+}
+
+// The byte form of objects comes with serialisation; until a module provides
+// it there is no copy or comparison through it.
+BOOL ObjDuplicate(void **out, const void *object) {
+    if (out == nullptr || object == nullptr) return FALSE;
+    trace(91, 0, 2, "ObjDuplicate(%p, %p) - no byte form", static_cast<void *>(out), object);
+    return FALSE;
+}
+
+BOOL ObjCompare(void *first, void *second) {
+    if (first == nullptr || second == nullptr) return FALSE;
+    trace(92, 0, 2, "ObjCompare(%p, %p) - no byte form", first, second);
+    return FALSE;
+}
+
+BOOL ObjDuplicateInternal(void **out, const void *object, BOOL keepLocal) {
+    if (out == nullptr || !ObjHasValidGlobalMagic(object)) return FALSE;
+    MAP *seen = nullptr;
+    *out = copyObject(object, keepLocal != FALSE, seen);
+    ObjReleaseInternal(&seen);
+    return TRUE;
+}
+
+BOOL ObjQuickSort(void **array, int32_t last, ObjCompareFunction compare) {
+    if (last >= 1 && (array == nullptr || compare == nullptr)) return FALSE;
+    return quickSort(array, last, compare);
+}
+
+BOOL ObjQuickSortWithCookie(void **array, int32_t last, ObjCompareWithCookieFunction compare, void *cookie) {
+    if (last >= 1 && (array == nullptr || compare == nullptr)) return FALSE;
+    return quickSort(array, last, [&](void *a, void *b) { return compare(a, b, cookie); });
+}
+
+void ObjSetFromTagsVA(void *object, int32_t first, ...) {
+    va_list pairs;
+    va_start(pairs, first);
+    applyTags(object, first, pairs, 161);
+    va_end(pairs);
+}
+
+void ObjSetFromTagsStepperInternal(int32_t first, ...) {
+    va_list pairs;
+    va_start(pairs, first);
+    applyTags(gtLmContext.pObjTagTarget, first, pairs, 159);
+    va_end(pairs);
+}
+
+void ObjSetFromTagsVAListInternal(void *object, va_list pairs) {
+    const ObjectDescriptor *d = ObjGetDbData(object);
+    if (d == nullptr) return;
+    for (int tag = va_arg(pairs, int); tag != -1; tag = va_arg(pairs, int)) {
+        const int32_t datatype = tag >= 0 && tag < d->FieldCount ? d->Entries[tag].Datatype : eObjNone;
+        if (datatype == eObjBoolean || datatype == eObjInteger) {
+            field<int32_t>(object, d->Entries[tag]) = va_arg(pairs, int);
+        } else if (datatype == eObjString) {
+            char *&text = field<char *>(object, d->Entries[tag]);
+            MemFreeInternal(&text);
+            text = StrDuplicateIntoPool(va_arg(pairs, const char *), pool());
+        } else {
+            trace(160, 0, -1, "Unsupported field type for tag. Tag value %ld, field type %ld, obj type '%s'",
+                  static_cast<long>(tag), static_cast<long>(datatype), ObjNameFromObject(object));
+            ProcCrash(0);
+            (void)va_arg(pairs, void *); // the value of the refused pair
+        }
+    }
+}
+
+int32_t ObjCount(void) { return gtLmContext.iObjUsed; }
+int32_t ObjMax(void) { return gtLmContext.iObjMax; }
+int32_t ObjAllocations(void) { return gtLmContext.iObjAllocations; }
+
+BOOL ObjInitialize(void) {
+    if (gNameMap != nullptr) return TRUE;
+    return MapCreate(&gNameMap, sizeof(NameEntry), 64, compareNameEntries, nullptr, nullptr);
+}
+
+BOOL ObjInitializeThread(void) { return TRUE; }
+
+void ObjReleaseThread(LmContext *context) {
+    trace(142, 0, 3, "ObjReleaseThread %ld object left", static_cast<long>(context->iObjUsed));
+}
