@@ -14,5 +14,6 @@
 #include "object.h"
 #include "map.h"
 #include "objmap.h"
+#include "list.h"
 
 #endif /* FHCORE_FHCORE_H */

@@ -417,6 +417,13 @@ void *copyObject(const void *source, bool keepLocal, MAP *&seen) {
         const CopyEntry pair = {source, copy};
         MapInsertEntry(seen, &pair);
     }
+    if (h->StartMagic == LIST_MAGIC) { // the items, in order; no item magic, no cookie
+        for (const LISTNODE *node = static_cast<const LIST *>(source)->oFirst; node != nullptr; node = node->oNext) {
+            void *item = copyObject(node->oItem, keepLocal, seen);
+            if (!ListPushLastItemInternal(static_cast<LIST *>(copy), &item)) ObjReleaseInternal(&item);
+        }
+        return copy;
+    }
     const ObjectDescriptor &d = h->Template->Descriptor;
     for (const ComponentEntry &e : std::span(d.Entries, d.FieldCount)) copyComponent(copy, source, e, keepLocal, seen);
     return copy;
