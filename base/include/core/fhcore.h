@@ -15,5 +15,6 @@
 #include "map.h"
 #include "objmap.h"
 #include "list.h"
+#include "objwrappers.h"
 
 #endif /* FHCORE_FHCORE_H */

@@ -50,6 +50,8 @@ constexpr Module kModules[] = {
     {"Obj", 420, ObjInitialize, [](LmContext *) { return ObjInitializeThread(); }, ObjReleaseThread},
     {"List", 425, ListInitialize, [](LmContext *) { return ListInitializeThread(); }, ListReleaseThread},
     {"ObjMap", 435, ObjMapInitialize, [](LmContext *) { return ObjMapInitializeThread(); }, ObjMapReleaseThread},
+    {"ObjWrappers", 440, ObjWrappersInitialize, [](LmContext *) { return ObjWrappersInitializeThread(); },
+     ObjWrappersReleaseThread},
 };
 constexpr size_t kModuleCount = std::size(kModules);
 
