@@ -61,7 +61,8 @@ typedef int32_t (*ListSearchFunction)(void *key, void *item);
  * pool (null: the heap). FALSE, with *out unchanged, for a null out. */
 FHAPI BOOL ListCreateFromPool(LIST **out, uint32_t itemMagic, MemPool *pool);
 
-/* The same, giving the list, which the caller owns; null if it can't be made. */
+/* The same, giving the list with one reference, which the caller owns;
+ * null if it can't be made. */
 FHAPI LIST *ListNewFromPool(uint32_t itemMagic, MemPool *pool);
 
 /* An untyped list from the default pool in *out, holding the items of list
@@ -128,7 +129,8 @@ FHAPI BOOL ListRemoveItem(LISTNODE *node);
 FHAPI BOOL ListPopFirstItemInternal(LIST *list, void *out);
 FHAPI BOOL ListPopLastItemInternal(LIST *list, void *out);
 
-/* Removes every node and drops every item reference. FALSE for not a list. */
+/* Removes every node and drops every item reference; the list stays, empty,
+ * with its cookie. FALSE, with nothing changed, for not a list. */
 FHAPI BOOL ListReleaseAll(LIST *list);
 
 /* ---- Reading and finding ------------------------------------------------ */
@@ -154,7 +156,8 @@ FHAPI BOOL ListGetNthNode(LISTNODE **out, const LIST *list, int32_t position);
  * be null). FALSE when there is none, for not a list or a wrong item. */
 FHAPI BOOL ListFindNode(LISTNODE **out, const LIST *list, const void *item);
 
-/* The number of nodes in front of node (0 for the first); -1 for not a node. */
+/* The number of nodes in front of node, so 0 for the first (where
+ * ListGetNthItem counts it as 1); -1 for null or not a node. */
 FHAPI int32_t ListGetItemIndex(const LISTNODE *node);
 
 /* Replaces the item of node by a new reference on item and drops the old one.
@@ -201,7 +204,8 @@ FHAPI BOOL ListSortInternal(LIST *list, ObjCompareWithCookieFunction compare, vo
  * when there is none or list is not a list, with *out unchanged. */
 FHAPI BOOL ListFindObjectInternal(void *out, const LIST *list, uint32_t magic);
 
-/* Removes the first item of magic. FALSE when there is none or for not a list. */
+/* Removes the first item of magic, dropping the list's reference. FALSE,
+ * with nothing changed, when there is none or for not a list. */
 FHAPI BOOL ListRemoveObjectInternal(LIST *list, uint32_t magic);
 
 /* Removes the first item of magic and hands the list's reference to *out (if
@@ -227,7 +231,8 @@ FHAPI BOOL ListSetExtensionItem(void *listVariable, void *item);
  * be null). FALSE when there is none or list is null or not a list. */
 FHAPI BOOL ListGetExtensionItem(void *out, const LIST *list, uint32_t magic);
 
-/* Removes the item of magic from an extension list. FALSE when there is none. */
+/* Removes the item of magic from an extension list, dropping the list's
+ * reference. FALSE, with nothing changed, when there is none or for not a list. */
 FHAPI BOOL ListRemoveExtensionItem(LIST *list, uint32_t magic);
 
 /* ---- The module --------------------------------------------------------- */
@@ -238,7 +243,8 @@ FHAPI BOOL ListInitialize(void);
 FHAPI BOOL ListInitializeThread(void);
 FHAPI void ListReleaseThread(LmContext *context);
 
-/* Traces its name; there is nothing to clean up. */
+/* Traces its name at level 2 and does nothing else: lists keep no state
+ * beyond the context's list of context objects. */
 FHAPI void ListCleanup(void);
 
 FH_END_DECLS

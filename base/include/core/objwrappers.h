@@ -60,17 +60,20 @@ typedef struct OBJ_VIEWABLE { ObjViewInfo oView; } OBJ_VIEWABLE;
  * calls ProcCrash(0) and gives FALSE; the unique forms give FALSE silently.
  * Nothing is made then. */
 
-/* A boolean or integer object holding value. */
+/* A boolean or integer object holding value, owned by the caller. The
+ * Create forms report a null out as said above. */
 FHAPI OBJ_BOOLEAN *ObjBooleanNew(BOOL value);
 FHAPI BOOL ObjBooleanCreate(OBJ_BOOLEAN **out, BOOL value);
 FHAPI OBJ_INTEGER *ObjIntegerNew(int32_t value);
 FHAPI BOOL ObjIntegerCreate(OBJ_INTEGER **out, int32_t value);
 
-/* A 64-bit integer object holding the value of the two 32-bit words. */
+/* A 64-bit integer object holding highWord in its upper 32 bits and
+ * lowWord, taken as unsigned, in its lower 32 bits. */
 FHAPI OBJ_INT64 *ObjInt64New(int32_t lowWord, int32_t highWord);
 FHAPI BOOL ObjInt64Create(OBJ_INT64 **out, int32_t lowWord, int32_t highWord);
 
-/* A string object holding a copy of string; null gives a null string. */
+/* A string object holding a copy of string from the default pool; a null
+ * string gives an object with a null string. */
 FHAPI OBJ_STRING *ObjStringNew(const char *string);
 FHAPI BOOL ObjStringCreate(OBJ_STRING **out, const char *string);
 
@@ -83,11 +86,13 @@ FHAPI OBJ_STRING *ObjStringNewRanged(const char *string, int32_t length);
 FHAPI OBJ_DATA_FIELD *ObjDataFieldNew(const void *data, int32_t size);
 FHAPI BOOL ObjDataFieldCreate(OBJ_DATA_FIELD **out, const void *data, int32_t size);
 
-/* A data object that takes over data, a pool block of size bytes, as it is. */
+/* A data object that takes over data, a pool block of size bytes, as it
+ * is; the block is freed with the object. */
 FHAPI OBJ_DATA_FIELD *ObjDataFieldNewNoCopy(void *data, int32_t size);
 FHAPI BOOL ObjDataFieldCreateNoCopy(OBJ_DATA_FIELD **out, void *data, int32_t size);
 
-/* A stanza object that takes over stanza. */
+/* A stanza object that takes over stanza (which may be null); the stanza is
+ * released with the object. */
 FHAPI OBJ_STANZA *ObjStanzaNew(Stanza *stanza);
 FHAPI BOOL ObjStanzaCreate(OBJ_STANZA **out, Stanza *stanza);
 
@@ -111,17 +116,20 @@ FHAPI BOOL ObjUniqueCreateSessionId(OBJ_UNIQUE **out, int32_t jobId, int32_t ins
 
 /* ---- Accessors ---------------------------------------------------------- */
 
-/* The value; 0 for null or another type. */
+/* The value of a boolean, integer or 64-bit integer object; 0 for null or
+ * another type, so a caller that must tell those apart uses ObjGetValue. */
 FHAPI BOOL ObjGetBoolean(const void *object);
 FHAPI int32_t ObjGetInteger(const void *object);
 FHAPI int64_t ObjGetInt64(const void *object);
 
-/* Store value and give TRUE; FALSE, with nothing changed, for another type. */
+/* Store the value in an object of their type and give TRUE; FALSE, with
+ * nothing changed, for null or another type. */
 FHAPI BOOL ObjSetBoolean(void *object, BOOL value);
 FHAPI BOOL ObjSetInteger(void *object, int32_t value);
 FHAPI BOOL ObjSetInt64(void *object, int32_t lowWord, int32_t highWord);
 
-/* The object's string, not a copy; null for null or another type. */
+/* The object's string, not a copy: it lives as long as the object holds
+ * it. Null for a null string, null or another type. */
 FHAPI char *ObjGetString(const void *object);
 
 /* Frees the object's string and stores a copy of string (ObjSetString) or
@@ -146,10 +154,12 @@ FHAPI Stanza **ObjGetStanzaPointer(void *object);
  * another type. */
 FHAPI BOOL ObjSetStanza(void *object, Stanza *stanza);
 
-/* The 32 bytes of a unique object, the object's own; null for another type. */
+/* The 32 bytes of a unique object, held inside the object and valid while
+ * it lives; null for null or another type. */
 FHAPI void *ObjGetUnique(const void *object);
 
-/* TRUE when both are unique objects with the same 32 bytes. */
+/* TRUE when both are unique objects with the same 32 bytes; FALSE for null
+ * or another type, even when its bytes agree. */
 FHAPI BOOL ObjUniqueEqual(const void *first, const void *second);
 
 /* TRUE when both unique objects name the same session instance; this takes
