@@ -56,7 +56,7 @@ BENCHMARK(vectorOfMallocedIntegers)->Unit(benchmark::kMillisecond);
 
 // Keeps the real time of each benchmark for the ratio.
 class RatioReporter : public benchmark::ConsoleReporter {
-public:
+  public:
     void ReportRuns(const std::vector<Run> &runs) override {
         for (const Run &run : runs) realTimes[run.benchmark_name()] = run.GetAdjustedRealTime();
         ConsoleReporter::ReportRuns(runs);

@@ -39,7 +39,7 @@ typedef struct LIST {
     int32_t iCount;     /* nodes in the chain */
     LISTNODE *oFirst;   /* holds the chain */
     LISTNODE *oLast;
-    void *oCookie;      /* an object of the whole list, or null */
+    void *oCookie; /* an object of the whole list, or null */
 } LIST;
 
 struct LISTNODE {

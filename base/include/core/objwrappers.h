@@ -44,14 +44,30 @@ FH_BEGIN_DECLS
 /* Bytes of a unique identifier. */
 #define OBJ_UNIQUE_SIZE 32
 
-typedef struct OBJ_BOOLEAN { BOOL bValue; } OBJ_BOOLEAN;
-typedef struct OBJ_INTEGER { int32_t iValue; } OBJ_INTEGER;
-typedef struct OBJ_INT64 { int64_t iValue; } OBJ_INT64;
-typedef struct OBJ_STRING { char *pszValue; } OBJ_STRING;
-typedef struct OBJ_DATA_FIELD { ObjData oData; } OBJ_DATA_FIELD;
-typedef struct OBJ_STANZA { Stanza *pStanza; } OBJ_STANZA;
-typedef struct OBJ_UNIQUE { unsigned char aId[OBJ_UNIQUE_SIZE]; } OBJ_UNIQUE;
-typedef struct OBJ_VIEWABLE { ObjViewInfo oView; } OBJ_VIEWABLE;
+typedef struct OBJ_BOOLEAN {
+    BOOL bValue;
+} OBJ_BOOLEAN;
+typedef struct OBJ_INTEGER {
+    int32_t iValue;
+} OBJ_INTEGER;
+typedef struct OBJ_INT64 {
+    int64_t iValue;
+} OBJ_INT64;
+typedef struct OBJ_STRING {
+    char *pszValue;
+} OBJ_STRING;
+typedef struct OBJ_DATA_FIELD {
+    ObjData oData;
+} OBJ_DATA_FIELD;
+typedef struct OBJ_STANZA {
+    Stanza *pStanza;
+} OBJ_STANZA;
+typedef struct OBJ_UNIQUE {
+    unsigned char aId[OBJ_UNIQUE_SIZE];
+} OBJ_UNIQUE;
+typedef struct OBJ_VIEWABLE {
+    ObjViewInfo oView;
+} OBJ_VIEWABLE;
 
 /* ---- Constructors ----------------------------------------------------------
  * A Create form with a null out traces "Invalid Argument" at level -1 under

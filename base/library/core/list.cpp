@@ -382,9 +382,7 @@ BOOL ListPopFirstItemInternal(LIST *list, void *out) {
     return popAtEnd(list, out, Side::Front, "ListPopFirstItem", 56);
 }
 
-BOOL ListPopLastItemInternal(LIST *list, void *out) {
-    return popAtEnd(list, out, Side::Behind, "ListPopLastItem", 57);
-}
+BOOL ListPopLastItemInternal(LIST *list, void *out) { return popAtEnd(list, out, Side::Behind, "ListPopLastItem", 57); }
 
 BOOL ListReleaseAll(LIST *list) {
     if (!isList(list)) return faulted(trace(64, 0, -1, "ListReleaseAll - Invalid arguments"));
@@ -512,8 +510,7 @@ BOOL ListSearch(LIST *list, ListSearchFunction compare, void *key, LISTNODE **ou
 }
 
 BOOL ListSearchBackwards(LIST *list, ListSearchFunction compare, void *key, LISTNODE **out) {
-    if (!isList(list) || compare == nullptr)
-        return faulted(trace(85, 0, -1, "ListSearchBackwards - bad argument(s)"));
+    if (!isList(list) || compare == nullptr) return faulted(trace(85, 0, -1, "ListSearchBackwards - bad argument(s)"));
     return search<Direction::Backward>(list, compare, key, out);
 }
 

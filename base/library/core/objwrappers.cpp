@@ -29,13 +29,13 @@ struct SimpleType {
     uint32_t magic;
     const char *format;
     size_t size;
-    int32_t createId;        // 0: a null out pointer is not reported
+    int32_t createId; // 0: a null out pointer is not reported
     const char *createError;
-    bool readByGetValue;     // ObjGetValue copies the whole payload
+    bool readByGetValue; // ObjGetValue copies the whole payload
 };
 
-using Payloads = std::tuple<OBJ_BOOLEAN, OBJ_INTEGER, OBJ_INT64, OBJ_STRING, OBJ_DATA_FIELD, OBJ_STANZA, OBJ_UNIQUE,
-                            OBJ_VIEWABLE>;
+using Payloads =
+    std::tuple<OBJ_BOOLEAN, OBJ_INTEGER, OBJ_INT64, OBJ_STRING, OBJ_DATA_FIELD, OBJ_STANZA, OBJ_UNIQUE, OBJ_VIEWABLE>;
 
 // In the order of registration.
 constexpr SimpleType kTypes[] = {
@@ -163,7 +163,8 @@ OBJ_DATA_FIELD *ObjDataFieldNewNoCopy(void *data, int32_t size) {
     return make<OBJ_DATA_FIELD>([=](OBJ_DATA_FIELD &o) { o.oData = {size, data}; });
 }
 BOOL ObjDataFieldCreateNoCopy(OBJ_DATA_FIELD **out, void *data, int32_t size) {
-    return create(out, [=] { return ObjDataFieldNewNoCopy(data, size); }, kDataFieldNoCopyCreateId);
+    return create(
+        out, [=] { return ObjDataFieldNewNoCopy(data, size); }, kDataFieldNoCopyCreateId);
 }
 
 OBJ_STANZA *ObjStanzaNew(Stanza *stanza) {
@@ -177,8 +178,9 @@ BOOL ObjStanzaCreate(OBJ_STANZA **out, Stanza *stanza) {
 // carries one can't be made without that module.
 OBJ_VIEWABLE *ObjViewableNew(int32_t word, const char *string, const Stanza *stanza) {
     if (stanza != nullptr) return nullptr;
-    return make<OBJ_VIEWABLE>(
-        [=](OBJ_VIEWABLE &o) { o.oView = {word, StrDuplicateIntoPool(string, pool()), nullptr}; });
+    return make<OBJ_VIEWABLE>([=](OBJ_VIEWABLE &o) {
+        o.oView = {word, StrDuplicateIntoPool(string, pool()), nullptr};
+    });
 }
 BOOL ObjViewableCreate(OBJ_VIEWABLE **out, int32_t word, const char *string, const Stanza *stanza) {
     return create(out, [=] { return ObjViewableNew(word, string, stanza); });
@@ -248,9 +250,7 @@ void *ObjGetDataFieldData(const void *object) {
     return data != nullptr ? data->pData : nullptr;
 }
 
-Stanza *ObjGetStanza(const void *object) {
-    return read(object, &OBJ_STANZA::pStanza, static_cast<Stanza *>(nullptr));
-}
+Stanza *ObjGetStanza(const void *object) { return read(object, &OBJ_STANZA::pStanza, static_cast<Stanza *>(nullptr)); }
 Stanza **ObjGetStanzaPointer(void *object) {
     OBJ_STANZA *p = payload<OBJ_STANZA>(object);
     return p != nullptr ? &p->pStanza : nullptr;
