@@ -13,6 +13,13 @@ int main(void) {
     if (block != NULL || MemUsedCount() != before) return 3;
     TracePosition position;
     if (!TraceGetPosition(&position) && TraceGetBuffer() == NULL) return 4;
+    /* Typed object variables pass by address, with no cast. */
+    LIST *list = ListNewFromPool(OBJ_INTEGER_MAGIC, NULL);
+    OBJ_INTEGER *item = ObjIntegerNew(5);
+    if (!ListPushLastItemInternal(list, &item) || item != NULL) return 5;
+    if (!ListPopFirstItemInternal(list, &item) || ObjGetInteger(item) != 5) return 6;
+    ObjReleaseInternal(&item);
+    ObjReleaseInternal(&list);
     ContextReleaseThread();
     puts("C interface works");
     return 0;

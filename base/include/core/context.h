@@ -47,7 +47,7 @@ struct LmContext {
 
     /* Context. */
     void *pThreadContextMarker;
-    void *pContextObjects;         /* the extension list of context objects */
+    void *pContextObjects;         /* the extension list (LIST) of context objects */
     intptr_t iThreadData;
 };
 
@@ -86,13 +86,14 @@ FHAPI BOOL ContextValid(void);
 FHAPI BOOL ContextSetThreadData(intptr_t data);
 FHAPI intptr_t ContextGetThreadData(void);
 
-/* Keeps one object per magic for the context, taking a reference and
- * replacing an earlier object of the same magic. FALSE when no object is
- * given or the context has no list of context objects. */
+/* Keeps one object per magic for the context in its list of context
+ * objects (made on first use), taking a reference and replacing an earlier
+ * object of the same magic. FALSE, with nothing changed, for not an object. */
 FHAPI BOOL ContextSetContextObject(void *object);
 
 /* Finds the context object of a magic; *object receives a new reference.
- * FALSE, with *object null, when there is none. */
+ * FALSE, with *object null, when there is none or no list of context
+ * objects yet; FALSE for a null object pointer. */
 FHAPI BOOL ContextGetContextObject(void **object, uint32_t magic);
 
 /* Ends the process with SIGSEGV, leaving a core file, when force is set or

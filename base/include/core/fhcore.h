@@ -14,5 +14,7 @@
 #include "object.h"
 #include "map.h"
 #include "objmap.h"
+#include "list.h"
+#include "objwrappers.h"
 
 #endif /* FHCORE_FHCORE_H */

@@ -48,7 +48,10 @@ constexpr Module kModules[] = {
     {"Memory", 395, MemoryInitialize, [](LmContext *) { return MemoryInitializeThread(); }, MemoryReleaseThread},
     {"Map", 415, MapInitialize, [](LmContext *) { return MapInitializeThread(); }, MapReleaseThread},
     {"Obj", 420, ObjInitialize, [](LmContext *) { return ObjInitializeThread(); }, ObjReleaseThread},
+    {"List", 425, ListInitialize, [](LmContext *) { return ListInitializeThread(); }, ListReleaseThread},
     {"ObjMap", 435, ObjMapInitialize, [](LmContext *) { return ObjMapInitializeThread(); }, ObjMapReleaseThread},
+    {"ObjWrappers", 440, ObjWrappersInitialize, [](LmContext *) { return ObjWrappersInitializeThread(); },
+     ObjWrappersReleaseThread},
     {"StrBase", 450, StrBaseInitialize, StrBaseInitializeThread, StrBaseReleaseThread},
 };
 constexpr size_t kModuleCount = std::size(kModules);
@@ -161,15 +164,15 @@ BOOL ContextSetThreadData(intptr_t data) {
 
 intptr_t ContextGetThreadData(void) { return ContextThreadIsInitialized() ? gtLmContext.iThreadData : 0; }
 
-// The list of context objects is an extension list; until the context holds
-// one there is nothing to store an object in or find one from.
+// The list of context objects is an extension list, made by the first
+// object stored and released with the per-context state of lists.
 BOOL ContextSetContextObject(void *object) {
-    if (object == nullptr) {
+    if (!ObjHasValidGlobalMagic(object)) {
         trace(3, 0, -1, "ContextSetContextObject(%p) - not passed an object", object);
         ProcCrash(0);
         return FALSE;
     }
-    return FALSE;
+    return ListSetExtensionItem(&gtLmContext.pContextObjects, object);
 }
 
 BOOL ContextGetContextObject(void **object, uint32_t magic) {
@@ -179,7 +182,7 @@ BOOL ContextGetContextObject(void **object, uint32_t magic) {
         return FALSE;
     }
     *object = nullptr;
-    return FALSE;
+    return ListGetExtensionItem(object, static_cast<LIST *>(gtLmContext.pContextObjects), magic);
 }
 
 void ProcCrash(int32_t force) {

@@ -23,6 +23,84 @@ struct ModuleTracer {
 
 inline const char *boolText(bool value) { return value ? "TRUE" : "FALSE"; }
 
+// The header in front of an object's payload, its start magic (compared
+// inline by the accessors that run on every message), and the pool of its
+// block, which stands directly in front of the header.
+inline ObjectHeader *objectHeader(const void *object) {
+    return static_cast<ObjectHeader *>(const_cast<void *>(object)) - 1;
+}
+inline uint32_t startMagic(const void *object) { return objectHeader(object)->StartMagic; }
+inline MemPool *objectPool(const void *object) {
+    return (reinterpret_cast<MemBlockHeader *>(objectHeader(object)) - 1)->Pool;
+}
+
+// Per datatype of the component format language: payload bytes and
+// alignment on this machine, bytes in the stored form, and whether the
+// object owns what the component points at.
+struct DatatypeInfo {
+    int32_t size;
+    int32_t align;
+    int32_t dbSize;
+    bool owns;
+};
+inline constexpr int32_t kPointerSize = sizeof(void *);
+inline constexpr DatatypeInfo kDatatypes[] = {
+    {0, 1, 0, false},                                     // 0 none
+    {4, 4, 4, false},                                     // 1 b
+    {4, 4, 4, false},                                     // 2 i
+    {kPointerSize, kPointerSize, 8, true},                // 3 s
+    {kPointerSize, kPointerSize, 8, true},                // 4 o, L
+    {kPointerSize, kPointerSize, 0, false},               // 5 l
+    {kPointerSize, kPointerSize, 8, true},                // 6 z
+    {sizeof(ObjData), alignof(ObjData), 8, true},         // 7 d
+    {0, 4, 8, false},                                     // 8 c, n: size from the format
+    {sizeof(ObjViewInfo), alignof(ObjViewInfo), 0, true}, // 9 v
+    {sizeof(int64_t), alignof(int64_t), 8, false},        // 10 I
+    {32, 4, 32, false},                                   // 11 u
+    {kPointerSize, kPointerSize, 0, false},               // 12 p
+};
+
+constexpr int32_t datatypeOfLetter(char letter) {
+    switch (letter) {
+    case 'b': return eObjBoolean;
+    case 'i': return eObjInteger;
+    case 's': return eObjString;
+    case 'o': case 'L': return eObjObject;
+    case 'l': return eObjBackLink;
+    case 'z': return eObjStanza;
+    case 'd': return eObjData;
+    case 'c': case 'n': return eObjInline;
+    case 'v': return eObjViewInfo;
+    case 'I': return eObjInt64;
+    case 'u': return eObjUnique;
+    case 'p': return eObjPointer;
+    default: return eObjNone;
+    }
+}
+
+// The payload size of a format as a template computes it: each component at
+// the next multiple of its alignment, inline counts rounded up to 4, the
+// whole rounded up to the largest alignment. A module checks the C struct
+// of its type against its format with this in a static_assert.
+constexpr int64_t formatPayloadSize(const char *format) {
+    int64_t payload = 0;
+    int32_t largestAlign = 1;
+    for (const char *c = format; *c != '\0' && datatypeOfLetter(*c) != eObjNone;) {
+        const DatatypeInfo &info = kDatatypes[datatypeOfLetter(*c)];
+        int64_t size = info.size;
+        if (datatypeOfLetter(*c) == eObjInline) {
+            size = 0;
+            for (const char *digit = c + 1; *digit >= '0' && *digit <= '9'; ++digit) size = size * 10 + (*digit - '0');
+            size = (size + 3) / 4 * 4;
+        }
+        payload = (payload + info.align - 1) / info.align * info.align + size;
+        largestAlign = info.align > largestAlign ? info.align : largestAlign;
+        while (*c != '\0' && *c != ';') ++c;
+        if (*c == ';') ++c;
+    }
+    return (payload + largestAlign - 1) / largestAlign * largestAlign;
+}
+
 // Byte forms carry seconds as a 32-bit count. The value is cut deliberately
 // here and nowhere else; in memory the same value stays a time_t.
 inline int32_t secondsToWire(time_t seconds) { return static_cast<int32_t>(static_cast<uint32_t>(seconds)); }

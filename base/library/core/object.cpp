@@ -35,48 +35,9 @@ MemPool *gPool = nullptr;
 
 MemPool *pool() { return gPool != nullptr ? gPool : (gPool = MemGetDefaultPoolId()); }
 
-// Per datatype: payload bytes and alignment on this machine, bytes in the
-// stored form, and whether the object owns what the component points at.
-struct DatatypeInfo {
-    int32_t size;
-    int32_t align;
-    int32_t dbSize;
-    bool owns;
-};
-constexpr int32_t kPtr = sizeof(void *);
-constexpr DatatypeInfo kDatatypes[] = {
-    {0, 1, 0, false},                                                  // 0 none
-    {4, 4, 4, false},                                                  // 1 b
-    {4, 4, 4, false},                                                  // 2 i
-    {kPtr, kPtr, 8, true},                                             // 3 s
-    {kPtr, kPtr, 8, true},                                             // 4 o, L
-    {kPtr, kPtr, 0, false},                                            // 5 l
-    {kPtr, kPtr, 8, true},                                             // 6 z
-    {sizeof(ObjData), alignof(ObjData), 8, true},                      // 7 d
-    {0, 4, 8, false},                                                  // 8 c, n: size from the format
-    {sizeof(ObjViewInfo), alignof(ObjViewInfo), 0, true},              // 9 v
-    {sizeof(int64_t), alignof(int64_t), 8, false},                     // 10 I
-    {32, 4, 32, false},                                                // 11 u
-    {kPtr, kPtr, 0, false},                                            // 12 p
-};
-
-constexpr int32_t datatypeOfLetter(char letter) {
-    switch (letter) {
-    case 'b': return eObjBoolean;
-    case 'i': return eObjInteger;
-    case 's': return eObjString;
-    case 'o': case 'L': return eObjObject;
-    case 'l': return eObjBackLink;
-    case 'z': return eObjStanza;
-    case 'd': return eObjData;
-    case 'c': case 'n': return eObjInline;
-    case 'v': return eObjViewInfo;
-    case 'I': return eObjInt64;
-    case 'u': return eObjUnique;
-    case 'p': return eObjPointer;
-    default: return eObjNone;
-    }
-}
+using fh::DatatypeInfo;
+using fh::datatypeOfLetter;
+using fh::kDatatypes;
 
 // The largest payload a format may describe; formats also arrive from peers.
 constexpr int64_t kLargestPayload = int64_t{1} << 28;
@@ -459,6 +420,13 @@ void *copyObject(const void *source, bool keepLocal, MAP *&seen) {
         if (seen == nullptr) MapCreate(&seen, sizeof(CopyEntry), 16, locateCopy, findCopy, nullptr);
         const CopyEntry pair = {source, copy};
         MapInsertEntry(seen, &pair);
+    }
+    if (h->StartMagic == LIST_MAGIC) { // the items, in order; no item magic, no cookie
+        for (const LISTNODE *node = static_cast<const LIST *>(source)->oFirst; node != nullptr; node = node->oNext) {
+            void *item = copyObject(node->oItem, keepLocal, seen);
+            if (!ListPushLastItemInternal(static_cast<LIST *>(copy), &item)) ObjReleaseInternal(&item);
+        }
+        return copy;
     }
     const ObjectDescriptor &d = h->Template->Descriptor;
     for (const ComponentEntry &e : std::span(d.Entries, d.FieldCount)) copyComponent(copy, source, e, keepLocal, seen);
