@@ -7,6 +7,9 @@
 #include <cstring>
 #include <functional>
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 namespace {
 
 // A string the library allocated; freed through the memory layer.
@@ -182,6 +185,30 @@ TEST_F(StringTest, CompareFamilyKeepsItsResultRules) {
         }
         EXPECT_EQ(result, c.expected);
     }
+}
+
+// The compare reads sixteen bytes at a time: a text whose terminator is the
+// last byte before an unreadable page must still compare, at every offset.
+TEST_F(StringTest, CompareStopsAtTheTerminatorBeforeAnUnreadablePage) {
+    const long page = sysconf(_SC_PAGESIZE);
+    auto *area = static_cast<char *>(mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(area, MAP_FAILED);
+    ASSERT_EQ(mprotect(area + page, page, PROT_NONE), 0);
+    for (int length = 0; length < 40; ++length) {
+        char *edge = area + page - length - 1; // its terminator is the page's last byte
+        memset(edge, 'q', length);
+        edge[length] = 0;
+        std::string longer(length + 20, 'q'), lower(length, 'q');
+        if (length > 0) lower.back() = 'p';
+        SCOPED_TRACE(length);
+        EXPECT_EQ(StrCompare(edge, std::string(length, 'q').c_str()), 0);
+        EXPECT_EQ(StrCompare(edge, longer.c_str()), -1);
+        EXPECT_EQ(StrCompare(longer.c_str(), edge), 1);
+        if (length > 0) {
+            EXPECT_EQ(StrCompare(edge, lower.c_str()), 1);
+        }
+    }
+    munmap(area, 2 * page);
 }
 
 TEST_F(StringTest, SearchMatchesCharactersNotTrailBytes) {
