@@ -188,13 +188,15 @@ TEST_F(StringTest, CompareFamilyKeepsItsResultRules) {
 }
 
 // The compare reads sixteen bytes at a time: a text whose terminator is the
-// last byte before an unreadable page must still compare, at every offset.
+// last byte before an unreadable page must still compare, at every offset,
+// with blocks of either width.
 TEST_F(StringTest, CompareStopsAtTheTerminatorBeforeAnUnreadablePage) {
     const long page = sysconf(_SC_PAGESIZE);
     auto *area = static_cast<char *>(mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     ASSERT_NE(area, MAP_FAILED);
     ASSERT_EQ(mprotect(area + page, page, PROT_NONE), 0);
-    for (int length = 0; length < 40; ++length) {
+    for (int length = 0; length < 80; ++length) {
+        fh::strCompareNarrowBlocks(length % 2 == 1);
         char *edge = area + page - length - 1; // its terminator is the page's last byte
         memset(edge, 'q', length);
         edge[length] = 0;
@@ -208,6 +210,7 @@ TEST_F(StringTest, CompareStopsAtTheTerminatorBeforeAnUnreadablePage) {
             EXPECT_EQ(StrCompare(edge, lower.c_str()), 1);
         }
     }
+    fh::strCompareNarrowBlocks(false);
     munmap(area, 2 * page);
 }
 

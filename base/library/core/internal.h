@@ -137,6 +137,10 @@ int32_t objectTemplateBlocks();
 ObjectTemplate *objectTemplateBuild(int32_t size, uint32_t magic, const char *format);
 void objectTemplateFree(ObjectTemplate *objectTemplate);
 
+// Test seam: StrCompare reads 16-byte blocks even where the processor has
+// wider ones, so that both bodies are tested on one machine.
+void strCompareNarrowBlocks(bool on);
+
 } // namespace fh
 
 #endif // FHCORE_INTERNAL_H

@@ -39,7 +39,7 @@
 #include <string_view>
 
 #if defined(__SSE2__)
-#include <emmintrin.h>
+#include <immintrin.h>
 #endif
 
 #include "internal.h"
@@ -195,34 +195,60 @@ bool startsCharacter(const Byte *from, const Byte *at) {
 }
 
 // The offset of the first byte where a and b differ or both end. Where the
-// machine has 16-byte vectors, it compares blocks of 16 bytes; a block is read
+// machine has vectors, it compares blocks of 16 or 32 bytes; a block is read
 // only when neither of its two halves reaches into the next page, so it never
 // touches memory that a byte-by-byte walk could not touch without faulting,
 // and bytes behind a terminator, read with the block, never decide the
 // offset. The sanitizer cannot tell such a read from an overrun and is told
-// to let this one function be.
+// to let these functions be.
 #if defined(__SSE2__)
-// One bit per byte of the 16 at a and b: set where they differ or a ends.
-__attribute__((no_sanitize("address"), always_inline)) inline unsigned stopMask(const Byte *a, const Byte *b) {
-    const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i *>(a));
-    const __m128i y = _mm_loadu_si128(reinterpret_cast<const __m128i *>(b));
-    const __m128i same = _mm_andnot_si128(_mm_cmpeq_epi8(x, _mm_setzero_si128()), _mm_cmpeq_epi8(x, y));
-    return ~static_cast<unsigned>(_mm_movemask_epi8(same)) & 0xFFFF;
-}
+#define FH_BLOCK_READ __attribute__((no_sanitize("address"))) inline
 
-__attribute__((no_sanitize("address"))) size_t firstDifference(const Byte *a, const Byte *b) {
-    constexpr uintptr_t kPage = 4096, kBlock = 16;
+// One bit per byte of the block at a and b: set where they differ or a ends.
+struct Sse2Block {
+    static constexpr size_t kBytes = 16;
+    FH_BLOCK_READ static uint32_t stops(const Byte *a, const Byte *b) {
+        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i *>(a));
+        const __m128i y = _mm_loadu_si128(reinterpret_cast<const __m128i *>(b));
+        const __m128i same = _mm_andnot_si128(_mm_cmpeq_epi8(x, _mm_setzero_si128()), _mm_cmpeq_epi8(x, y));
+        return ~static_cast<uint32_t>(_mm_movemask_epi8(same)) & 0xFFFF;
+    }
+};
+
+struct Avx2Block {
+    static constexpr size_t kBytes = 32;
+    __attribute__((target("avx2"))) FH_BLOCK_READ static uint32_t stops(const Byte *a, const Byte *b) {
+        const __m256i x = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(a));
+        const __m256i y = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(b));
+        const __m256i same = _mm256_andnot_si256(_mm256_cmpeq_epi8(x, _mm256_setzero_si256()), _mm256_cmpeq_epi8(x, y));
+        return ~static_cast<uint32_t>(_mm256_movemask_epi8(same));
+    }
+};
+
+template <class Block> FH_BLOCK_READ size_t firstDifferenceIn(const Byte *a, const Byte *b) {
+    constexpr uintptr_t kPage = 4096;
     const auto untilPageEnd = [](const Byte *p) { return kPage - address(p) % kPage; };
     for (size_t i = 0;;) {
         // Whole blocks up to the nearer page end, then byte by byte across it.
         const size_t safe = i + std::min(untilPageEnd(a + i), untilPageEnd(b + i));
-        for (; i + kBlock <= safe; i += kBlock)
-            if (const unsigned mask = stopMask(a + i, b + i); mask != 0)
-                return i + static_cast<size_t>(std::countr_zero(mask));
-        for (const size_t end = i + kBlock; i < end; ++i)
+        for (; i + Block::kBytes <= safe; i += Block::kBytes)
+            if (const uint32_t stops = Block::stops(a + i, b + i); stops != 0)
+                return i + static_cast<size_t>(std::countr_zero(stops));
+        for (const size_t end = i + Block::kBytes; i < end; ++i)
             if (a[i] != b[i] || a[i] == 0) return i;
     }
 }
+
+__attribute__((no_sanitize("address"), flatten)) size_t firstDifferenceSse2(const Byte *a, const Byte *b) {
+    return firstDifferenceIn<Sse2Block>(a, b);
+}
+__attribute__((no_sanitize("address"), target("avx2"), flatten)) size_t firstDifferenceAvx2(const Byte *a, const Byte *b) {
+    return firstDifferenceIn<Avx2Block>(a, b);
+}
+
+// The widest body this processor runs, chosen when the library loads.
+size_t (*firstDifference)(const Byte *, const Byte *) =
+    __builtin_cpu_supports("avx2") ? firstDifferenceAvx2 : firstDifferenceSse2;
 #else
 size_t firstDifference(const Byte *a, const Byte *b) {
     size_t i = 0;
@@ -429,6 +455,14 @@ void writeQuoted(Byte *&out, int32_t quote, int32_t n) {
 }
 
 } // namespace
+
+void fh::strCompareNarrowBlocks(bool on) {
+#if defined(__SSE2__)
+    firstDifference = on || !__builtin_cpu_supports("avx2") ? firstDifferenceSse2 : firstDifferenceAvx2;
+#else
+    (void)on;
+#endif
+}
 
 // ---- Characters ---------------------------------------------------------------
 
