@@ -159,9 +159,4 @@ constexpr bench::Comparison kComparisons[] = {
 
 } // namespace
 
-int main(int argc, char **argv) {
-    if (!ContextInitialize()) return 1;
-    const int status = bench::run(argc, argv, kBenchmarks, kComparisons);
-    ContextReleaseThread();
-    return status;
-}
+int main(int argc, char **argv) { return bench::runInContext(argc, argv, kBenchmarks, kComparisons); }

@@ -15,6 +15,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "core/fhcore.h"
+
 namespace bench {
 
 constexpr int kRepetitions = 10;
@@ -137,6 +139,14 @@ inline int run(int argc, char **argv, std::span<const Entry> entries, std::span<
     benchmark::RunSpecifiedBenchmarks(&keeper);
     benchmark::Shutdown();
     return printRatios(keeper, comparisons);
+}
+
+// The whole of a benchmark program that needs nothing but the context.
+inline int runInContext(int argc, char **argv, std::span<const Entry> entries, std::span<const Comparison> comparisons) {
+    if (!ContextInitialize()) return 1;
+    const int status = run(argc, argv, entries, comparisons);
+    ContextReleaseThread();
+    return status;
 }
 
 } // namespace bench

@@ -86,17 +86,10 @@ int32_t compareMagic(uint32_t a, uint32_t b) { return a < b ? -1 : a > b ? 1 : 0
 
 // Binary search of the table: found, and the index (or insertion index).
 std::pair<bool, int32_t> findTemplate(uint32_t magic) {
-    int32_t low = 0, high = gTableCount - 1, middle = 0, c = 0;
-    while (low <= high) {
-        middle = (low + high) / 2;
-        c = compareMagic(magic, gTable[middle]->Magic);
-        if (c == 0) return {true, middle};
-        if (c < 0)
-            high = middle - 1;
-        else
-            low = middle + 1;
-    }
-    return {false, c > 0 ? middle + 1 : middle};
+    ObjectTemplate **end = gTable + gTableCount;
+    ObjectTemplate **at =
+        std::lower_bound(gTable, end, magic, [](const ObjectTemplate *t, uint32_t m) { return t->Magic < m; });
+    return {at != end && (*at)->Magic == magic, static_cast<int32_t>(at - gTable)};
 }
 
 void insertTemplate(int32_t index, ObjectTemplate *objectTemplate) {
