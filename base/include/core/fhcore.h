@@ -14,6 +14,7 @@
 #include "object.h"
 #include "map.h"
 #include "objmap.h"
+#include "objserial.h"
 #include "list.h"
 #include "objwrappers.h"
 

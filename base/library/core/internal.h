@@ -132,6 +132,11 @@ void processEntryStore(size_t offset, int32_t value);
 // the process ends; a leak check leaves them out.
 int32_t objectTemplateBlocks();
 
+// Templates in the table, and whether a magic has one: a reader of bytes
+// from elsewhere bounds the types it lets them make.
+int32_t objectTemplateCount();
+bool objectTemplateKnown(uint32_t magic);
+
 // Builds a template outside the table and frees it again: how a format that
 // arrived from elsewhere is parsed, for the fuzz target.
 ObjectTemplate *objectTemplateBuild(int32_t size, uint32_t magic, const char *format);

@@ -301,6 +301,8 @@ bool releaseComponents(ObjectHeader *h, ObjectHeader *&dying) {
 namespace fh {
 
 int32_t objectTemplateBlocks() { return gTemplateBlocks; }
+int32_t objectTemplateCount() { return gTableCount; }
+bool objectTemplateKnown(uint32_t magic) { return findTemplate(magic).first; }
 
 ObjectTemplate *objectTemplateBuild(int32_t size, uint32_t magic, const char *format) {
     return buildTemplate(size, magic, format, nullptr);
@@ -743,20 +745,6 @@ BOOL ObjGetViewInfo(ObjViewInfo *out, const void *object) {
 int32_t ObjGetInstanceCount(uint32_t magic) {
     auto [found, index] = findTemplate(magic);
     return found ? gTable[index]->Instances : -1;
-}
-
-// The byte form of objects comes with serialisation; until a module provides
-// it there is no copy or comparison through it.
-BOOL ObjDuplicate(void **out, const void *object) {
-    if (out == nullptr || object == nullptr) return FALSE;
-    trace(91, 0, 2, "ObjDuplicate(%p, %p) - no byte form", static_cast<void *>(out), object);
-    return FALSE;
-}
-
-BOOL ObjCompare(void *first, void *second) {
-    if (first == nullptr || second == nullptr) return FALSE;
-    trace(92, 0, 2, "ObjCompare(%p, %p) - no byte form", first, second);
-    return FALSE;
 }
 
 BOOL ObjDuplicateInternal(void **out, const void *object, BOOL keepLocal) {

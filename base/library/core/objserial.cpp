@@ -1,0 +1,1094 @@
+// objserial.cpp - the byte form of objects, and the walker over object graphs.
+//
+// One writer and one reader carry every operation. The writer puts bytes
+// into a window (the caller's memory, the descriptor's buffer, or a staging
+// area in front of a Transfer callback) and only leaves its inline path when
+// the window is full: then it grows the buffer, hands the staged bytes to
+// Transfer, or, when it only measures, counts. The reader takes bytes from a
+// window of memory or through Transfer, and keeps a budget of the bytes that
+// may still come: every size and count read from the bytes is checked against
+// that budget before anything is allocated, so a bounded reader allocates no
+// more than its input justifies.
+//
+// Back references: a writer's Seen map pairs an object's address with its
+// id; a reader's pairs an id with its object, entered before the object's own
+// components are read, so that they can refer back to it. A bounded reader
+// also refuses a back reference into an object whose body is still open: a
+// cycle could not be released again, and no writer of ours makes one but
+// from an object that holds itself.
+//
+// Pointers: a p component is a u32 in bytes that leave the process. An
+// ObjStream with InProcess set writes and reads it at pointer width (low
+// byte first); ObjDuplicate and ObjCompare use such streams, so a pointer
+// above 4 GiB survives a copy.
+//
+// The walker visits each object once, keeping in Visited the objects with
+// more than one reference (only those can be met twice); it walks lists and
+// trees by their own code and every other object by its components.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <span>
+
+#include "internal.h"
+
+namespace {
+
+constexpr fh::ModuleTracer trace{"OBJECT        "};
+using Byte = unsigned char;
+
+// Trace ids of our own, beside the fixed ones of the byte form.
+enum TraceId : int32_t {
+    kIdBoundedRefused = 190,
+    kIdTooDeep = 191,
+    kIdTooManyTypes = 192,
+    kIdOpenBackReference = 193,
+    kIdDuplicateId = 194,
+};
+
+// What a bounded reader accepts: nesting depth, and new types made from
+// received formats while the table holds this many.
+constexpr int32_t kMaxDepth = 200;
+constexpr int32_t kMaxTemplates = 4096;
+
+MemPool *gPool = nullptr;
+MemPool *pool() {
+    if (gPool == nullptr) gPool = MemGetDefaultPoolId();
+    return gPool;
+}
+
+inline uint32_t readLe32(const Byte *p) {
+    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
+           static_cast<uint32_t>(p[3]) << 24;
+}
+inline void writeLe32(Byte *p, uint32_t v) {
+    p[0] = static_cast<Byte>(v);
+    p[1] = static_cast<Byte>(v >> 8);
+    p[2] = static_cast<Byte>(v >> 16);
+    p[3] = static_cast<Byte>(v >> 24);
+}
+
+template <typename T> inline T &field(void *object, const ComponentEntry &e) {
+    return *reinterpret_cast<T *>(static_cast<char *>(object) + e.Offset);
+}
+inline std::span<const ComponentEntry> entriesOf(const ObjectTemplate *t) {
+    return {t->Descriptor.Entries, static_cast<size_t>(t->Descriptor.FieldCount)};
+}
+inline int32_t refCount(const void *object) { return fh::objectHeader(object)->RefCount; }
+
+// ---------------------------------------------------------------- Seen maps
+
+int32_t locateId(const void *entry, const void *stored) {
+    const int32_t a = static_cast<const ObjMapAddressEntry *>(entry)->iId;
+    const int32_t b = static_cast<const ObjMapAddressEntry *>(stored)->iId;
+    return a < b ? -1 : a > b ? 1 : 0;
+}
+int32_t findId(const void *key, const void *stored) {
+    const int32_t a = *static_cast<const int32_t *>(key), b = static_cast<const ObjMapAddressEntry *>(stored)->iId;
+    return a < b ? -1 : a > b ? 1 : 0;
+}
+
+bool ensureSeen(ObjStream &s, bool byAddress) {
+    if (s.Seen != nullptr) return true;
+    return byAddress ? MapCreate(&s.Seen, sizeof(ObjMapAddressEntry), 16, ObjMapAddressLocate, ObjMapAddressFind, nullptr)
+                     : MapCreate(&s.Seen, sizeof(ObjMapAddressEntry), 16, locateId, findId, nullptr);
+}
+
+// A stream of one operation: a fresh Seen, ids from 1, released at the end.
+struct OwnStream {
+    ObjStream s{};
+    OwnStream(bool local, bool inProcess) {
+        s.Local = local ? TRUE : FALSE;
+        s.InProcess = inProcess ? TRUE : FALSE;
+    }
+    ~OwnStream() {
+        if (s.Seen != nullptr) ObjReleaseInternal(&s.Seen);
+    }
+};
+
+// ------------------------------------------------------------------ writer
+
+class Writer {
+  public:
+    enum class Sink { measure, memory, buffer, stream };
+
+    Writer(ObjStream &s, Sink sink) : s_(s), sink_(sink) {
+        if (sink == Sink::stream) open(stage_.data(), stage_.size());
+    }
+    void open(Byte *window, size_t room) {
+        base_ = at_ = window;
+        room_ = room;
+    }
+
+    bool bytes(const void *p, size_t n) {
+        if (n <= room_) {
+            if (n != 0) memcpy(at_, p, n);
+            at_ += n;
+            room_ -= n;
+            return true;
+        }
+        return overflow(static_cast<const Byte *>(p), n);
+    }
+    bool byte(Byte b) { return bytes(&b, 1); }
+    bool u32(uint32_t v) {
+        Byte b[4];
+        writeLe32(b, v);
+        return bytes(b, 4);
+    }
+    bool string(const char *text) {
+        if (text == nullptr) return u32(0);
+        const size_t n = strlen(text) + 1;
+        return n <= INT32_MAX && u32(static_cast<uint32_t>(n)) && bytes(text, n);
+    }
+    bool pointer(void *p) {
+        const auto v = reinterpret_cast<uintptr_t>(p);
+        if (!s_.InProcess) return u32(static_cast<uint32_t>(v));
+        Byte b[sizeof v];
+        for (size_t i = 0; i < sizeof v; ++i) b[i] = static_cast<Byte>(v >> (8 * i));
+        return bytes(b, sizeof b);
+    }
+
+    // Bytes written so far; staged bytes go to Transfer.
+    size_t written() const { return counted_ + static_cast<size_t>(at_ - base_); }
+    bool finish() { return sink_ != Sink::stream || flush(); }
+    // Writes at the descriptor's Used; written() is then the new Used.
+    void attach(ObjBufferDescriptor *d) {
+        buffer_ = d;
+        if (d->Buffer != nullptr && d->Capacity > d->Used)
+            open(reinterpret_cast<Byte *>(d->Buffer) + d->Used, static_cast<size_t>(d->Capacity - d->Used));
+        counted_ = static_cast<size_t>(d->Used);
+    }
+    void detach() { buffer_->Used = static_cast<int32_t>(written()); }
+
+    ObjStream &stream() { return s_; }
+
+  private:
+    bool flush() {
+        const auto n = static_cast<int32_t>(at_ - base_);
+        if (n == 0) return true;
+        counted_ += static_cast<size_t>(n);
+        open(stage_.data(), stage_.size());
+        return s_.Transfer(s_.Cookie, stage_.data(), n) != FALSE;
+    }
+
+    bool overflow(const Byte *p, size_t n) {
+        switch (sink_) {
+        case Sink::measure: counted_ += n; return true;
+        case Sink::memory: return false;
+        case Sink::buffer: return grow(n) && bytes(p, n);
+        case Sink::stream:
+            if (!flush()) return false;
+            if (n <= room_) return bytes(p, n);
+            counted_ += n;
+            return n <= INT32_MAX && s_.Transfer(s_.Cookie, const_cast<Byte *>(p), static_cast<int32_t>(n)) != FALSE;
+        }
+        return false;
+    }
+
+    // The new capacity is Start plus twice the capacity plus n plus 1,024.
+    bool grow(size_t n) {
+        ObjBufferDescriptor &d = *buffer_;
+        const size_t used = written();
+        const size_t capacity = static_cast<size_t>(d.Start) + 2 * static_cast<size_t>(d.Capacity) + n + 1024;
+        if (capacity > INT32_MAX) return false;
+        auto *grown = static_cast<char *>(MemAllocateFromPool(capacity, pool()));
+        if (d.Buffer != nullptr) memcpy(grown, d.Buffer, std::min(used, static_cast<size_t>(d.Capacity)));
+        if (d.Owned) MemFreeInternal(&d.Buffer);
+        d.Buffer = grown;
+        d.Capacity = static_cast<int32_t>(capacity);
+        d.Owned = TRUE;
+        open(reinterpret_cast<Byte *>(grown) + used, capacity - used);
+        counted_ = used;
+        return true;
+    }
+
+    ObjStream &s_;
+    Sink sink_;
+    Byte *base_ = nullptr, *at_ = nullptr;
+    size_t room_ = 0;
+    size_t counted_ = 0; // bytes before base_
+    ObjBufferDescriptor *buffer_ = nullptr;
+    std::array<Byte, 4096> stage_;
+};
+
+bool writeObject(Writer &w, const void *object);
+
+bool writeStanza(Writer &w, const Stanza *stanza);
+
+bool writeComponent(Writer &w, void *object, const ComponentEntry &e) {
+    switch (e.Datatype) {
+    case eObjBoolean: return w.byte(field<int32_t>(object, e) != 0 ? 1 : 0);
+    case eObjInteger: return w.u32(static_cast<uint32_t>(field<int32_t>(object, e)));
+    case eObjPointer: return w.pointer(field<void *>(object, e));
+    case eObjString: return w.string(field<char *>(object, e));
+    case eObjObject:
+        if (e.Local && !w.stream().Local) return w.byte(0);
+        return writeObject(w, field<void *>(object, e));
+    case eObjStanza: return writeStanza(w, field<Stanza *>(object, e));
+    case eObjData: {
+        const ObjData &data = field<ObjData>(object, e);
+        const uint32_t size = data.pData != nullptr && data.iSize > 0 ? static_cast<uint32_t>(data.iSize) : 0;
+        return w.u32(size) && w.bytes(data.pData, size);
+    }
+    case eObjInline:
+        return w.u32(static_cast<uint32_t>(e.InlineSize)) &&
+               w.bytes(&field<char>(object, e), static_cast<size_t>(e.InlineSize));
+    case eObjViewInfo: {
+        const ObjViewInfo &view = field<ObjViewInfo>(object, e);
+        return w.u32(static_cast<uint32_t>(view.iWord)) && w.string(view.pszString) && writeStanza(w, view.pStanza);
+    }
+    case eObjInt64: {
+        const auto value = static_cast<uint64_t>(field<int64_t>(object, e));
+        return w.u32(static_cast<uint32_t>(value)) && w.u32(static_cast<uint32_t>(value >> 32));
+    }
+    case eObjUnique: return w.bytes(&field<char>(object, e), 32);
+    case eObjBackLink:
+        trace(36, 1, -1, "Invalid component: BackwardLink");
+        ProcCrash(0);
+        return false;
+    default:
+        trace(37, 1, -1, "Invalid component");
+        ProcCrash(0);
+        return false;
+    }
+}
+
+bool writeList(Writer &w, const LIST *list) {
+    if (!w.u32(static_cast<uint32_t>(list->iItemMagic)) || !w.u32(static_cast<uint32_t>(list->iCount)) ||
+        !writeObject(w, list->oCookie))
+        return false;
+    for (const LISTNODE *node = list->oFirst; node != nullptr; node = node->oNext)
+        if (!writeObject(w, node->oItem)) return false;
+    return w.u32(LIST_MAGIC);
+}
+
+bool writeBody(Writer &w, const void *object, uint32_t magic) {
+    if (!w.u32(magic)) return false;
+    if (magic == LIST_MAGIC) return writeList(w, static_cast<const LIST *>(object));
+    const ObjectTemplate *t = fh::objectHeader(object)->Template;
+    if (!w.string(t->Descriptor.Format)) return false;
+    for (const ComponentEntry &e : entriesOf(t))
+        if (!writeComponent(w, const_cast<void *>(object), e)) return false;
+    return true;
+}
+
+bool writeObject(Writer &w, const void *object) {
+    if (object == nullptr) return w.byte(0);
+    if (refCount(object) == 1) {
+        if (!w.byte(1)) return false;
+    } else {
+        ObjStream &s = w.stream();
+        void *found = nullptr;
+        if (s.Seen != nullptr && MapFindEntry(&found, s.Seen, object))
+            return w.byte(3) && w.u32(static_cast<uint32_t>(static_cast<ObjMapAddressEntry *>(found)->iId));
+        const ObjMapAddressEntry entry{++s.NextId, const_cast<void *>(object)};
+        if (!ensureSeen(s, true) || !MapInsertEntry(s.Seen, &entry)) return false;
+        if (!w.byte(2) || !w.u32(static_cast<uint32_t>(entry.iId))) return false;
+    }
+    uint32_t magic = 0;
+    if (!ObjGetMagic(object, &magic)) {
+        trace(43, 1, 0, "Failed to read magic from object at %p", object);
+        return false;
+    }
+    return writeBody(w, object, magic);
+}
+
+// Stanzas: present flag, title (with its category), keys with their values.
+bool writeStanza(Writer &w, const Stanza *stanza) {
+    (void)stanza;
+    return w.byte(0);
+}
+
+// ------------------------------------------------------------------ reader
+
+class Reader {
+  public:
+    // Memory: budget is the byte count that may be read (SIZE_MAX: trusted).
+    Reader(ObjStream &s, const void *memory, size_t budget, bool bounded)
+        : s_(s), at_(static_cast<const Byte *>(memory)), left_(budget), budget_(budget), bounded_(bounded) {}
+    // Through Transfer, with the bytes that may still come.
+    Reader(ObjStream &s, size_t budget) : s_(s), budget_(budget) {}
+
+    bool bytes(void *to, size_t n) {
+        if (n <= left_) {
+            if (n != 0) memcpy(to, at_, n);
+            at_ += n;
+            left_ -= n;
+            budget_ -= n;
+            return true;
+        }
+        if (s_.Transfer == nullptr || n > budget_ || n > INT32_MAX) return false;
+        budget_ -= n;
+        return n == 0 || s_.Transfer(s_.Cookie, to, static_cast<int32_t>(n)) != FALSE;
+    }
+    bool byte(Byte &b) { return bytes(&b, 1); }
+    bool u32(uint32_t &v) {
+        Byte b[4];
+        if (!bytes(b, 4)) return false;
+        v = readLe32(b);
+        return true;
+    }
+    bool pointer(void *&p) {
+        if (!s_.InProcess) {
+            uint32_t v = 0;
+            if (!u32(v)) return false;
+            p = reinterpret_cast<void *>(static_cast<uintptr_t>(v));
+            return true;
+        }
+        Byte b[sizeof(uintptr_t)];
+        if (!bytes(b, sizeof b)) return false;
+        uintptr_t v = 0;
+        for (size_t i = 0; i < sizeof b; ++i) v |= static_cast<uintptr_t>(b[i]) << (8 * i);
+        p = reinterpret_cast<void *>(v);
+        return true;
+    }
+    // A count of things of at least unit bytes each that the rest can hold.
+    bool plausible(uint64_t count, size_t unit = 1) const { return count <= budget_ / unit; }
+
+    // A string: u32 size, then the bytes with their NUL; size 0 is null.
+    bool string(char *&out) {
+        uint32_t size = 0;
+        out = nullptr;
+        if (!u32(size)) return false;
+        if (size == 0) return true;
+        if (!plausible(size)) return refuse("string of %lu bytes", size);
+        auto *text = static_cast<char *>(MemAllocateFromPool(size, pool()));
+        if (!bytes(text, size) || text[size - 1] != 0) {
+            MemFreeInternal(&text);
+            return false;
+        }
+        out = text;
+        return true;
+    }
+
+    bool refuse(const char *what, unsigned long value) {
+        if (bounded_) trace(kIdBoundedRefused, 1, -1, "Refused bytes: %s %lu", what, value);
+        return false;
+    }
+
+    ObjStream &stream() { return s_; }
+    bool bounded() const { return bounded_; }
+
+    // Objects whose bodies are open, for the bounded reader's checks.
+    bool enter(void *object) {
+        if (depth_ == kMaxDepth) {
+            trace(kIdTooDeep, 1, -1, "Objects nested deeper than %ld", static_cast<long>(kMaxDepth));
+            return false;
+        }
+        open_[depth_++] = object;
+        return true;
+    }
+    void leave() { --depth_; }
+    bool isOpen(const void *object) const { return std::find(open_.begin(), open_.begin() + depth_, object) != open_.begin() + depth_; }
+    int32_t depth() const { return depth_; }
+
+  private:
+    ObjStream &s_;
+    const Byte *at_ = nullptr;
+    size_t left_ = 0;
+    size_t budget_;
+    bool bounded_ = false;
+    int32_t depth_ = 0;
+    std::array<void *, kMaxDepth> open_{};
+};
+
+bool readObject(Reader &r, void **out);
+bool readStanza(Reader &r, Stanza **out);
+
+// Enters a decoded object under its id (0: none) before its body is read.
+bool remember(Reader &r, int32_t id, void *object) {
+    if (id == 0) return true;
+    ObjStream &s = r.stream();
+    const ObjMapAddressEntry entry{id, object};
+    if (!ensureSeen(s, false)) return false;
+    if (r.bounded() && MapFindEntry(nullptr, s.Seen, &id)) {
+        trace(kIdDuplicateId, 1, -1, "Id %ld given twice", static_cast<long>(id));
+        return false;
+    }
+    return MapUpdateEntry(s.Seen, &entry);
+}
+
+void forget(Reader &r, int32_t id) {
+    if (id != 0 && r.stream().Seen != nullptr) MapDeleteEntry(r.stream().Seen, &id);
+}
+
+bool readComponent(Reader &r, void *object, const ComponentEntry &e) {
+    switch (e.Datatype) {
+    case eObjBoolean: {
+        Byte b = 0;
+        if (!r.byte(b)) return false;
+        field<int32_t>(object, e) = b != 0 ? TRUE : FALSE;
+        return true;
+    }
+    case eObjInteger: {
+        uint32_t v = 0;
+        if (!r.u32(v)) return false;
+        field<int32_t>(object, e) = static_cast<int32_t>(v);
+        return true;
+    }
+    case eObjPointer: return r.pointer(field<void *>(object, e));
+    case eObjString: return r.string(field<char *>(object, e));
+    case eObjObject: return readObject(r, &field<void *>(object, e));
+    case eObjStanza: return readStanza(r, &field<Stanza *>(object, e));
+    case eObjData: {
+        ObjData &data = field<ObjData>(object, e);
+        uint32_t size = 0;
+        if (!r.u32(size)) return false;
+        if (size == 0) return true;
+        if (size > INT32_MAX || !r.plausible(size)) return r.refuse("data of bytes", size);
+        data.pData = MemAllocateFromPool(size, pool());
+        data.iSize = static_cast<int32_t>(size);
+        return r.bytes(data.pData, size);
+    }
+    case eObjInline: {
+        uint32_t size = 0;
+        return r.u32(size) && size == static_cast<uint32_t>(e.InlineSize) && r.bytes(&field<char>(object, e), size);
+    }
+    case eObjViewInfo: {
+        ObjViewInfo &view = field<ObjViewInfo>(object, e);
+        uint32_t word = 0;
+        if (!r.u32(word)) return false;
+        view.iWord = static_cast<int32_t>(word);
+        return r.string(view.pszString) && readStanza(r, &view.pStanza);
+    }
+    case eObjInt64: {
+        uint32_t low = 0, high = 0;
+        if (!r.u32(low) || !r.u32(high)) return false;
+        field<int64_t>(object, e) = static_cast<int64_t>(static_cast<uint64_t>(high) << 32 | low);
+        return true;
+    }
+    case eObjUnique: return r.bytes(&field<char>(object, e), 32);
+    default: trace(44, 1, -1, "ERROR: Unknown type to reconstruct"); return false;
+    }
+}
+
+// Replaces every reference to one object by a reference to another.
+struct Redirect {
+    void *from;
+    void *to;
+};
+int32_t redirectSlot(void *cookie, void **slot) {
+    auto &r = *static_cast<Redirect *>(cookie);
+    if (*slot != r.from) return eObjWalkEnter;
+    ObjReleaseInternal(slot);
+    ObjIncRefCount(r.to);
+    *slot = r.to;
+    return eObjWalkSkip;
+}
+
+// A decoded object of an older shape goes through its template's translator.
+bool translate(Reader &r, void *&object, int32_t id) {
+    const ObjTranslator translator = ObjGetTranslator(object);
+    if (translator == nullptr) return true;
+    const bool referenced = id != 0 && refCount(object) >= 2;
+    void *old = object;
+    switch (translator(&object)) {
+    case 1: return true;
+    case 2:
+        if (id == 0) return true;
+        if (referenced) {
+            Redirect redirect{old, object};
+            ObjWalk(&object, redirectSlot, &redirect, 0);
+        }
+        return remember(r, id, object);
+    case 3: trace(168, 0, -1, "Failed to translate simple object"); break;
+    default: trace(169, 0, -1, "Error translating simple object"); break;
+    }
+    forget(r, id);
+    ObjReleaseInternal(&object);
+    return false;
+}
+
+bool readSimple(Reader &r, uint32_t magic, int32_t id, void **out) {
+    char *format = nullptr;
+    if (!r.string(format) || format == nullptr) {
+        trace(121, 0, -1, "Failed to get format string");
+        return false;
+    }
+    if (r.bounded() && !fh::objectTemplateKnown(magic) && fh::objectTemplateCount() >= kMaxTemplates) {
+        trace(kIdTooManyTypes, 1, -1, "Refused a new type %lx: %ld types known", static_cast<unsigned long>(magic),
+              static_cast<long>(fh::objectTemplateCount()));
+        MemFreeInternal(&format);
+        return false;
+    }
+    void *object = nullptr;
+    const BOOL created = ObjCreateInternal(&object, -1, magic, format, nullptr, pool());
+    MemFreeInternal(&format);
+    if (!created) {
+        trace(122, 0, -1, "Failed to create new object");
+        return false;
+    }
+    bool ok = remember(r, id, object) && r.enter(object);
+    if (ok) {
+        const ObjectTemplate *t = fh::objectHeader(object)->Template;
+        int32_t index = 0;
+        for (const ComponentEntry &e : entriesOf(t)) {
+            if (!readComponent(r, object, e)) {
+                trace(123, 0, -1, "Failed to reconstruct simple object %lx %ld field %ld type %ld",
+                      static_cast<unsigned long>(magic), static_cast<long>(id), static_cast<long>(index),
+                      static_cast<long>(e.Datatype));
+                ok = false;
+                break;
+            }
+            ++index;
+        }
+        r.leave();
+    }
+    if (!ok) {
+        forget(r, id);
+        ObjReleaseInternal(&object);
+        return false;
+    }
+    if (!translate(r, object, id)) return false;
+    *out = object;
+    return true;
+}
+
+bool readList(Reader &r, int32_t id, void **out) {
+    uint32_t itemMagic = 0, count = 0;
+    if (!r.u32(itemMagic)) {
+        trace(125, 0, -1, "Failed to reconstruct item magic");
+        return false;
+    }
+    if (!r.u32(count) || !r.plausible(count)) {
+        trace(139, 0, -1, "Failed to reconstruct item count");
+        return false;
+    }
+    void *cookie = nullptr;
+    if (!readObject(r, &cookie)) {
+        trace(126, 0, -1, "Failed to reconstruct list cookie");
+        return false;
+    }
+    LIST *list = nullptr;
+    bool ok = ListCreateFromPool(&list, itemMagic, pool()) != FALSE;
+    if (ok) ListSetCookie(list, cookie);
+    ObjReleaseInternal(&cookie);
+    if (!ok) return false;
+    const bool entered = remember(r, id, list) && r.enter(list);
+    ok = entered;
+    for (uint32_t i = 0; ok && i < count; ++i) {
+        void *item = nullptr;
+        if (!readObject(r, &item)) {
+            trace(128, 0, -1, "Failed to reconstruct list item");
+            ok = false;
+        } else if (!ListPushLastItemInternal(list, &item)) {
+            ObjReleaseInternal(&item);
+            trace(127, 0, -1, "Failed to push list item");
+            ok = false;
+        }
+        if (!ok)
+            trace(129, 0, -1, "Failed to validate end of list (%ld, %ld)", static_cast<long>(i),
+                  static_cast<long>(count));
+    }
+    if (entered) r.leave();
+    uint32_t end = 0;
+    if (ok && (!r.u32(end) || end != LIST_MAGIC)) {
+        trace(129, 0, -1, "Failed to validate end of list (%ld, %ld)", static_cast<long>(end),
+              static_cast<long>(LIST_MAGIC));
+        ok = false;
+    }
+    if (!ok) {
+        forget(r, id);
+        ObjReleaseInternal(&list);
+        return false;
+    }
+    *out = list;
+    return true;
+}
+
+bool readObject(Reader &r, void **out) {
+    *out = nullptr;
+    Byte lead = 0;
+    if (!r.byte(lead)) {
+        trace(53, 1, -1, "Failed to read lead byte?");
+        return false;
+    }
+    uint32_t id = 0;
+    switch (lead) {
+    case 0: return true;
+    case 1: break;
+    case 2:
+        if (!r.u32(id)) return false;
+        if (id == 0 || id > INT32_MAX) return r.refuse("id", id);
+        break;
+    case 3: {
+        void *found = nullptr;
+        if (!r.u32(id)) return false;
+        const auto wanted = static_cast<int32_t>(id);
+        if (r.stream().Seen == nullptr || !MapFindEntry(&found, r.stream().Seen, &wanted)) {
+            trace(49, 1, -1, "Fatal error - entry not in map");
+            return false;
+        }
+        void *object = static_cast<ObjMapAddressEntry *>(found)->pObject;
+        if (r.bounded() && r.isOpen(object)) {
+            trace(kIdOpenBackReference, 1, -1, "Back reference %ld into an object not yet complete",
+                  static_cast<long>(wanted));
+            return false;
+        }
+        ObjIncRefCount(object);
+        *out = object;
+        return true;
+    }
+    default: trace(51, 1, -1, "Impossible scenario, location type %d", lead); return false;
+    }
+    uint32_t magic = 0;
+    if (!r.u32(magic)) return false;
+    if (magic == LIST_MAGIC) return readList(r, static_cast<int32_t>(id), out);
+    return readSimple(r, magic, static_cast<int32_t>(id), out);
+}
+
+bool readStanza(Reader &r, Stanza **out) {
+    *out = nullptr;
+    Byte present = 0;
+    return r.byte(present) && present == 0;
+}
+
+// The top of every decode: one trace for any failure.
+bool reconstructTop(Reader &r, void **out) {
+    if (readObject(r, out)) return true;
+    trace(54, 4, -1, "ObjReconstruct failed");
+    return false;
+}
+
+// ------------------------------------------------------------------ walker
+
+int32_t comparePointers(const void *a, const void *b) {
+    const auto x = *static_cast<const uintptr_t *>(a), y = *static_cast<const uintptr_t *>(b);
+    return x < y ? -1 : x > y ? 1 : 0;
+}
+
+struct Walk {
+    ObjWalkFunction callback;
+    void *cookie;
+    MAP *visited;
+};
+
+int32_t visitSlot(Walk &walk, void **slot);
+
+int32_t walkComponents(Walk &walk, void *object) {
+    for (const ComponentEntry &e : entriesOf(fh::objectHeader(object)->Template)) {
+        switch (e.Datatype) {
+        case eObjObject:
+            if (const int32_t result = visitSlot(walk, &field<void *>(object, e)); result != eObjWalkEnter)
+                return result;
+            break;
+        case eObjNone:
+            trace(121, 1, -1, "ObjWalker - Invalid component");
+            ProcCrash(0);
+            return eObjWalkAbort;
+        case eObjBackLink:
+            trace(120, 1, -1, "ObjWalker - Invalid component: BackwardLink");
+            ProcCrash(0);
+            return eObjWalkAbort;
+        default: break;
+        }
+    }
+    return eObjWalkEnter;
+}
+
+int32_t walkList(Walk &walk, LIST *list) {
+    if (visitSlot(walk, &list->oCookie) == eObjWalkAbort) return eObjWalkAbort;
+    for (LISTNODE *node = list->oFirst, *next = nullptr; node != nullptr; node = next) {
+        next = node->oNext;
+        void *variable = node;
+        switch (const int32_t result = walk.callback(walk.cookie, &variable)) {
+        case eObjWalkEnter: {
+            if (variable != node) {
+                trace(124, 1, -1, "Not allowed to modify ListNodeO objects");
+                ProcCrash(1);
+                return eObjWalkAbort;
+            }
+            const int32_t item = visitSlot(walk, &node->oItem);
+            if (item < eObjWalkEnter || item > eObjWalkRelease) return item;
+            if (node->oItem == nullptr) ListRemoveItem(node);
+            break;
+        }
+        case eObjWalkSkip: break;
+        case eObjWalkRelease: ListRemoveItem(node); break;
+        default: return result;
+        }
+    }
+    return eObjWalkEnter;
+}
+
+int32_t visitSlot(Walk &walk, void **slot) {
+    void *object = *slot;
+    if (object == nullptr) return eObjWalkEnter;
+    if (MapFindEntry(nullptr, walk.visited, &object)) return eObjWalkEnter;
+    if (refCount(object) >= 2) MapUpdateEntry(walk.visited, &object);
+    switch (const int32_t result = walk.callback(walk.cookie, slot)) {
+    case eObjWalkAbort: return eObjWalkAbort;
+    case eObjWalkSkip: return eObjWalkEnter;
+    case eObjWalkRelease:
+        MapDeleteEntry(walk.visited, &object);
+        ObjReleaseInternal(slot);
+        return eObjWalkEnter;
+    case eObjWalkEnter: break;
+    default: return result;
+    }
+    if (*slot != object) {
+        MapDeleteEntry(walk.visited, &object);
+        object = *slot;
+        if (object == nullptr) return eObjWalkEnter;
+        MapUpdateEntry(walk.visited, &object);
+    }
+    uint32_t magic = 0;
+    if (!ObjGetMagic(object, &magic)) {
+        trace(127, 1, 0, "Failed to read magic from object at %p", object);
+        return eObjWalkAbort;
+    }
+    if (magic == LIST_MAGIC) return walkList(walk, static_cast<LIST *>(object));
+    return walkComponents(walk, object);
+}
+
+// ------------------------------------------------------------------ files
+
+BOOL fileWrite(void *cookie, void *address, int32_t count) {
+    return count == 0 || fwrite(address, static_cast<size_t>(count), 1, static_cast<FILE *>(cookie)) == 1;
+}
+BOOL fileRead(void *cookie, void *address, int32_t count) {
+    return count == 0 || fread(address, static_cast<size_t>(count), 1, static_cast<FILE *>(cookie)) == 1;
+}
+
+// The bytes left in a regular file from its position; SIZE_MAX otherwise.
+size_t bytesLeftIn(FILE *file) {
+    struct stat status {};
+    const long position = ftell(file);
+    if (fstat(fileno(file), &status) != 0 || !S_ISREG(status.st_mode) || position < 0) return SIZE_MAX;
+    return status.st_size > position ? static_cast<size_t>(status.st_size - position) : 0;
+}
+
+bool serializeToFile(const void *object, FILE *file) {
+    OwnStream own(false, false);
+    own.s.Transfer = fileWrite;
+    own.s.Cookie = file;
+    Writer w(own.s, Writer::Sink::stream);
+    return writeObject(w, object) && w.finish();
+}
+
+bool reconstructFromFile(void **out, FILE *file) {
+    OwnStream own(false, false);
+    own.s.Transfer = fileRead;
+    own.s.Cookie = file;
+    Reader r(own.s, bytesLeftIn(file));
+    return reconstructTop(r, out);
+}
+
+// ------------------------------------------------------------------ helpers
+
+// Measures an object's encoding; -1 when it cannot be encoded.
+int32_t measure(const void *object, bool local, bool inProcess) {
+    OwnStream own(local, inProcess);
+    Writer w(own.s, Writer::Sink::measure);
+    if (!writeObject(w, object) || w.written() > INT32_MAX) return -1;
+    return static_cast<int32_t>(w.written());
+}
+
+bool toMemory(const void *object, void *memory, int32_t *length, bool local, bool inProcess) {
+    if (memory == nullptr) return false;
+    OwnStream own(local, inProcess);
+    Writer w(own.s, Writer::Sink::memory);
+    w.open(static_cast<Byte *>(memory), SIZE_MAX / 2);
+    if (!writeObject(w, object)) return false;
+    if (length != nullptr) *length = static_cast<int32_t>(w.written());
+    return true;
+}
+
+bool fromMemory(void **out, const void *memory, size_t budget, bool bounded, bool inProcess) {
+    OwnStream own(false, inProcess);
+    Reader r(own.s, memory, budget, bounded);
+    return reconstructTop(r, out);
+}
+
+// Runs fill on a writer attached to the descriptor, and stores the new Used.
+template <typename Fill> bool intoBuffer(ObjBufferDescriptor *d, Fill fill) {
+    OwnStream own(false, false);
+    Writer w(own.s, Writer::Sink::buffer);
+    w.attach(d);
+    const bool ok = fill(w);
+    w.detach();
+    return ok;
+}
+
+// The in-process copy of an object's byte form, in a pool block.
+Byte *inProcessForm(const void *object, int32_t &size) {
+    size = measure(object, true, true);
+    if (size < 0) return nullptr;
+    auto *memory = static_cast<Byte *>(MemAllocateFromPool(static_cast<size_t>(size), pool()));
+    if (!toMemory(object, memory, nullptr, true, true)) MemFreeInternal(&memory);
+    return memory;
+}
+
+} // namespace
+
+// ------------------------------------------------------------------ interface
+
+BOOL ObjSerialize(const void *object, ObjStream *stream) {
+    if (stream == nullptr || stream->Transfer == nullptr) {
+        trace(149, 1, -1, "Invalid argument");
+        ProcCrash(0);
+        return FALSE;
+    }
+    Writer w(*stream, Writer::Sink::stream);
+    return writeObject(w, object) && w.finish();
+}
+
+BOOL ObjReconstruct(void **out, ObjStream *stream) {
+    if (out == nullptr || stream == nullptr || stream->Transfer == nullptr) {
+        trace(149, 1, -1, "Invalid argument");
+        ProcCrash(0);
+        return FALSE;
+    }
+    Reader r(*stream, SIZE_MAX);
+    return reconstructTop(r, out);
+}
+
+int32_t ObjSerializedSize(const void *object) {
+    const int32_t size = measure(object, false, false);
+    if (size < 0) trace(55, 0, -1, "Failed to get serialized size of object at %p", object);
+    return size;
+}
+
+int32_t ObjSerializedSizeLocal(const void *object) { return measure(object, true, false); }
+
+BOOL ObjSerializeToMemory(const void *object, void *memory, int32_t *length) {
+    return toMemory(object, memory, length, false, false);
+}
+
+BOOL ObjSerializeLocal(const void *object, void *memory, int32_t *length) {
+    return toMemory(object, memory, length, true, false);
+}
+
+BOOL ObjReconstructFromMemory(void **out, const void *memory) {
+    if (out == nullptr || memory == nullptr) return FALSE;
+    return fromMemory(out, memory, SIZE_MAX, false, false);
+}
+
+BOOL ObjReconstructFromBytes(void **out, const void *memory, int32_t length) {
+    if (out == nullptr || (memory == nullptr && length != 0) || length < 0) {
+        trace(149, 1, -1, "Invalid argument");
+        ProcCrash(0);
+        return FALSE;
+    }
+    return fromMemory(out, memory, static_cast<size_t>(length), true, false);
+}
+
+BOOL ObjReconstructObjectFromMemory(void **out, const void *memory, int32_t size, uint32_t magic) {
+    (void)size;
+    if (out == nullptr || memory == nullptr) return FALSE;
+    const auto *bytes = static_cast<const Byte *>(memory);
+    if (bytes[0] != 1 || readLe32(bytes + 1) != magic) return FALSE;
+    return ObjReconstructFromMemory(out, memory);
+}
+
+BOOL ObjSerializeToBuffer(const void *object, uint32_t typeWord, ObjBufferDescriptor *descriptor) {
+    if (descriptor == nullptr) return FALSE;
+    const int32_t frame = descriptor->Used;
+    const bool ok = intoBuffer(descriptor, [&](Writer &w) { return w.u32(0) && w.u32(typeWord) && writeObject(w, object); });
+    if (ok) writeLe32(reinterpret_cast<Byte *>(descriptor->Buffer) + frame, static_cast<uint32_t>(descriptor->Used - frame));
+    return ok;
+}
+
+BOOL ObjSerializeToBufferCustomHead(const void *object, ObjBufferDescriptor *descriptor, int32_t headSize,
+                                    const void *head, BOOL withTotal) {
+    if (descriptor == nullptr || headSize < 0 || (headSize == 0) != (head == nullptr)) {
+        trace(172, 0, -1, "ObjSerializeToBufferCustomHead() - bad params (%p, %p, %ld, %p) ", object,
+              static_cast<void *>(descriptor), static_cast<long>(headSize), head);
+        ProcCrash(0);
+        return FALSE;
+    }
+    const int32_t frame = descriptor->Used;
+    bool headWritten = false;
+    const bool ok = intoBuffer(descriptor, [&](Writer &w) {
+        headWritten = (!withTotal || w.u32(0)) && w.bytes(head, static_cast<size_t>(headSize));
+        return headWritten && writeObject(w, object);
+    });
+    if (!ok) {
+        if (!headWritten)
+            trace(171, 0, -1, "Failed to write custom header of %ld bytes to buffer", static_cast<long>(headSize));
+        else
+            trace(170, 0, -1, "Failed to serialize object after custom header");
+        ProcCrash(0);
+        return FALSE;
+    }
+    if (withTotal)
+        writeLe32(reinterpret_cast<Byte *>(descriptor->Buffer) + frame, static_cast<uint32_t>(descriptor->Used - frame));
+    return TRUE;
+}
+
+BOOL ObjSerializeToBufferNoHead(int32_t *length, const void *object, ObjBufferDescriptor *descriptor) {
+    if (descriptor == nullptr) return FALSE;
+    const int32_t start = descriptor->Used;
+    if (!intoBuffer(descriptor, [&](Writer &w) { return writeObject(w, object); })) return FALSE;
+    if (length != nullptr) *length = descriptor->Used - start;
+    return TRUE;
+}
+
+BOOL ObjBufferInsertBytes(int32_t count, const void *bytes, ObjBufferDescriptor *descriptor) {
+    if (descriptor == nullptr || count < 0 || (count > 0 && bytes == nullptr)) {
+        trace(174, 0, -1, "ObjBufferInsertBytes() - bad params (%ld, %p, %p)", static_cast<long>(count), bytes,
+              static_cast<void *>(descriptor));
+        ProcCrash(0);
+        return FALSE;
+    }
+    if (intoBuffer(descriptor, [&](Writer &w) { return w.bytes(bytes, static_cast<size_t>(count)); })) return TRUE;
+    trace(173, 0, -1, "ObjBufferInsertBytes() - failed to write to buffer");
+    return FALSE;
+}
+
+BOOL ObjBufferDescriptorCreate(ObjBufferDescriptor **out, void *buffer, int32_t capacity, int32_t start) {
+    if (out == nullptr || capacity < 0 || start < 0 || (buffer != nullptr && start > capacity)) {
+        trace(149, 1, -1, "Invalid argument");
+        ProcCrash(0);
+        return FALSE;
+    }
+    auto *d = static_cast<ObjBufferDescriptor *>(MemAllocateFromPool(sizeof(ObjBufferDescriptor), pool()));
+    *d = {static_cast<char *>(buffer), buffer != nullptr ? capacity : 0, start, start, FALSE};
+    *out = d;
+    return TRUE;
+}
+
+BOOL ObjBufferDescriptorGetBuffer(void **buffer, int32_t *used, const ObjBufferDescriptor *descriptor) {
+    if (descriptor == nullptr) return FALSE;
+    if (buffer != nullptr) *buffer = descriptor->Buffer;
+    if (used != nullptr) *used = descriptor->Used;
+    return TRUE;
+}
+
+void ObjBufferDescriptorReset(ObjBufferDescriptor *descriptor) {
+    if (descriptor != nullptr) descriptor->Used = descriptor->Start;
+}
+
+BOOL ObjBufferDescriptorFree(ObjBufferDescriptor **descriptorAddress) {
+    if (descriptorAddress == nullptr || *descriptorAddress == nullptr) return FALSE;
+    if ((*descriptorAddress)->Owned) MemFreeInternal(&(*descriptorAddress)->Buffer);
+    return MemFreeInternal(descriptorAddress);
+}
+
+BOOL ObjBufferAnalyze(const void *frame, int32_t *objectSize, uint32_t *typeWord) {
+    if (frame == nullptr) return FALSE;
+    if (objectSize != nullptr) *objectSize = ObjBufferSerializedObjectSize(frame);
+    if (typeWord != nullptr) *typeWord = ObjBufferMsgType(frame);
+    return TRUE;
+}
+
+int32_t ObjBufferSerializedObjectSize(const void *frame) {
+    return frame != nullptr ? static_cast<int32_t>(readLe32(static_cast<const Byte *>(frame)) - 8) : -1;
+}
+
+uint32_t ObjBufferMsgType(const void *frame) {
+    return frame != nullptr ? readLe32(static_cast<const Byte *>(frame) + 4) : 0;
+}
+
+BOOL ObjSerializeToFile(const void *object, const char *path) {
+    if (path == nullptr) {
+        trace(149, 1, -1, "Invalid argument");
+        return FALSE;
+    }
+    FILE *file = fopen(path, "wbe");
+    if (file == nullptr) {
+        trace(56, 1, -1, "Failed to open %s", path);
+        return FALSE;
+    }
+    const bool ok = serializeToFile(object, file);
+    return fclose(file) == 0 && ok;
+}
+
+BOOL ObjSerializeToFP(const void *object, FILE *file) {
+    if (file == nullptr) {
+        trace(149, 1, -1, "Invalid argument");
+        return FALSE;
+    }
+    return serializeToFile(object, file);
+}
+
+BOOL ObjReconstructFromFile(void **out, const char *path) {
+    if (out == nullptr || path == nullptr) {
+        trace(62, 1, 2, "NULL argument to ObjReconstructFromFile");
+        return FALSE;
+    }
+    FILE *file = fopen(path, "rbe");
+    if (file == nullptr) {
+        trace(57, 1, -1, "Failed to open %s", path);
+        return FALSE;
+    }
+    const bool ok = reconstructFromFile(out, file);
+    fclose(file);
+    return ok;
+}
+
+BOOL ObjReconstructFromFP(void **out, FILE *file) {
+    if (out == nullptr || file == nullptr) {
+        trace(150, 1, -1, "NULL argument to ObjReconstructFromFP");
+        return FALSE;
+    }
+    return reconstructFromFile(out, file);
+}
+
+BOOL ObjSerializeToTempFile(char **path, const char *owner, const void *object) {
+    (void)path;
+    (void)owner;
+    (void)object;
+    trace(61, 1, -1, "Failed to create unique path");
+    return FALSE;
+}
+
+BOOL ObjReconstructFromTempFile(void **out, const char *path) {
+    if (path == nullptr) return FALSE;
+    const BOOL ok = ObjReconstructFromFile(out, path);
+    unlink(path);
+    return ok;
+}
+
+BOOL ObjDuplicate(void **out, const void *object) {
+    if (out == nullptr || object == nullptr) return FALSE;
+    int32_t size = 0;
+    Byte *form = inProcessForm(object, size);
+    if (form == nullptr) return FALSE;
+    const bool ok = fromMemory(out, form, static_cast<size_t>(size), false, true);
+    MemFreeInternal(&form);
+    return ok;
+}
+
+BOOL ObjCompare(void *first, void *second) {
+    if (first == nullptr || second == nullptr) return FALSE;
+    ObjIncRefCount(first);
+    ObjIncRefCount(second);
+    int32_t firstSize = 0, secondSize = 0;
+    Byte *a = inProcessForm(first, firstSize);
+    Byte *b = a != nullptr ? inProcessForm(second, secondSize) : nullptr;
+    const bool same = a != nullptr && b != nullptr && firstSize == secondSize &&
+                      memcmp(a, b, static_cast<size_t>(firstSize)) == 0;
+    MemFreeInternal(&a);
+    MemFreeInternal(&b);
+    ObjReleaseInternal(&first);
+    ObjReleaseInternal(&second);
+    return same;
+}
+
+BOOL ObjWalk(void **objectVariable, ObjWalkFunction callback, void *cookie, int32_t reserved) {
+    if (objectVariable == nullptr || callback == nullptr || reserved != 0) return FALSE;
+    Walk walk{callback, cookie, ObjWalkMapNew()};
+    const int32_t result = visitSlot(walk, objectVariable);
+    ObjWalkMapRelease(&walk.visited);
+    return result != eObjWalkAbort;
+}
+
+MAP *ObjWalkMapNew(void) {
+    MAP *map = nullptr;
+    MapCreate(&map, sizeof(void *), 16, comparePointers, nullptr, nullptr);
+    return map;
+}
+
+void ObjWalkMapRelease(MAP **mapAddress) {
+    if (mapAddress != nullptr && *mapAddress != nullptr) ObjReleaseInternal(mapAddress);
+}
+
+BOOL ObjWalkMapAddObject(MAP *map, void *object) { return MapUpdateEntry(map, &object); }
+
+BOOL ObjWalkMapRemoveObject(MAP *map, void *object) { return MapDeleteEntry(map, &object); }

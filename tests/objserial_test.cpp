@@ -1,0 +1,437 @@
+// The byte form of objects: the golden encodings, back references, Local
+// components, frames, translators, files, the bounded reader, and the walker.
+#include "fixture.h"
+
+#include <cstdio>
+#include <cstring>
+#include <random>
+#include <vector>
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+using SerialTest = LibraryTest;
+
+// A type that holds an integer, an object, a local object, data and a pointer.
+constexpr uint32_t kNodeMagic = 0xC9000101u;
+struct Node {
+    int32_t value;
+    void *next;
+    void *local;
+    ObjData data;
+    void *pointer;
+};
+Node *newNode(int32_t value) {
+    auto *node = static_cast<Node *>(ObjNewInternal(sizeof(Node), kNodeMagic, "i;o;ol;d;p;", nullptr, nullptr));
+    node->value = value;
+    return node;
+}
+
+Bytes encode(const void *object, bool local = false) {
+    Bytes bytes(static_cast<size_t>(local ? ObjSerializedSizeLocal(object) : ObjSerializedSize(object)));
+    int32_t length = -1;
+    EXPECT_TRUE(local ? ObjSerializeLocal(object, bytes.data(), &length)
+                      : ObjSerializeToMemory(object, bytes.data(), &length));
+    EXPECT_EQ(length, static_cast<int32_t>(bytes.size()));
+    return bytes;
+}
+
+void *decode(const Bytes &bytes) {
+    void *object = nullptr;
+    EXPECT_TRUE(ObjReconstructFromBytes(&object, bytes.data(), static_cast<int32_t>(bytes.size())));
+    return object;
+}
+
+TEST_F(SerialTest, GoldenEncodings) {
+    OBJ_INTEGER *five = ObjIntegerNew(5);
+    EXPECT_EQ(encode(five), (Bytes{0x01, 0x2A, 0xF2, 0x6C, 0xC9, 0x03, 0, 0, 0, 0x69, 0x3B, 0x00, 0x05, 0, 0, 0}));
+    ObjReleaseInternal(&five);
+
+    LIST *list = ListNewFromPool(0, nullptr);
+    OBJ_STRING *a = ObjStringNew("a"), *bc = ObjStringNew("bc");
+    ListAddLastItem(list, a);
+    ListAddLastItem(list, bc);
+    const Bytes item = {0x01, 0x6F, 0xEC, 0x6C, 0xC9, 0x03, 0, 0, 0, 0x73, 0x3B, 0x00};
+    Bytes expected = {0x01, 0xB9, 0xF9, 0xA2, 0xC8, 0, 0, 0, 0, 0x02, 0, 0, 0, 0x00};
+    expected.insert(expected.end(), item.begin(), item.end());
+    expected.insert(expected.end(), {0x02, 0, 0, 0, 0x61, 0x00});
+    expected.insert(expected.end(), item.begin(), item.end());
+    expected.insert(expected.end(), {0x03, 0, 0, 0, 0x62, 0x63, 0x00, 0xB9, 0xF9, 0xA2, 0xC8});
+    ObjReleaseInternal(&a);
+    ObjReleaseInternal(&bc);
+    EXPECT_EQ(encode(list), expected);
+
+    // The same string twice: lead 2 with id 1, then a back reference; ids
+    // start at 1 again in the next operation.
+    ListRemoveLastItem(list);
+    ListGetNthItem(&a, list, 1);
+    ListAddLastItem(list, a);
+    ObjReleaseInternal(&a);
+    const Bytes twice = encode(list);
+    const Bytes shared = {0x02, 0x01, 0, 0, 0, 0x6F, 0xEC, 0x6C, 0xC9};
+    EXPECT_TRUE(std::search(twice.begin(), twice.end(), shared.begin(), shared.end()) != twice.end());
+    const Bytes back = {0x03, 0x01, 0, 0, 0, 0xB9, 0xF9, 0xA2, 0xC8};
+    EXPECT_TRUE(std::equal(back.begin(), back.end(), twice.end() - 9));
+    EXPECT_EQ(encode(list), twice);
+
+    LIST *copy = static_cast<LIST *>(decode(twice));
+    ASSERT_NE(copy, nullptr);
+    EXPECT_EQ(copy->oFirst->oItem, copy->oLast->oItem);
+    EXPECT_STREQ(ObjGetString(copy->oFirst->oItem), "a");
+    EXPECT_TRUE(ObjCompare(list, copy));
+    ObjReleaseInternal(&copy);
+    ObjReleaseInternal(&list);
+
+    EXPECT_EQ(encode(nullptr), Bytes{0});
+    void *null = &null;
+    EXPECT_TRUE(ObjReconstructFromMemory(&null, Bytes{0}.data()));
+    EXPECT_EQ(null, nullptr);
+}
+
+TEST_F(SerialTest, ComponentsLocalDataAndPointers) {
+    Node *node = newNode(-7);
+    node->local = ObjStringNew("local");
+    node->next = newNode(3);
+    const Bytes plain = encode(node), whole = encode(node, true);
+    EXPECT_LT(plain.size(), whole.size());
+
+    auto *fromPlain = static_cast<Node *>(decode(plain));
+    auto *fromWhole = static_cast<Node *>(decode(whole));
+    EXPECT_EQ(fromPlain->value, -7);
+    EXPECT_EQ(fromPlain->local, nullptr);
+    EXPECT_STREQ(ObjGetString(fromWhole->local), "local");
+    EXPECT_EQ(static_cast<Node *>(fromWhole->next)->value, 3);
+    EXPECT_EQ(fromPlain->data.pData, nullptr); // size 0: four bytes, no block
+    ObjReleaseInternal(&fromPlain);
+    ObjReleaseInternal(&fromWhole);
+
+    // A pointer above 4 GiB survives an in-process copy; bytes that leave the
+    // process keep only its low word.
+    node->pointer = reinterpret_cast<void *>(uintptr_t{0x123456789A});
+    node->data = {3, MemAllocateFromPool(3, nullptr)};
+    memcpy(node->data.pData, "xyz", 3);
+    Node *copy = nullptr;
+    ASSERT_TRUE(ObjDuplicate(reinterpret_cast<void **>(&copy), node));
+    EXPECT_EQ(copy->pointer, node->pointer);
+    EXPECT_EQ(memcmp(copy->data.pData, "xyz", 3), 0);
+    EXPECT_STREQ(ObjGetString(copy->local), "local");
+    EXPECT_TRUE(ObjCompare(node, copy));
+    static_cast<Node *>(copy->next)->value = 4;
+    EXPECT_FALSE(ObjCompare(node, copy));
+    auto *wire = static_cast<Node *>(decode(encode(node)));
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(wire->pointer), 0x3456789Au);
+    for (Node *n : {node, copy, wire}) ObjReleaseInternal(&n);
+}
+
+TEST_F(SerialTest, SelfReferenceReadsBackButNotFromElsewhere) {
+    Node *node = newNode(1);
+    node->next = node;
+    ObjIncRefCount(node);
+    const Bytes bytes = encode(node);
+    EXPECT_EQ(bytes[0], 2);
+    const Bytes back = {0x03, 0x01, 0, 0, 0};
+    EXPECT_TRUE(std::search(bytes.begin(), bytes.end(), back.begin(), back.end()) != bytes.end());
+
+    Node *copy = nullptr;
+    ASSERT_TRUE(ObjReconstructFromMemory(reinterpret_cast<void **>(&copy), bytes.data()));
+    EXPECT_EQ(copy->next, copy);
+    void *none = nullptr;
+    EXPECT_FALSE(ObjReconstructFromBytes(&none, bytes.data(), static_cast<int32_t>(bytes.size())));
+    EXPECT_TRUE(traced("OBJECT", 193, "Back reference 1 into an object not yet complete"));
+    for (Node *n : {node, copy}) {
+        ObjReleaseInternal(&n->next);
+        ObjReleaseInternal(&n);
+    }
+
+    // A list whose cookie is the list encodes but cannot read back: the list
+    // is not known while its cookie is read.
+    LIST *list = ListNewFromPool(0, nullptr);
+    ListSetCookie(list, list);
+    const Bytes listBytes = encode(list);
+    EXPECT_FALSE(ObjReconstructFromMemory(&none, listBytes.data()));
+    EXPECT_TRUE(traced("OBJECT", 49, "Fatal error - entry not in map"));
+    ListSetCookie(list, nullptr);
+    ObjReleaseInternal(&list);
+}
+
+TEST_F(SerialTest, FramesInAGrowingBuffer) {
+    ObjBufferDescriptor *d = nullptr;
+    ASSERT_TRUE(ObjBufferDescriptorCreate(&d, nullptr, 0, 16));
+    ASSERT_TRUE(ObjSerializeToBuffer(nullptr, 0xABCD, d));
+    void *buffer = nullptr;
+    int32_t used = 0;
+    ObjBufferDescriptorGetBuffer(&buffer, &used, d);
+    EXPECT_EQ(used, 16 + 9);
+    int32_t size = 0;
+    uint32_t type = 0;
+    ASSERT_TRUE(ObjBufferAnalyze(static_cast<char *>(buffer) + 16, &size, &type));
+    EXPECT_EQ(size, 1);
+    EXPECT_EQ(type, 0xABCDu);
+
+    // Big enough to grow the buffer more than once, and the frame stays whole.
+    OBJ_STRING *big = ObjStringNew(std::string(10000, 'q').c_str());
+    ASSERT_TRUE(ObjSerializeToBuffer(big, 7, d));
+    ObjBufferDescriptorGetBuffer(&buffer, &used, d);
+    const char *frame = static_cast<char *>(buffer) + 25;
+    EXPECT_EQ(ObjBufferSerializedObjectSize(frame), ObjSerializedSize(big));
+    void *copy = nullptr;
+    ASSERT_TRUE(ObjReconstructFromMemory(&copy, frame + 8));
+    EXPECT_TRUE(ObjCompare(copy, big));
+    ObjReleaseInternal(&copy);
+
+    ObjBufferDescriptorReset(d);
+    ObjBufferDescriptorGetBuffer(&buffer, &used, d);
+    EXPECT_EQ(used, 16);
+    EXPECT_NE(buffer, nullptr);
+    int32_t length = 0;
+    ASSERT_TRUE(ObjSerializeToBufferNoHead(&length, big, d));
+    EXPECT_EQ(length, ObjSerializedSize(big));
+    ObjBufferDescriptorReset(d);
+    const char head[3] = {'h', 'e', 'd'};
+    ASSERT_TRUE(ObjSerializeToBufferCustomHead(nullptr, d, 3, head, TRUE));
+    ASSERT_TRUE(ObjSerializeToBufferCustomHead(nullptr, d, 3, head, FALSE));
+    ASSERT_TRUE(ObjBufferInsertBytes(2, "zz", d));
+    ObjBufferDescriptorGetBuffer(&buffer, &used, d);
+    EXPECT_EQ(std::string(static_cast<char *>(buffer) + 16, used - 16), std::string("\x08\0\0\0hed\0hed\0zz", 14));
+    EXPECT_FALSE(ObjSerializeToBufferCustomHead(nullptr, d, 0, head, FALSE));
+    char text[160];
+    snprintf(text, sizeof text, "ObjSerializeToBufferCustomHead() - bad params (%p, %p, %ld, %p) ", nullptr,
+             static_cast<void *>(d), 0L, static_cast<const void *>(head));
+    EXPECT_TRUE(traced("OBJECT", 172, text));
+    ObjReleaseInternal(&big);
+    ASSERT_TRUE(ObjBufferDescriptorFree(&d));
+    EXPECT_EQ(d, nullptr);
+}
+
+// A type of two shapes: the old one received as "i;o;", the new declared one.
+constexpr uint32_t kShapeMagic = 0xC9000202u;
+struct OldShape {
+    int32_t value;
+    void *next;
+};
+struct NewShape {
+    int32_t value;
+    void *next;
+    int32_t added;
+};
+int32_t gTranslatorResult = 2;
+int32_t toNewShape(void **variable) {
+    if (gTranslatorResult != 2) return gTranslatorResult;
+    auto *old = static_cast<OldShape *>(*variable);
+    auto *fresh = static_cast<NewShape *>(ObjNewInternal(sizeof(NewShape), kShapeMagic, "i;o;i;", nullptr, nullptr));
+    fresh->value = old->value;
+    fresh->next = old->next; // the reference moves over
+    old->next = nullptr;
+    fresh->added = 99;
+    ObjReleaseInternal(variable);
+    *variable = fresh;
+    return 2;
+}
+
+TEST_F(SerialTest, OlderShapesGoThroughTheTranslator) {
+    // An old-shape object (value 5) that holds itself, as another version writes it.
+    const Bytes old = {0x02, 0x01, 0, 0, 0, 0x02, 0x02, 0x00, 0xC9, 0x05, 0, 0, 0, 'i', ';', 'o', ';', 0,
+                       0x05, 0, 0, 0, 0x03, 0x01, 0, 0, 0};
+    void *object = nullptr;
+    ASSERT_TRUE(ObjTemplateNewInternal(sizeof(OldShape), kShapeMagic, "i;o;", nullptr));
+    ASSERT_TRUE(ObjReconstructFromMemory(&object, old.data())); // the same shape: no translator needed
+    ObjReleaseInternal(&static_cast<OldShape *>(object)->next);
+    ObjReleaseInternal(&object);
+
+    const Bytes wider = {0x01, 0x02, 0x02, 0x00, 0xC9, 0x07, 0, 0, 0, 'i', ';', 'i', ';', 'i', ';', 0,
+                         1, 0, 0, 0, 2, 0, 0, 0, 3, 0, 0, 0};
+    EXPECT_FALSE(ObjReconstructFromMemory(&object, wider.data())); // another shape, no translator
+    EXPECT_TRUE(traced("OBJECT", 122, "Failed to create new object"));
+    EXPECT_EQ(object, nullptr);
+}
+
+TEST_F(SerialTest, TranslatorRepairsBackReferences) {
+    ASSERT_TRUE(ObjSetTranslatorInternal(sizeof(NewShape), kShapeMagic, "i;o;i;", nullptr, toNewShape));
+    const Bytes old = {0x02, 0x01, 0, 0, 0, 0x02, 0x02, 0x00, 0xC9, 0x05, 0, 0, 0, 'i', ';', 'o', ';', 0,
+                       0x05, 0, 0, 0, 0x03, 0x01, 0, 0, 0};
+    NewShape *object = nullptr;
+    ASSERT_TRUE(ObjReconstructFromMemory(reinterpret_cast<void **>(&object), old.data()));
+    EXPECT_EQ(object->value, 5);
+    EXPECT_EQ(object->added, 99);
+    EXPECT_EQ(object->next, object); // the old object's reference now points at the new one
+    ObjReleaseInternal(&object->next);
+    ObjReleaseInternal(&object);
+
+    for (const auto &[result, id, text] : {std::tuple{0, 169, "Error translating simple object"},
+                                           std::tuple{3, 168, "Failed to translate simple object"}}) {
+        gTranslatorResult = result;
+        void *failed = nullptr;
+        const Bytes single = {0x01, 0x02, 0x02, 0x00, 0xC9, 0x05, 0, 0, 0, 'i', ';', 'o', ';', 0, 1, 0, 0, 0, 0};
+        EXPECT_FALSE(ObjReconstructFromMemory(&failed, single.data()));
+        EXPECT_TRUE(traced("OBJECT", id, text));
+    }
+    gTranslatorResult = 2;
+}
+
+// A random graph of lists, nodes and strings with sharing.
+void *randomGraph(std::mt19937 &random, std::vector<void *> &pool, int depth) {
+    const int kind = static_cast<int>(random() % (depth > 3 ? 2 : 4));
+    if (kind == 0 && !pool.empty()) {
+        void *shared = pool[random() % pool.size()];
+        ObjIncRefCount(shared);
+        return shared;
+    }
+    if (kind == 1) {
+        void *text = ObjStringNew(random() % 2 ? "\x81\x40 wide \xE0\x5C" : "");
+        pool.push_back(text);
+        return text;
+    }
+    if (kind == 2) {
+        LIST *list = ListNewFromPool(0, nullptr);
+        for (int i = static_cast<int>(random() % 5); i > 0; --i) {
+            void *item = randomGraph(random, pool, depth + 1);
+            ListPushLastItemInternal(list, &item);
+        }
+        return list;
+    }
+    Node *node = newNode(static_cast<int32_t>(random()));
+    node->next = randomGraph(random, pool, depth + 1);
+    return node;
+}
+
+TEST_F(SerialTest, RandomGraphsRoundTripThroughEveryReader) {
+    std::mt19937 random(20261123);
+    for (int round = 0; round < 200; ++round) {
+        std::vector<void *> pool;
+        LIST *top = ListNewFromPool(0, nullptr);
+        for (int i = 0; i < 4; ++i) {
+            void *item = randomGraph(random, pool, 0);
+            ListPushLastItemInternal(&*top, &item);
+        }
+        const Bytes bytes = encode(top);
+        void *copy = decode(bytes);
+        ASSERT_TRUE(ObjCompare(top, copy)) << "round " << round; // same bytes: same sharing
+        EXPECT_EQ(encode(copy), bytes);
+
+        // Every truncation fails cleanly: the fixture finds any leak.
+        for (size_t cut = 0; cut < bytes.size(); cut += 1 + bytes.size() / 40) {
+            void *partial = nullptr;
+            EXPECT_FALSE(ObjReconstructFromBytes(&partial, bytes.data(), static_cast<int32_t>(cut)));
+            EXPECT_EQ(partial, nullptr);
+        }
+        ObjReleaseInternal(&copy);
+        ObjReleaseInternal(&top);
+    }
+}
+
+TEST_F(SerialTest, BoundedReaderRefusesWhatCannotBe) {
+    const Bytes cases[] = {
+        {0x04},                                                     // lead byte outside the table
+        {0x03, 0x09, 0, 0, 0},                                      // back reference to nothing
+        {0x01, 0x6F, 0xEC, 0x6C, 0xC9, 0xFF, 0xFF, 0xFF, 0x7F, 's'}, // format longer than the bytes
+        {0x01, 0x6F, 0xEC, 0x6C, 0xC9, 0x02, 0, 0, 0, 's', ';'},     // format without its NUL
+        {0x01, 0xB9, 0xF9, 0xA2, 0xC8, 0, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0x0F, 0x00}, // count beyond the bytes
+        {0x01, 0xB9, 0xF9, 0xA2, 0xC8, 0, 0, 0, 0, 0, 0, 0, 0, 0x00, 1, 2, 3, 4}, // wrong end mark
+        {0x02, 0, 0, 0, 0, 0x2A, 0xF2, 0x6C, 0xC9},                  // id 0
+    };
+    for (const Bytes &bytes : cases) {
+        void *object = nullptr;
+        EXPECT_FALSE(ObjReconstructFromBytes(&object, bytes.data(), static_cast<int32_t>(bytes.size())));
+        EXPECT_EQ(object, nullptr);
+    }
+    // Nesting deeper than the reader allows.
+    Bytes deep;
+    for (int i = 0; i < 300; ++i) deep.insert(deep.end(), {0x01, 0xB9, 0xF9, 0xA2, 0xC8, 0, 0, 0, 0, 1, 0, 0, 0, 0});
+    void *object = nullptr;
+    EXPECT_FALSE(ObjReconstructFromBytes(&object, deep.data(), static_cast<int32_t>(deep.size())));
+    EXPECT_TRUE(traced("OBJECT", 191, "Objects nested deeper than 200"));
+}
+
+TEST_F(SerialTest, FilesHoldOneObjectEach) {
+    const std::string path = home() + "/object";
+    Node *node = newNode(42);
+    node->next = ObjStringNew("next");
+    ASSERT_TRUE(ObjSerializeToFile(node, path.c_str()));
+    void *copy = nullptr;
+    ASSERT_TRUE(ObjReconstructFromFile(&copy, path.c_str()));
+    EXPECT_TRUE(ObjCompare(node, copy));
+    ObjReleaseInternal(&copy);
+
+    // Two objects one after the other in a stream, then a cut file.
+    FILE *file = fopen(path.c_str(), "w+b");
+    ASSERT_TRUE(ObjSerializeToFP(node, file) && ObjSerializeToFP(nullptr, file));
+    rewind(file);
+    ASSERT_TRUE(ObjReconstructFromFP(&copy, file));
+    EXPECT_TRUE(ObjCompare(node, copy));
+    ObjReleaseInternal(&copy);
+    ASSERT_TRUE(ObjReconstructFromFP(&copy, file));
+    EXPECT_EQ(copy, nullptr);
+    EXPECT_FALSE(ObjReconstructFromFP(&copy, file));
+    fclose(file);
+    ASSERT_EQ(truncate(path.c_str(), 20), 0);
+    EXPECT_FALSE(ObjReconstructFromTempFile(&copy, path.c_str()));
+    EXPECT_NE(access(path.c_str(), F_OK), 0); // deleted whatever the result
+    EXPECT_FALSE(ObjReconstructFromFile(&copy, path.c_str()));
+    EXPECT_TRUE(traced("OBJECT", 57, "Failed to open " + path));
+    ObjReleaseInternal(&node);
+}
+
+// The walker: counts calls per object and acts on one of them.
+struct Visits {
+    std::vector<void *> seen;
+    void *target = nullptr;
+    int32_t onTarget = eObjWalkEnter;
+    void *replacement = nullptr;
+};
+int32_t record(void *cookie, void **slot) {
+    auto &v = *static_cast<Visits *>(cookie);
+    v.seen.push_back(*slot);
+    if (*slot != v.target) return eObjWalkEnter;
+    if (v.replacement != nullptr) {
+        ObjReleaseInternal(slot);
+        *slot = v.replacement;
+    }
+    return v.onTarget;
+}
+
+TEST_F(SerialTest, WalkerVisitsEachObjectOnce) {
+    LIST *list = ListNewFromPool(0, nullptr);
+    OBJ_STRING *shared = ObjStringNew("shared");
+    Node *node = newNode(1);
+    ListAddLastItem(list, shared);
+    ListAddLastItem(list, shared);
+    ListAddLastItem(list, node);
+    void *const nodeAddress = node;
+    ObjReleaseInternal(&shared);
+    ObjReleaseInternal(&node);
+
+    Visits all;
+    ASSERT_TRUE(ObjWalk(reinterpret_cast<void **>(&list), record, &all, 0));
+    // list, 3 nodes, the shared string once, the node object.
+    EXPECT_EQ(all.seen.size(), 6u);
+    EXPECT_EQ(std::count(all.seen.begin(), all.seen.end(), list->oFirst->oItem), 1);
+
+    // A replaced object is walked into; release on an item removes its node.
+    Visits replace;
+    replace.target = nodeAddress;
+    replace.replacement = newNode(2);
+    static_cast<Node *>(replace.replacement)->next = ObjIntegerNew(8);
+    ASSERT_TRUE(ObjWalk(reinterpret_cast<void **>(&list), record, &replace, 0));
+    EXPECT_EQ(static_cast<Node *>(list->oLast->oItem)->value, 2);
+    EXPECT_EQ(replace.seen.back(), static_cast<Node *>(list->oLast->oItem)->next);
+
+    Visits release;
+    release.target = list->oFirst->oItem;
+    release.onTarget = eObjWalkRelease;
+    ASSERT_TRUE(ObjWalk(reinterpret_cast<void **>(&list), record, &release, 0));
+    EXPECT_EQ(list->iCount, 1); // both nodes of the shared string go, one by one
+    Visits abort;
+    abort.target = list;
+    abort.onTarget = eObjWalkAbort;
+    EXPECT_FALSE(ObjWalk(reinterpret_cast<void **>(&list), record, &abort, 0));
+    EXPECT_FALSE(ObjWalk(reinterpret_cast<void **>(&list), record, &abort, 1));
+    EXPECT_EQ(abort.seen.size(), 1u);
+
+    Visits top;
+    top.target = list;
+    top.onTarget = eObjWalkRelease;
+    ASSERT_TRUE(ObjWalk(reinterpret_cast<void **>(&list), record, &top, 0));
+    EXPECT_EQ(list, nullptr);
+}
+
+} // namespace
