@@ -504,6 +504,23 @@ bool translate(Reader &r, void *&object, int32_t id) {
     return false;
 }
 
+// The fewest bytes in which the components of a template can be written: a
+// reader refuses a type whose instance the bytes left cannot justify.
+uint64_t leastBytes(const ObjectTemplate *t) {
+    uint64_t total = 0;
+    for (const ComponentEntry &e : entriesOf(t)) {
+        switch (e.Datatype) {
+        case eObjBoolean: case eObjObject: case eObjStanza: total += 1; break;
+        case eObjInline: total += 4 + static_cast<uint64_t>(e.InlineSize); break;
+        case eObjViewInfo: total += 9; break;
+        case eObjInt64: total += 8; break;
+        case eObjUnique: total += 32; break;
+        default: total += 4; break;
+        }
+    }
+    return total;
+}
+
 bool readSimple(Reader &r, uint32_t magic, int32_t id, void **out) {
     char *format = nullptr;
     if (!r.string(format) || format == nullptr) {
@@ -516,16 +533,15 @@ bool readSimple(Reader &r, uint32_t magic, int32_t id, void **out) {
         MemFreeInternal(&format);
         return false;
     }
-    void *object = nullptr;
-    const BOOL created = ObjCreateInternal(&object, -1, magic, format, nullptr, pool());
+    ObjectTemplate *t = ObjTemplateNewInternal(-1, magic, format, nullptr);
     MemFreeInternal(&format);
-    if (!created) {
+    void *object = t != nullptr && r.plausible(leastBytes(t)) ? ObjTemplateNewInstanceFromPool(t, pool()) : nullptr;
+    if (object == nullptr) {
         trace(122, 0, -1, "Failed to create new object");
         return false;
     }
     bool ok = remember(r, id, object) && r.enter(object);
     if (ok) {
-        const ObjectTemplate *t = fh::objectHeader(object)->Template;
         int32_t index = 0;
         for (const ComponentEntry &e : entriesOf(t)) {
             if (!readComponent(r, object, e)) {
