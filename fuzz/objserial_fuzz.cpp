@@ -20,11 +20,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const int32_t objectsBefore = ObjCount();
     void *object = nullptr;
     if (ObjReconstructFromBytes(&object, data, static_cast<int32_t>(size))) {
-        const int32_t length = ObjSerializedSize(object);
+        // Local components included: the reader takes whatever stands there.
+        const int32_t length = ObjSerializedSizeLocal(object);
         if (length < 1) abort();
         std::vector<uint8_t> again(static_cast<size_t>(length));
         int32_t written = 0;
-        if (!ObjSerializeToMemory(object, again.data(), &written) || written != length) abort();
+        if (!ObjSerializeLocal(object, again.data(), &written) || written != length) abort();
         void *copy = nullptr;
         if (!ObjReconstructFromBytes(&copy, again.data(), length)) abort();
         if (object != nullptr && !ObjCompare(object, copy)) abort();

@@ -12,9 +12,9 @@
 //
 // Heap blocks with a user area of up to 256 bytes are made in sixteen size
 // classes (16, 32, ... 256 bytes of user area) and, once freed, are kept in a
-// small cache per thread and class (at most 64 each) for the next block of
-// that class; a cached block keeps its cleared guard word, so a second free
-// of it is still caught. A thread's cache goes back to the heap when the
+// small cache per thread and class (up to 16 KiB of user area each, so at
+// most 256 KiB a thread) for the next block of that class; a cached block
+// keeps its cleared guard word, so a second free of it is still caught. A thread's cache goes back to the heap when the
 // thread ends. Builds with AddressSanitizer leave the cache out, so that the
 // sanitizer sees every free.
 //
@@ -52,7 +52,7 @@ constexpr bool kCacheBlocks = true;
 constexpr size_t kClassBytes = 16;
 constexpr size_t kClassCount = 16;
 constexpr size_t kCachedLargest = kClassBytes * kClassCount;
-constexpr uint16_t kCachedPerClass = 64;
+constexpr size_t kCachedBytesPerClass = 16384;
 
 // Freed raw blocks of one thread, by class, linked through their first word.
 struct BlockCache {
@@ -101,7 +101,7 @@ inline char *heapBlock(size_t rounded, bool quiet) {
 inline void heapRelease(void *raw, size_t rounded) {
     if (kCacheBlocks && rounded <= kCachedLargest) {
         const size_t k = classOf(rounded);
-        if (tCache.count[k] < kCachedPerClass) {
+        if (tCache.count[k] < kCachedBytesPerClass / ((k + 1) * kClassBytes)) {
             if (!tCache.registered) {
                 pthread_once(&gCacheKeyOnce, [] { pthread_key_create(&gCacheKey, emptyCache); });
                 pthread_setspecific(gCacheKey, &tCache);

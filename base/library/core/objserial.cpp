@@ -366,6 +366,33 @@ class Reader {
         return true;
     }
 
+    // A string that must not be null, read in place where the bytes are in
+    // memory, otherwise into owned (which the caller frees); null on failure.
+    const char *text(char *&owned) {
+        uint32_t size = 0;
+        owned = nullptr;
+        if (!u32(size) || size == 0) return nullptr;
+        if (size <= left_) {
+            const auto *in = reinterpret_cast<const char *>(at_);
+            if (in[size - 1] != 0) return nullptr;
+            at_ += size;
+            left_ -= size;
+            budget_ -= size;
+            return in;
+        }
+        if (!plausible(size)) return nullptr;
+        owned = static_cast<char *>(MemAllocateFromPool(size, pool()));
+        if (!bytes(owned, size) || owned[size - 1] != 0) MemFreeInternal(&owned);
+        return owned;
+    }
+
+    ObjectTemplate *lastTemplate() const { return lastTemplate_; }
+    uint64_t leastBytesOfLast() const { return leastBytes_; }
+    void keepTemplate(ObjectTemplate *t, uint64_t leastBytes) {
+        lastTemplate_ = t;
+        leastBytes_ = leastBytes;
+    }
+
     bool refuse(const char *what, unsigned long value) {
         if (bounded_) trace(kIdBoundedRefused, 1, -1, "Refused bytes: %s %lu", what, value);
         return false;
@@ -394,7 +421,9 @@ class Reader {
     size_t budget_;
     bool bounded_ = false;
     int32_t depth_ = 0;
-    std::array<void *, kMaxDepth> open_{};
+    ObjectTemplate *lastTemplate_ = nullptr;
+    uint64_t leastBytes_ = 0;
+    std::array<void *, kMaxDepth> open_;
 };
 
 bool readObject(Reader &r, void **out);
@@ -521,21 +550,33 @@ uint64_t leastBytes(const ObjectTemplate *t) {
     return total;
 }
 
-bool readSimple(Reader &r, uint32_t magic, int32_t id, void **out) {
-    char *format = nullptr;
-    if (!r.string(format) || format == nullptr) {
-        trace(121, 0, -1, "Failed to get format string");
-        return false;
-    }
+// The template of a received magic and format. The reader keeps the last
+// one, as the objects of one message tend to be of one type; templates live
+// until the process ends.
+ObjectTemplate *templateFor(Reader &r, uint32_t magic, const char *format) {
+    if (ObjectTemplate *last = r.lastTemplate(); last != nullptr && last->Magic == magic &&
+                                                 strcmp(last->Descriptor.Format, format) == 0)
+        return last;
     if (r.bounded() && !fh::objectTemplateKnown(magic) && fh::objectTemplateCount() >= kMaxTemplates) {
         trace(kIdTooManyTypes, 1, -1, "Refused a new type %lx: %ld types known", static_cast<unsigned long>(magic),
               static_cast<long>(fh::objectTemplateCount()));
-        MemFreeInternal(&format);
-        return false;
+        return nullptr;
     }
     ObjectTemplate *t = ObjTemplateNewInternal(-1, magic, format, nullptr);
-    MemFreeInternal(&format);
-    void *object = t != nullptr && r.plausible(leastBytes(t)) ? ObjTemplateNewInstanceFromPool(t, pool()) : nullptr;
+    if (t != nullptr) r.keepTemplate(t, leastBytes(t));
+    return t;
+}
+
+bool readSimple(Reader &r, uint32_t magic, int32_t id, void **out) {
+    char *owned = nullptr;
+    const char *format = r.text(owned);
+    if (format == nullptr) {
+        trace(121, 0, -1, "Failed to get format string");
+        return false;
+    }
+    ObjectTemplate *t = templateFor(r, magic, format);
+    MemFreeInternal(&owned);
+    void *object = t != nullptr && r.plausible(r.leastBytesOfLast()) ? ObjTemplateNewInstanceFromPool(t, pool()) : nullptr;
     if (object == nullptr) {
         trace(122, 0, -1, "Failed to create new object");
         return false;
