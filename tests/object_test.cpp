@@ -311,17 +311,19 @@ TEST_F(ObjectTest, TranslatorsAllowASecondShape) {
     EXPECT_EQ(own->Next, foreign);
     EXPECT_EQ(own->Translator, foreign->Translator);
     EXPECT_EQ(ObjTemplateNewInternal(-1, 0xC8001006, "i;i;", nullptr), foreign);
-    // A received shape of its own stays outside the chain, built anew each time.
-    ObjectTemplate *outside = ObjTemplateNewInternal(-1, 0xC8001006, "i;i;i;", nullptr);
-    ASSERT_NE(outside, nullptr);
-    EXPECT_EQ(outside->Translator, own->Translator);
-    EXPECT_EQ(own->Next, foreign);
-    EXPECT_EQ(foreign->Next, nullptr);
+    // A received shape of its own never becomes the head; it is kept behind
+    // it and found again for the next object of that shape.
+    ObjectTemplate *received = ObjTemplateNewInternal(-1, 0xC8001006, "i;i;i;", nullptr);
+    ASSERT_NE(received, nullptr);
+    EXPECT_EQ(received->Translator, own->Translator);
+    EXPECT_EQ(ObjTemplateNewInternal(-1, 0xC8001006, "i;i;i;", nullptr), received);
+    EXPECT_EQ(ObjTemplateNewInternal(4, 0xC8001006, "i;", nullptr), own);
+    EXPECT_EQ(own->Next, received);
+    EXPECT_EQ(received->Next, foreign);
     void *thing = ObjTemplateNewInstanceFromPool(own, nullptr);
     EXPECT_DEATH(ObjSetTranslatorInternal(4, 0xC8001006, "i;", nullptr, nullptr), "");
     // Two declared shapes of one magic conflict, which ends the process.
     EXPECT_DEATH(ObjTemplateNewInternal(16, 0xC8001006, "i;i;i;i;", nullptr), "");
-    fh::objectTemplateFree(outside);
     ObjReleaseInternal(&thing);
 }
 

@@ -195,7 +195,11 @@ ObjectTemplate *otherShape(int32_t index, int32_t size, const char *format, ObjR
     ObjectTemplate *t = buildTemplate(size, head->Magic, format, releaseCallback);
     if (t == nullptr) return nullptr;
     t->Translator = head->Translator;
-    if (t->Foreign) return t; // kept outside the chain
+    if (t->Foreign) { // never the head, but kept behind it for the next object of this shape
+        t->Next = head->Next;
+        head->Next = t;
+        return t;
+    }
     if (!head->Foreign) {
         trace(156, 0, -1, "Conflicting object formats");
         return nullptr;
