@@ -17,5 +17,6 @@
 #include "objserial.h"
 #include "list.h"
 #include "objwrappers.h"
+#include "timeout.h"
 
 #endif /* FHCORE_FHCORE_H */

@@ -53,6 +53,7 @@ constexpr Module kModules[] = {
     {"ObjWrappers", 440, ObjWrappersInitialize, [](LmContext *) { return ObjWrappersInitializeThread(); },
      ObjWrappersReleaseThread},
     {"StrBase", 450, StrBaseInitialize, StrBaseInitializeThread, StrBaseReleaseThread},
+    {"Time", 475, TimeInitialize, [](LmContext *) { return TimeInitializeThread(); }, TimeReleaseThread},
 };
 constexpr size_t kModuleCount = std::size(kModules);
 
