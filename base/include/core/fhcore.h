@@ -17,6 +17,8 @@
 #include "objserial.h"
 #include "list.h"
 #include "objwrappers.h"
+#include "strwrap.h"
+#include "strparse.h"
 #include "timeout.h"
 
 #endif /* FHCORE_FHCORE_H */
