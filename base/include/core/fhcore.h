@@ -17,6 +17,7 @@
 #include "objserial.h"
 #include "list.h"
 #include "objwrappers.h"
+#include "stanza.h"
 #include "strwrap.h"
 #include "strparse.h"
 #include "timeout.h"

@@ -112,9 +112,8 @@ FHAPI BOOL ObjDataFieldCreateNoCopy(OBJ_DATA_FIELD **out, void *data, int32_t si
 FHAPI OBJ_STANZA *ObjStanzaNew(Stanza *stanza);
 FHAPI BOOL ObjStanzaCreate(OBJ_STANZA **out, Stanza *stanza);
 
-/* A viewable object holding word, a copy of string and a copy of stanza.
- * Copying a stanza takes the stanza module; without it a non-null stanza
- * gives null (FALSE) and nothing is made. */
+/* A viewable object holding word, a copy of string and a copy of stanza
+ * (either may be null). */
 FHAPI OBJ_VIEWABLE *ObjViewableNew(int32_t word, const char *string, const Stanza *stanza);
 FHAPI BOOL ObjViewableCreate(OBJ_VIEWABLE **out, int32_t word, const char *string, const Stanza *stanza);
 

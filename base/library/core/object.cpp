@@ -293,7 +293,11 @@ bool releaseComponents(ObjectHeader *h, ObjectHeader *&dying) {
             }
             break;
         case eObjData: freeOwned(field<ObjData>(object, e).pData); break;
-        case eObjViewInfo: freeOwned(field<ObjViewInfo>(object, e).pszString); break;
+        case eObjViewInfo:
+            freeOwned(field<ObjViewInfo>(object, e).pszString);
+            StnzRelease(&field<ObjViewInfo>(object, e).pStanza);
+            break;
+        case eObjStanza: StnzRelease(&field<Stanza *>(object, e)); break;
         default: break;
         }
     }
@@ -392,11 +396,12 @@ void copyComponent(void *copy, const void *source, const ComponentEntry &e, bool
         ObjViewInfo &target = field<ObjViewInfo>(copy, e);
         target.iWord = view.iWord;
         target.pszString = StrDuplicateIntoPool(view.pszString, pool());
+        StnzCopy(&target.pStanza, view.pStanza);
         break;
     }
     case eObjInt64: field<int64_t>(copy, e) = field<int64_t>(from, e); break;
     case eObjUnique: memcpy(&field<char>(copy, e), &field<char>(from, e), 32); break;
-    case eObjStanza: break; // stanzas are copied by their own module
+    case eObjStanza: StnzCopy(&field<Stanza *>(copy, e), field<Stanza *>(from, e)); break;
     default:
         trace(90, 1, 2, "ERROR: Unknown type to reconstruct %d", e.Datatype);
         ProcCrash(0);

@@ -298,10 +298,32 @@ bool writeObject(Writer &w, const void *object) {
     return writeBody(w, object, magic);
 }
 
-// Stanzas: present flag, title (with its category), keys with their values.
+// Stanzas: present flag, title (category, colon and title when it has a
+// category), key count and capacity, and each key: keyword, value count and
+// capacity, values.
+bool writeTitle(Writer &w, const Stanza *stanza) {
+    if (stanza->category == nullptr) return w.string(stanza->title);
+    const size_t category = strlen(stanza->category);
+    const size_t title = stanza->title != nullptr ? strlen(stanza->title) : 0;
+    const size_t size = category + 1 + title + 1;
+    return size <= INT32_MAX && w.u32(static_cast<uint32_t>(size)) && w.bytes(stanza->category, category) &&
+           w.byte(':') && w.bytes(stanza->title, title) && w.byte(0);
+}
+
 bool writeStanza(Writer &w, const Stanza *stanza) {
-    (void)stanza;
-    return w.byte(0);
+    if (stanza == nullptr) return w.byte(0);
+    if (!w.byte(1) || !writeTitle(w, stanza) || !w.u32(static_cast<uint32_t>(stanza->keyCount)) ||
+        !w.u32(static_cast<uint32_t>(stanza->keyCapacity)))
+        return false;
+    for (int32_t k = 0; k < stanza->keyCount; ++k) {
+        const StanzaKey *key = stanza->keys[k];
+        if (!w.string(key->keyword) || !w.u32(static_cast<uint32_t>(key->valueCount)) ||
+            !w.u32(static_cast<uint32_t>(key->valueCapacity)))
+            return false;
+        for (int32_t v = 0; v < key->valueCount; ++v)
+            if (!w.string(key->values[v])) return false;
+    }
+    return true;
 }
 
 // ------------------------------------------------------------------ reader
@@ -699,10 +721,56 @@ bool readObject(Reader &r, void **out) {
     return readSimple(r, magic, static_cast<int32_t>(id), out);
 }
 
+// A count and a capacity of slots: the count within the capacity and within
+// what the bytes left can hold (each counted thing takes at least unit
+// bytes). A spare slot takes no bytes, so a bounded reader allows no more
+// spare slots than a fixed number beside the bytes left.
+constexpr uint32_t kSpareSlots = 4096;
+bool readSlots(Reader &r, uint32_t &count, uint32_t &capacity, size_t unit) {
+    if (!r.u32(count) || !r.u32(capacity)) return false;
+    if (count > capacity || capacity > INT32_MAX || !r.plausible(count, unit) ||
+        (r.bounded() && capacity - count > kSpareSlots && !r.plausible(capacity - count - kSpareSlots)))
+        return r.refuse("slots", capacity);
+    return true;
+}
+
+bool readKey(Reader &r, StanzaKey **out) {
+    char *keyword = nullptr;
+    uint32_t count = 0, capacity = 0;
+    if (!r.string(keyword) || keyword == nullptr || !readSlots(r, count, capacity, 4)) {
+        MemFreeInternal(&keyword);
+        return false;
+    }
+    StnzCreateKey(out, keyword, static_cast<int32_t>(capacity));
+    MemFreeInternal(&keyword);
+    for (StanzaKey *key = *out; key->valueCount < static_cast<int32_t>(count); ++key->valueCount)
+        if (!r.string(key->values[key->valueCount])) return false;
+    return true;
+}
+
 bool readStanza(Reader &r, Stanza **out) {
     *out = nullptr;
     Byte present = 0;
-    return r.byte(present) && present == 0;
+    if (!r.byte(present)) return false;
+    if (present == 0) return true;
+    char *title = nullptr;
+    uint32_t count = 0, capacity = 0;
+    if (!r.string(title) || !readSlots(r, count, capacity, 13)) {
+        MemFreeInternal(&title);
+        return false;
+    }
+    char *colon = title != nullptr ? strchr(title, ':') : nullptr;
+    if (colon != nullptr) *colon = '\0';
+    StnzCreate(out, colon != nullptr ? title : nullptr, colon != nullptr ? colon + 1 : title,
+               static_cast<int32_t>(capacity));
+    MemFreeInternal(&title);
+    for (Stanza *stanza = *out; stanza->keyCount < static_cast<int32_t>(count); ++stanza->keyCount) {
+        if (!readKey(r, &stanza->keys[stanza->keyCount])) {
+            StnzReleaseKey(&stanza->keys[stanza->keyCount]);
+            return false;
+        }
+    }
+    return true;
 }
 
 // The top of every decode: one trace for any failure.

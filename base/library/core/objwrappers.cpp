@@ -174,12 +174,10 @@ BOOL ObjStanzaCreate(OBJ_STANZA **out, Stanza *stanza) {
     return create(out, [=] { return ObjStanzaNew(stanza); });
 }
 
-// The copy of a stanza is the stanza module's StnzCopy; a viewable that
-// carries one can't be made without that module.
 OBJ_VIEWABLE *ObjViewableNew(int32_t word, const char *string, const Stanza *stanza) {
-    if (stanza != nullptr) return nullptr;
     return make<OBJ_VIEWABLE>([=](OBJ_VIEWABLE &o) {
         o.oView = {word, StrDuplicateIntoPool(string, pool()), nullptr};
+        StnzCopy(&o.oView.pStanza, stanza);
     });
 }
 BOOL ObjViewableCreate(OBJ_VIEWABLE **out, int32_t word, const char *string, const Stanza *stanza) {
