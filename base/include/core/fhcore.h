@@ -16,6 +16,7 @@
 #include "objmap.h"
 #include "objserial.h"
 #include "list.h"
+#include "tree.h"
 #include "objwrappers.h"
 #include "stanza.h"
 #include "strwrap.h"

@@ -49,6 +49,7 @@ constexpr Module kModules[] = {
     {"Map", 415, MapInitialize, [](LmContext *) { return MapInitializeThread(); }, MapReleaseThread},
     {"Obj", 420, ObjInitialize, [](LmContext *) { return ObjInitializeThread(); }, ObjReleaseThread},
     {"List", 425, ListInitialize, [](LmContext *) { return ListInitializeThread(); }, ListReleaseThread},
+    {"Tree", 430, TreeInitialize, [](LmContext *) { return TreeInitializeThread(); }, TreeReleaseThread},
     {"ObjMap", 435, ObjMapInitialize, [](LmContext *) { return ObjMapInitializeThread(); }, ObjMapReleaseThread},
     {"ObjWrappers", 440, ObjWrappersInitialize, [](LmContext *) { return ObjWrappersInitializeThread(); },
      ObjWrappersReleaseThread},

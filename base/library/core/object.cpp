@@ -369,6 +369,7 @@ int32_t findCopy(const void *key, const void *b) {
 }
 
 void *copyObject(const void *source, bool keepLocal, MAP *&seen);
+void copyTreeNode(const TREENODE *from, TREENODE *to, bool keepLocal, MAP *&seen);
 
 void copyComponent(void *copy, const void *source, const ComponentEntry &e, bool keepLocal, MAP *&seen) {
     void *from = const_cast<void *>(source);
@@ -432,9 +433,26 @@ void *copyObject(const void *source, bool keepLocal, MAP *&seen) {
         }
         return copy;
     }
+    if (h->StartMagic == TREE_MAGIC) { // the nodes with copies of their items; not the cookie
+        TREENODE *last = nullptr;
+        for (const TREENODE *root = static_cast<const TREE *>(source)->oFirst; root != nullptr; root = root->oNextSibling) {
+            void *item = copyObject(root->oItem, keepLocal, seen);
+            last = last != nullptr ? TreePushItem(&item, last, 3) : TreePushRootItem(&item, static_cast<TREE *>(copy));
+            copyTreeNode(root, last, keepLocal, seen);
+        }
+        return copy;
+    }
     const ObjectDescriptor &d = h->Template->Descriptor;
     for (const ComponentEntry &e : std::span(d.Entries, d.FieldCount)) copyComponent(copy, source, e, keepLocal, seen);
     return copy;
+}
+
+void copyTreeNode(const TREENODE *from, TREENODE *to, bool keepLocal, MAP *&seen) {
+    to->bOpen = from->bOpen;
+    for (const TREENODE *child = from->oFirstChild; child != nullptr; child = child->oNextSibling) {
+        void *item = copyObject(child->oItem, keepLocal, seen);
+        copyTreeNode(child, TreePushItem(&item, to, 1), keepLocal, seen);
+    }
 }
 
 // The quicksort of the interface partitions around its first element. The

@@ -267,9 +267,24 @@ bool writeList(Writer &w, const LIST *list) {
     return w.u32(LIST_MAGIC);
 }
 
+// A chain of tree nodes: for each node 1, its Open flag, its item and the
+// chain of its children; 0 closes the chain. Recursion goes down the depth.
+bool writeChain(Writer &w, const TREENODE *first) {
+    for (const TREENODE *node = first; node != nullptr; node = node->oNextSibling)
+        if (!w.byte(1) || !w.byte(node->bOpen ? 1 : 0) || !writeObject(w, node->oItem) ||
+            !writeChain(w, node->oFirstChild))
+            return false;
+    return w.byte(0);
+}
+
+bool writeTree(Writer &w, const TREE *tree) {
+    return writeObject(w, tree->oCookie) && writeChain(w, tree->oFirst) && w.u32(TREE_MAGIC);
+}
+
 bool writeBody(Writer &w, const void *object, uint32_t magic) {
     if (!w.u32(magic)) return false;
     if (magic == LIST_MAGIC) return writeList(w, static_cast<const LIST *>(object));
+    if (magic == TREE_MAGIC) return writeTree(w, static_cast<const TREE *>(object));
     const ObjectTemplate *t = fh::objectHeader(object)->Template;
     if (!w.string(t->Descriptor.Format)) return false;
     for (const ComponentEntry &e : entriesOf(t))
@@ -680,6 +695,60 @@ bool readList(Reader &r, int32_t id, void **out) {
     return true;
 }
 
+// The chain of children of parent (or the roots, for a null parent).
+bool readChain(Reader &r, TREE *tree, TREENODE *parent) {
+    if (!r.enter(parent != nullptr ? static_cast<void *>(parent) : tree)) return false;
+    bool ok = true;
+    for (TREENODE *last = nullptr;;) {
+        Byte present = 0, open = 0;
+        if (!r.byte(present)) {
+            ok = false;
+            break;
+        }
+        if (present == 0) break;
+        void *item = nullptr;
+        if (!r.byte(open) || !readObject(r, &item)) {
+            ok = false;
+            break;
+        }
+        last = last != nullptr      ? TreePushItem(&item, last, 3)
+               : parent != nullptr ? TreePushItem(&item, parent, 0)
+                                   : TreePushRootItem(&item, tree);
+        last->bOpen = open != 0 ? TRUE : FALSE;
+        if (!readChain(r, tree, last)) {
+            ok = false;
+            break;
+        }
+    }
+    r.leave();
+    return ok;
+}
+
+bool readTree(Reader &r, int32_t id, void **out) {
+    TREE *tree = TreeNewFromPool(pool());
+    void *cookie = nullptr;
+    uint32_t end = 0;
+    const bool entered = remember(r, id, tree) && r.enter(tree);
+    bool ok = entered && readObject(r, &cookie);
+    if (ok) {
+        TreeSetCookie(tree, cookie);
+        ObjReleaseInternal(&cookie);
+        ok = readChain(r, tree, nullptr);
+    }
+    if (entered) r.leave();
+    if (ok && (!r.u32(end) || end != TREE_MAGIC)) {
+        trace(45, 1, -1, "Synchronisation failure");
+        ok = false;
+    }
+    if (!ok) {
+        forget(r, id);
+        ObjReleaseInternal(&tree);
+        return false;
+    }
+    *out = tree;
+    return true;
+}
+
 bool readObject(Reader &r, void **out) {
     *out = nullptr;
     Byte lead = 0;
@@ -718,6 +787,7 @@ bool readObject(Reader &r, void **out) {
     uint32_t magic = 0;
     if (!r.u32(magic)) return false;
     if (magic == LIST_MAGIC) return readList(r, static_cast<int32_t>(id), out);
+    if (magic == TREE_MAGIC) return readTree(r, static_cast<int32_t>(id), out);
     return readSimple(r, magic, static_cast<int32_t>(id), out);
 }
 
@@ -841,6 +911,34 @@ int32_t walkList(Walk &walk, LIST *list) {
     return eObjWalkEnter;
 }
 
+int32_t walkChain(Walk &walk, TREENODE *first) {
+    for (TREENODE *node = first, *next = nullptr; node != nullptr; node = next) {
+        next = node->oNextSibling;
+        void *variable = node;
+        switch (const int32_t result = walk.callback(walk.cookie, &variable)) {
+        case eObjWalkEnter: {
+            if (variable != node) {
+                trace(123, 1, -1, "Not allowed to modify TreeNodeO objects");
+                ProcCrash(1);
+                return eObjWalkAbort;
+            }
+            const int32_t item = visitSlot(walk, &node->oItem);
+            if (item < eObjWalkEnter || item > eObjWalkRelease) return item;
+            if (node->oItem == nullptr) {
+                TreePruneBranch(node);
+            } else if (const int32_t children = walkChain(walk, node->oFirstChild); children != eObjWalkEnter) {
+                return children;
+            }
+            break;
+        }
+        case eObjWalkSkip: break;
+        case eObjWalkRelease: TreePruneBranch(node); break;
+        default: return result;
+        }
+    }
+    return eObjWalkEnter;
+}
+
 int32_t visitSlot(Walk &walk, void **slot) {
     void *object = *slot;
     if (object == nullptr) return eObjWalkEnter;
@@ -868,6 +966,11 @@ int32_t visitSlot(Walk &walk, void **slot) {
         return eObjWalkAbort;
     }
     if (magic == LIST_MAGIC) return walkList(walk, static_cast<LIST *>(object));
+    if (magic == TREE_MAGIC) {
+        auto *tree = static_cast<TREE *>(object);
+        if (const int32_t cookie = visitSlot(walk, &tree->oCookie); cookie != eObjWalkEnter) return cookie;
+        return walkChain(walk, tree->oFirst);
+    }
     return walkComponents(walk, object);
 }
 
