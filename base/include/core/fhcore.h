@@ -22,5 +22,8 @@
 #include "strwrap.h"
 #include "strparse.h"
 #include "timeout.h"
+#include "sys.h"
+#include "filesys.h"
+#include "file.h"
 
 #endif /* FHCORE_FHCORE_H */

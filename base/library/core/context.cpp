@@ -46,6 +46,7 @@ struct Module {
 constexpr Module kModules[] = {
     {"Trace", 390, TraceInitialize, TraceInitializeThread, TraceReleaseThread},
     {"Memory", 395, MemoryInitialize, [](LmContext *) { return MemoryInitializeThread(); }, MemoryReleaseThread},
+    {"Sys", 400, SysInitialize, [](LmContext *) { return SysInitializeThread(); }, SysReleaseThread},
     {"Map", 415, MapInitialize, [](LmContext *) { return MapInitializeThread(); }, MapReleaseThread},
     {"Obj", 420, ObjInitialize, [](LmContext *) { return ObjInitializeThread(); }, ObjReleaseThread},
     {"List", 425, ListInitialize, [](LmContext *) { return ListInitializeThread(); }, ListReleaseThread},

@@ -1218,13 +1218,13 @@ BOOL ObjSerializeToFile(const void *object, const char *path) {
         trace(149, 1, -1, "Invalid argument");
         return FALSE;
     }
-    FILE *file = fopen(path, "wbe");
-    if (file == nullptr) {
+    FILE *file = nullptr;
+    if (!FileSysFOpen(&file, path, FILE_MODE_BINARY | FILE_MODE_WRITE)) {
         trace(56, 1, -1, "Failed to open %s", path);
         return FALSE;
     }
     const bool ok = serializeToFile(object, file);
-    return fclose(file) == 0 && ok;
+    return FileSysFClose(&file) && ok;
 }
 
 BOOL ObjSerializeToFP(const void *object, FILE *file) {
@@ -1240,13 +1240,13 @@ BOOL ObjReconstructFromFile(void **out, const char *path) {
         trace(62, 1, 2, "NULL argument to ObjReconstructFromFile");
         return FALSE;
     }
-    FILE *file = fopen(path, "rbe");
-    if (file == nullptr) {
+    FILE *file = nullptr;
+    if (!FileSysFOpen(&file, path, FILE_MODE_BINARY | FILE_MODE_READ)) {
         trace(57, 1, -1, "Failed to open %s", path);
         return FALSE;
     }
     const bool ok = reconstructFromFile(out, file);
-    fclose(file);
+    FileSysFClose(&file);
     return ok;
 }
 
@@ -1269,7 +1269,7 @@ BOOL ObjSerializeToTempFile(char **path, const char *owner, const void *object) 
 BOOL ObjReconstructFromTempFile(void **out, const char *path) {
     if (path == nullptr) return FALSE;
     const BOOL ok = ObjReconstructFromFile(out, path);
-    unlink(path);
+    FileDestroy(path);
     return ok;
 }
 
