@@ -793,13 +793,14 @@ bool readObject(Reader &r, void **out) {
 
 // A count and a capacity of slots: the count within the capacity and within
 // what the bytes left can hold (each counted thing takes at least unit
-// bytes). A spare slot takes no bytes, so a bounded reader allows no more
-// spare slots than a fixed number beside the bytes left.
+// bytes). A spare slot takes no bytes at all, so a bounded reader allows a
+// fixed number of them, far above what stanzas have (they grow by one key
+// and four values at a time).
 constexpr uint32_t kSpareSlots = 4096;
 bool readSlots(Reader &r, uint32_t &count, uint32_t &capacity, size_t unit) {
     if (!r.u32(count) || !r.u32(capacity)) return false;
     if (count > capacity || capacity > INT32_MAX || !r.plausible(count, unit) ||
-        (r.bounded() && capacity - count > kSpareSlots && !r.plausible(capacity - count - kSpareSlots)))
+        (r.bounded() && capacity - count > kSpareSlots))
         return r.refuse("slots", capacity);
     return true;
 }
