@@ -69,6 +69,7 @@ void LibraryTest::SetUp() {
     home_ = pattern;
     setenv("FHHOME", home_.c_str(), 1);
     ASSERT_TRUE(ContextInitialize());
+    PathInitialize(); // the home of this test, also when tests share a process
     TraceSetLevel(TRACE_LEVEL_LIBVERBOSE);
     memUsedAtStart_ = blocksInUse();
     objectsAtStart_ = ObjCount();

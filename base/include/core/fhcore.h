@@ -25,5 +25,6 @@
 #include "sys.h"
 #include "filesys.h"
 #include "file.h"
+#include "path.h"
 
 #endif /* FHCORE_FHCORE_H */

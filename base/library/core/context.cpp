@@ -47,6 +47,7 @@ constexpr Module kModules[] = {
     {"Trace", 390, TraceInitialize, TraceInitializeThread, TraceReleaseThread},
     {"Memory", 395, MemoryInitialize, [](LmContext *) { return MemoryInitializeThread(); }, MemoryReleaseThread},
     {"Sys", 400, SysInitialize, [](LmContext *) { return SysInitializeThread(); }, SysReleaseThread},
+    {"Path", 405, PathInitialize, [](LmContext *) { return PathInitializeThread(); }, PathReleaseThread},
     {"Map", 415, MapInitialize, [](LmContext *) { return MapInitializeThread(); }, MapReleaseThread},
     {"Obj", 420, ObjInitialize, [](LmContext *) { return ObjInitializeThread(); }, ObjReleaseThread},
     {"List", 425, ListInitialize, [](LmContext *) { return ListInitializeThread(); }, ListReleaseThread},

@@ -142,6 +142,11 @@ bool objectTemplateKnown(uint32_t magic);
 ObjectTemplate *objectTemplateBuild(int32_t size, uint32_t magic, const char *format);
 void objectTemplateFree(ObjectTemplate *objectTemplate);
 
+// Test seams: the file the home directory is registered in, and the mount
+// table (null puts the system's back).
+void pathRegistryFile(const char *file);
+void pathMountTable(const char *file);
+
 // Test seam: StrCompare reads 16-byte blocks even where the processor has
 // wider ones, so that both bodies are tested on one machine.
 void strCompareNarrowBlocks(bool on);
