@@ -25,6 +25,8 @@
 #include "sys.h"
 #include "filesys.h"
 #include "file.h"
+#include "filestream.h"
+#include "strstream.h"
 #include "path.h"
 
 #endif /* FHCORE_FHCORE_H */

@@ -1,0 +1,265 @@
+// filestream.cpp - FILE_STREAM: buffered input and output on one named file
+// under the ".lck" lock, with the rewrite through ".new".
+//
+// The stream's states, for access mode 4: input only (after the open);
+// appending (output on the file itself); rewriting (output on path".new",
+// pszNewPath set). Commit renames ".new" over the file and reopens the input
+// on the new contents; cancel deletes ".new". Modes 2 and 3 have their
+// output from the open on; mode 1 never has one. The lock handle on
+// path".lck" lives as long as the stream and is closed last, after a
+// pending rename, so that no locked reader ever sees a half-done rewrite.
+#include <cstdarg>
+#include <cstring>
+
+#include "internal.h"
+
+namespace {
+
+constexpr fh::ModuleTracer trace{"FILE        "};
+
+enum TraceId : int32_t {
+    kIdBadArgs = 40,
+    kIdLockOpen = 41,
+    kIdLockSet = 42,
+    kIdOpenFailed = 43,
+    kIdStartRewrite = 44,
+    kIdWriteByte = 45,
+    kIdWrite = 46,
+    kIdClose = 47,
+};
+
+struct OpenArgs {
+    char *pszPath;
+    int32_t iMode;
+    BOOL bLock;
+};
+
+ObjectTemplate *gStreamTemplate = nullptr;
+ObjectTemplate *gArgsTemplate = nullptr;
+
+void ensureTemplates() {
+    if (gStreamTemplate == nullptr)
+        ObjTemplateCreateInternal(&gStreamTemplate, sizeof(FILE_STREAM), FILE_STREAM_MAGIC, FILE_STREAM_FORMAT, nullptr);
+    if (gArgsTemplate == nullptr)
+        ObjTemplateCreateInternal(&gArgsTemplate, sizeof(OpenArgs), FILE_STREAM_OPEN_ARGS_MAGIC,
+                                  FILE_STREAM_OPEN_ARGS_FORMAT, nullptr);
+}
+
+inline int32_t accessOf(const FILE_STREAM *s) { return FILE_MODE_ACCESS(s->iMode); }
+inline bool isText(const FILE_STREAM *s) { return (s->iMode & FILE_MODE_TEXT) != 0; }
+inline int32_t kindOf(const FILE_STREAM *s) { return isText(s) ? FILE_MODE_TEXT : FILE_MODE_BINARY; }
+
+char *withSuffix(const char *path, const char *suffix) { return StrCat(path, suffix, static_cast<char *>(nullptr)); }
+
+bool closeStream(FILE *&f) { return f == nullptr || FileSysFClose(&f); }
+
+bool lockTheFile(FILE_STREAM *s, const char *path, int32_t access) {
+    char *lockPath = withSuffix(path, ".lck");
+    const bool opened = FileSysOpen(&s->iLockHandle, lockPath, FILE_MODE_LOCK_FILE);
+    MemFreeInternal(&lockPath);
+    if (!opened) {
+        trace(kIdLockOpen, 0, 1, "FileStreamOpenTags - Failed to open lock file");
+        return false;
+    }
+    if (!FileLockSet(s->iLockHandle, access == FILE_MODE_UPDATE ? FILE_LOCK_EXCLUSIVE : FILE_LOCK_SHARED)) {
+        trace(kIdLockSet, 0, 1, "FileStreamOpenTags - Failed to set lock");
+        return false;
+    }
+    return true;
+}
+
+bool openStream(FILE_STREAM **out, const OpenArgs &args) {
+    if (out == nullptr || args.pszPath == nullptr || *args.pszPath == '\0') {
+        trace(kIdBadArgs, 0, 1, "FileStreamOpenTags - bad args (%p, '%s')", static_cast<void *>(out),
+              args.pszPath != nullptr ? args.pszPath : "(null)");
+        return false;
+    }
+    auto *s = static_cast<FILE_STREAM *>(ObjTemplateNewInstanceFromPool(gStreamTemplate, nullptr));
+    s->iLockHandle = -1;
+    s->iMode = args.iMode;
+    const int32_t access = accessOf(s);
+    bool ok = !args.bLock || lockTheFile(s, args.pszPath, access);
+    if (ok) {
+        s->pszPath = StrDuplicateIntoPool(args.pszPath, nullptr);
+        ok = FileSysFOpen(&s->pInput, s->pszPath, s->iMode);
+    }
+    if (ok && (access == FILE_MODE_WRITE || access == FILE_MODE_APPEND)) {
+        ok = FileSysFOpen(&s->pOutput, s->pszPath, s->iMode) &&
+             (!args.bLock || FileLockSet(FileHandleFromFILE(s->pOutput), FILE_LOCK_EXCLUSIVE));
+    }
+    if (!ok) {
+        trace(kIdOpenFailed, 0, 1, "Failed to open file stream '%s'", args.pszPath);
+        FileStreamClose(&s);
+        return false;
+    }
+    *out = s;
+    return true;
+}
+
+} // namespace
+
+BOOL FileStreamOpen(FILE_STREAM **out, const char *path, int32_t mode) {
+    return FileStreamOpenTags(out, -2, FILE_STREAM_TAG_PATH, path, FILE_STREAM_TAG_MODE, mode, FILE_STREAM_TAG_LOCK,
+                              TRUE, -1);
+}
+
+BOOL FileStreamOpenTags(FILE_STREAM **out, int32_t first, ...) {
+    ensureTemplates();
+    auto *args = static_cast<OpenArgs *>(ObjTemplateNewInstanceFromPool(gArgsTemplate, nullptr));
+    args->bLock = TRUE;
+    if (first == -2) {
+        va_list pairs;
+        va_start(pairs, first);
+        ObjSetFromTagsVAListInternal(args, pairs);
+        va_end(pairs);
+    }
+    const bool opened = openStream(out, *args);
+    ObjReleaseInternal(&args);
+    return opened;
+}
+
+BOOL FileStreamClose(FILE_STREAM **streamAddress) {
+    if (streamAddress == nullptr || *streamAddress == nullptr) return FALSE;
+    FILE_STREAM *s = *streamAddress;
+    const bool outputClosed = closeStream(s->pOutput);
+    const bool inputClosed = closeStream(s->pInput);
+    if (s->pszNewPath != nullptr && s->pszPath != nullptr) rename(s->pszNewPath, s->pszPath);
+    MemFreeInternal(&s->pszNewPath);
+    MemFreeInternal(&s->pszPath);
+    if (s->iLockHandle >= 0) FileSysClose(&s->iLockHandle); // only after the rename
+    const BOOL result = outputClosed && inputClosed;
+    trace(kIdClose, 0, 3, "%s = FileStreamClose(%#x)", fh::boolText(result),
+          static_cast<unsigned>(reinterpret_cast<uintptr_t>(s)));
+    ObjReleaseInternal(streamAddress);
+    return result;
+}
+
+BOOL FileStreamGetPath(const char **out, const FILE_STREAM *stream) {
+    if (out == nullptr || stream == nullptr || stream->pszPath == nullptr) return FALSE;
+    *out = stream->pszPath;
+    return TRUE;
+}
+
+BOOL FileStreamStartAppend(FILE_STREAM *stream) {
+    if (stream == nullptr || accessOf(stream) != FILE_MODE_UPDATE) return FALSE;
+    if (stream->pOutput != nullptr && !FileStreamCloseOutput(stream)) return FALSE;
+    return FileSysFOpen(&stream->pOutput, stream->pszPath, FILE_MODE_TEXT | FILE_MODE_APPEND);
+}
+
+BOOL FileStreamStartRewrite(FILE_STREAM *stream) {
+    if (stream == nullptr || accessOf(stream) != FILE_MODE_UPDATE) return FALSE;
+    if (stream->pOutput != nullptr && !FileStreamCloseOutput(stream)) return FALSE;
+    char *newPath = withSuffix(stream->pszPath, ".new");
+    FILE *empty = nullptr; // creates the ".new", or empties a stale one
+    bool ok = FileSysFOpen(&empty, newPath, FILE_MODE_TEXT | FILE_MODE_WRITE) && FileSysFClose(&empty) &&
+              FileSysFOpen(&stream->pOutput, newPath, kindOf(stream) | FILE_MODE_APPEND);
+    if (ok)
+        stream->pszNewPath = newPath;
+    else
+        MemFreeInternal(&newPath);
+    trace(kIdStartRewrite, 0, 3, "%s = FileStreamStartRewrite(%p)", fh::boolText(ok), static_cast<void *>(stream));
+    return ok;
+}
+
+BOOL FileStreamCloseOutput(FILE_STREAM *stream) {
+    if (stream == nullptr || stream->pOutput == nullptr) return FALSE;
+    if (stream->pszNewPath == nullptr) {
+        const bool closed = closeStream(stream->pOutput);
+        if (stream->pInput != nullptr) fseek(stream->pInput, 0, SEEK_SET);
+        return closed;
+    }
+    closeStream(stream->pOutput);
+    closeStream(stream->pInput);
+    rename(stream->pszNewPath, stream->pszPath);
+    MemFreeInternal(&stream->pszNewPath);
+    return FileSysFOpen(&stream->pInput, stream->pszPath, kindOf(stream) | FILE_MODE_READ);
+}
+
+BOOL FileStreamCancelRewrite(FILE_STREAM *stream) {
+    if (stream == nullptr || stream->pszNewPath == nullptr) return FALSE;
+    closeStream(stream->pOutput);
+    FileDelete(stream->pszNewPath);
+    MemFreeInternal(&stream->pszNewPath);
+    if (stream->pInput != nullptr) fseek(stream->pInput, 0, SEEK_SET);
+    return TRUE;
+}
+
+BOOL FileStreamReadByte(FILE_STREAM *stream, unsigned char *byte) {
+    if (byte == nullptr) return FALSE;
+    const int c = stream != nullptr && stream->pInput != nullptr ? fgetc(stream->pInput) : EOF;
+    *byte = c == EOF ? 0 : static_cast<unsigned char>(c);
+    return c != EOF;
+}
+
+BOOL FileStreamRead(FILE_STREAM *stream, void *buffer, int32_t length, int32_t *count) {
+    if (stream == nullptr || stream->pInput == nullptr || buffer == nullptr || length < 0 || count == nullptr)
+        return FALSE;
+    const size_t got = fread(buffer, 1, static_cast<size_t>(length), stream->pInput);
+    *count = static_cast<int32_t>(got);
+    return got > 0 || !ferror(stream->pInput);
+}
+
+BOOL FileStreamWriteByte(FILE_STREAM *stream, unsigned char byte) {
+    if (stream != nullptr && stream->pOutput != nullptr && fputc(byte, stream->pOutput) != EOF) return TRUE;
+    trace(kIdWriteByte, 0, 1, "%s = FileStreamWriteByte(%p, 0x%x)", "FALSE", static_cast<void *>(stream), byte);
+    return FALSE;
+}
+
+BOOL FileStreamWrite(FILE_STREAM *stream, const void *buffer, int32_t length) {
+    if (length == 0 && stream != nullptr && stream->pOutput != nullptr) return TRUE;
+    if (stream != nullptr && length > 0 && FileSysFWrite(stream->pOutput, buffer, length)) return TRUE;
+    trace(kIdWrite, 0, 1, "%s = FileStreamWrite(%p, %p, %ld)", "FALSE", static_cast<void *>(stream), buffer,
+          static_cast<long>(length));
+    return FALSE;
+}
+
+BOOL FileStreamPrintF(FILE_STREAM *stream, const char *format, ...) {
+    if (stream == nullptr || stream->pOutput == nullptr || format == nullptr) return FALSE;
+    va_list arguments;
+    va_start(arguments, format);
+    const int written = vfprintf(stream->pOutput, format, arguments);
+    va_end(arguments);
+    return written >= 0;
+}
+
+// Every seek acts on the input; FALSE for a null stream or input.
+#define FH_INPUT_OR_FALSE(stream)                                                                                      \
+    if ((stream) == nullptr || (stream)->pInput == nullptr) return FALSE
+
+BOOL FileStreamSeek(FILE_STREAM *stream, fpos_t position) {
+    FH_INPUT_OR_FALSE(stream);
+    return fsetpos(stream->pInput, &position) == 0;
+}
+
+BOOL FileStreamGetOffset(fpos_t *position, FILE_STREAM *stream) {
+    FH_INPUT_OR_FALSE(stream);
+    return position != nullptr && fgetpos(stream->pInput, position) == 0;
+}
+
+BOOL FileStreamSeekFromLong(FILE_STREAM *stream, int32_t offset) {
+    FH_INPUT_OR_FALSE(stream);
+    return fseek(stream->pInput, offset, SEEK_SET) == 0;
+}
+
+BOOL FileStreamGetOffsetLong(int32_t *offset, FILE_STREAM *stream) {
+    FH_INPUT_OR_FALSE(stream);
+    const long at = ftell(stream->pInput);
+    if (offset == nullptr || at < 0 || at > INT32_MAX) return FALSE;
+    *offset = static_cast<int32_t>(at);
+    return TRUE;
+}
+
+BOOL FileStreamSeekRelative(FILE_STREAM *stream, int32_t offset) {
+    FH_INPUT_OR_FALSE(stream);
+    return fseek(stream->pInput, offset, SEEK_CUR) == 0;
+}
+
+BOOL FileStreamSeekStart(FILE_STREAM *stream) {
+    FH_INPUT_OR_FALSE(stream);
+    return fseek(stream->pInput, 0, SEEK_SET) == 0;
+}
+
+BOOL FileStreamSeekEnd(FILE_STREAM *stream) {
+    FH_INPUT_OR_FALSE(stream);
+    return fseek(stream->pInput, 0, SEEK_END) == 0;
+}

@@ -1,0 +1,190 @@
+// File streams with real files and real processes: the rewrite through
+// ".new" proven crash-safe under SIGKILL, the lock matrix between processes,
+// the edge cases of appends, commits and cancels, and characters of the
+// string layer read and written through a stream.
+#include "fixture.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <fstream>
+#include <random>
+#include <string>
+
+#include "syscalls.h"
+
+namespace {
+
+using FileStreamTest = LibraryTest;
+
+constexpr int32_t kUpdate = FILE_MODE_TEXT | FILE_MODE_UPDATE;
+
+std::string read(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// Version n of the file: it names its version and size and checks itself.
+std::string version(uint32_t n) {
+    const size_t sizes[] = {10, 5000, 9000, 70000};
+    const size_t size = sizes[n % 4];
+    std::string text = "version " + std::to_string(n) + " size " + std::to_string(size) + "\n";
+    while (text.size() < size) text += static_cast<char>('a' + (n + text.size()) % 26);
+    return text;
+}
+bool isAVersion(const std::string &text) {
+    unsigned n = 0;
+    return sscanf(text.c_str(), "version %u", &n) == 1 && text == version(n);
+}
+
+bool rewriteTo(FILE_STREAM *stream, const std::string &text) {
+    return FileStreamStartRewrite(stream) && FileStreamWrite(stream, text.data(), static_cast<int32_t>(text.size())) &&
+           FileStreamCloseOutput(stream);
+}
+
+TEST_F(FileStreamTest, RewriteSurvivesSigkillAtAnyMoment) {
+    const std::string path = home() + "/data";
+    std::ofstream(path) << version(0);
+    std::mt19937 random(7);
+    for (int round = 0; round < 30; ++round) {
+        const pid_t writer = fork();
+        if (writer == 0) {
+            FILE_STREAM *stream = nullptr;
+            if (!FileStreamOpen(&stream, path.c_str(), kUpdate)) _exit(1);
+            for (uint32_t n = 1;; ++n) rewriteTo(stream, version(n + round * 1000));
+        }
+        usleep(2000 + random() % 30000);
+        kill(writer, SIGKILL);
+        waitpid(writer, nullptr, 0);
+        ASSERT_TRUE(isAVersion(read(path))) << "round " << round;
+    }
+    // The next rewrite starts from an empty ".new", whatever a crash left there.
+    FILE_STREAM *stream = nullptr;
+    ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), kUpdate));
+    ASSERT_TRUE(FileStreamStartRewrite(stream));
+    EXPECT_EQ(read(path + ".new"), "");
+    ASSERT_TRUE(FileStreamCancelRewrite(stream));
+    EXPECT_FALSE(FileExists((path + ".new").c_str()));
+    FileStreamClose(&stream);
+}
+
+// TRUE when a child's open of path in mode is kept waiting while we hold ours.
+bool waitsFor(const std::string &path, int32_t held, int32_t mode) {
+    FILE_STREAM *ours = nullptr;
+    if (!FileStreamOpen(&ours, path.c_str(), held)) return false;
+    const pid_t pid = fork();
+    if (pid == 0) {
+        FILE_STREAM *theirs = nullptr;
+        _exit(FileStreamOpen(&theirs, path.c_str(), mode) ? 0 : 1);
+    }
+    usleep(150 * 1000);
+    const bool waiting = waitpid(pid, nullptr, WNOHANG) == 0;
+    FileStreamClose(&ours);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return waiting && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+TEST_F(FileStreamTest, LockMatrixBetweenProcesses) {
+    const std::string path = home() + "/data";
+    std::ofstream(path) << "x";
+    const int32_t read = FILE_MODE_TEXT | FILE_MODE_READ, write = FILE_MODE_TEXT | FILE_MODE_WRITE,
+                  append = FILE_MODE_TEXT | FILE_MODE_APPEND, shared = FILE_MODE_TEXT | FILE_MODE_UPDATE_SHARED;
+    const struct {
+        int32_t held, other;
+        bool waits;
+    } cases[] = {
+        {kUpdate, read, true},     {kUpdate, kUpdate, true}, {kUpdate, shared, true}, {read, kUpdate, true},
+        {shared, kUpdate, true},   {read, read, false},      {read, shared, false},   {write, append, true},
+        {append, write, true},     {write, read, false},
+    };
+    for (const auto &c : cases) EXPECT_EQ(waitsFor(path, c.held, c.other), c.waits) << c.held << " then " << c.other;
+}
+
+TEST_F(FileStreamTest, AppendCommitAndCancel) {
+    const std::string path = home() + "/data";
+    FILE_STREAM *stream = nullptr;
+    EXPECT_FALSE(FileStreamOpen(&stream, "", kUpdate));
+    EXPECT_TRUE(traced("FILE", 40, "FileStreamOpenTags - bad args (" + [&] {
+        char text[32];
+        snprintf(text, sizeof text, "%p", static_cast<void *>(&stream));
+        return std::string(text);
+    }() + ", '')"));
+    ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), kUpdate)); // created empty
+    unsigned char byte = 1;
+    EXPECT_FALSE(FileStreamReadByte(stream, &byte));
+    EXPECT_EQ(byte, 0);
+    EXPECT_FALSE(FileStreamWrite(stream, "x", 1)); // no output before a start
+    ASSERT_TRUE(FileStreamStartAppend(stream) && FileStreamPrintF(stream, "old %d\n", 1));
+    ASSERT_TRUE(FileStreamCloseOutput(stream));
+    EXPECT_FALSE(FileStreamCloseOutput(stream));
+
+    ASSERT_TRUE(FileStreamStartRewrite(stream));
+    char copied[4] = {};
+    int32_t count = 0;
+    ASSERT_TRUE(FileStreamRead(stream, copied, 3, &count)); // the old contents stay readable
+    EXPECT_EQ(std::string(copied), "old");
+    ASSERT_TRUE(FileStreamWrite(stream, "new", 3) && FileStreamCloseOutput(stream));
+    ASSERT_TRUE(FileStreamReadByte(stream, &byte));
+    EXPECT_EQ(byte, 'n');
+    ASSERT_TRUE(FileStreamStartRewrite(stream) && FileStreamWriteByte(stream, 'z'));
+    ASSERT_TRUE(FileStreamCancelRewrite(stream));
+    EXPECT_FALSE(FileExists((path + ".new").c_str()));
+    ASSERT_TRUE(FileStreamReadByte(stream, &byte));
+    EXPECT_EQ(byte, 'n');
+    EXPECT_FALSE(FileStreamCancelRewrite(stream));
+    // Closing in the midst of a rewrite commits it.
+    ASSERT_TRUE(FileStreamStartRewrite(stream) && FileStreamWrite(stream, "last", 4));
+    ASSERT_TRUE(FileStreamClose(&stream));
+    EXPECT_EQ(read(path), "last");
+    EXPECT_FALSE(FileStreamClose(&stream));
+
+    ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), FILE_MODE_TEXT | FILE_MODE_READ));
+    EXPECT_FALSE(FileStreamStartRewrite(stream));
+    EXPECT_FALSE(FileStreamStartAppend(stream));
+    ASSERT_TRUE(FileStreamSeekEnd(stream) && FileStreamGetOffsetLong(&count, stream));
+    EXPECT_EQ(count, 4);
+    ASSERT_TRUE(FileStreamSeekFromLong(stream, 1) && FileStreamReadByte(stream, &byte));
+    EXPECT_EQ(byte, 'a');
+    FileStreamClose(&stream);
+
+    // A lock file that can't be made: the open fails though the file is readable.
+    fh::sys().open = [](const char *p, int flags, mode_t mode) {
+        return std::string(p).ends_with(".lck") ? (errno = EACCES, -1) : fh::platformCalls().open(p, flags, mode);
+    };
+    EXPECT_FALSE(FileStreamOpen(&stream, path.c_str(), FILE_MODE_TEXT | FILE_MODE_READ));
+    EXPECT_TRUE(traced("FILE", 41, "FileStreamOpenTags - Failed to open lock file"));
+    fh::sys() = fh::platformCalls();
+}
+
+TEST_F(FileStreamTest, CharactersThroughAStream) {
+    const std::string path = home() + "/text";
+    std::ofstream(path, std::ios::binary) << "ab\x81\x41\r\n\r\nabcdef\n\xE0\x40xyz\nlast\x81";
+    FILE_STREAM *stream = nullptr;
+    ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), FILE_MODE_BINARY | FILE_MODE_READ));
+    int32_t c = 0;
+    ASSERT_TRUE(StrFileReadChar(stream, &c) && c == 'a');
+    ASSERT_TRUE(StrFileReadChar(stream, &c) && c == 'b');
+    ASSERT_TRUE(StrFileReadChar(stream, &c) && c == 0x8141);
+    ASSERT_TRUE(StrFileReadChar(stream, &c) && c == '\n'); // the carriage return is dropped
+    char line[8];
+    EXPECT_EQ(StrFileReadLine(stream, line, sizeof line), 0); // CR LF alone
+    EXPECT_EQ(StrFileReadLine(stream, line, 4), 3);
+    EXPECT_STREQ(line, "abc"); // the rest of the line is dropped
+    EXPECT_EQ(StrFileReadLine(stream, line, 3), 2);
+    EXPECT_STREQ(line, "\xE0\x40"); // a whole character, and the line closed behind it
+    EXPECT_EQ(StrFileReadLine(stream, line, sizeof line), 4);
+    EXPECT_STREQ(line, "last"); // no line feed; the lone lead byte at the end is dropped
+    EXPECT_TRUE(traced("STRING", 10, "Failed to read byte from stream"));
+    EXPECT_EQ(StrFileReadLine(stream, line, sizeof line), -1);
+    FileStreamClose(&stream);
+
+    ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), FILE_MODE_BINARY | FILE_MODE_WRITE));
+    ASSERT_TRUE(StrFileWriteChar(stream, 0x8141) && StrFileWriteChar(stream, 'x') && StrFileWriteString(stream, ""));
+    ASSERT_TRUE(StrFileWriteString(stream, "yz"));
+    EXPECT_FALSE(StrFileWriteString(stream, nullptr));
+    FileStreamClose(&stream);
+    EXPECT_EQ(read(path), "\x81\x41xyz");
+}
+
+} // namespace
