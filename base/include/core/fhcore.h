@@ -19,6 +19,7 @@
 #include "tree.h"
 #include "objwrappers.h"
 #include "stanza.h"
+#include "dstring.h"
 #include "strwrap.h"
 #include "strparse.h"
 #include "timeout.h"

@@ -1,0 +1,130 @@
+// dstring.cpp - OBJ_DSTRING, a growable, always terminated text buffer.
+//
+// Invariants: 1 <= iUsed <= oText.iSize and the byte at iUsed - 1 is NUL.
+// Every append goes through makeRoom, which, when the text plus what comes
+// does not fit, moves it to a new buffer of twice the size then needed.
+#include <cstdio>
+#include <cstring>
+
+#include "internal.h"
+
+namespace {
+
+constexpr fh::ModuleTracer trace{"STRDYNAM        "};
+
+enum TraceId : int32_t { kIdNew = 1 };
+
+ObjectTemplate *gTemplate = nullptr;
+
+inline char *text(const OBJ_DSTRING *s) { return static_cast<char *>(s->oText.pData); }
+
+// Moves the text to a buffer of capacity bytes (the text and its
+// terminator are kept).
+void moveTo(OBJ_DSTRING *s, int64_t capacity) {
+    auto *grown = static_cast<char *>(MemAllocateFromPool(static_cast<size_t>(capacity), nullptr));
+    memcpy(grown, text(s), static_cast<size_t>(s->iUsed));
+    MemFreeInternal(&s->oText.pData);
+    s->oText = {static_cast<int32_t>(capacity), grown};
+}
+
+// Room for extra more bytes: twice the new size when they don't fit.
+void makeRoom(OBJ_DSTRING *s, int32_t extra) {
+    const int64_t needed = int64_t{s->iUsed} + extra;
+    if (needed > s->oText.iSize) moveTo(s, 2 * needed);
+}
+
+// Writes count bytes over the terminator, and the terminator behind them.
+char *append(OBJ_DSTRING *s, const void *bytes, int32_t count) {
+    if (count <= 0) return text(s);
+    makeRoom(s, count);
+    memcpy(text(s) + s->iUsed - 1, bytes, static_cast<size_t>(count));
+    s->iUsed += count;
+    text(s)[s->iUsed - 1] = '\0';
+    return text(s);
+}
+
+// The size in bytes of the last character, 0 for "".
+int32_t lastCharSize(const OBJ_DSTRING *s) {
+    if (s->iUsed < 2) return 0;
+    if (s->iUsed == 2) return 1;
+    const auto lead = static_cast<unsigned char>(text(s)[s->iUsed - 3]);
+    return (lead >= 0x80 && lead <= 0x9F) || lead >= 0xE0 ? 2 : 1;
+}
+
+} // namespace
+
+OBJ_DSTRING *ObjDStringNewSized(const char *initial, int32_t minimum) {
+    if (gTemplate == nullptr)
+        ObjTemplateCreateInternal(&gTemplate, sizeof(OBJ_DSTRING), OBJ_DSTRING_MAGIC, OBJ_DSTRING_FORMAT, nullptr);
+    const char *from = initial != nullptr ? initial : "";
+    trace(kIdNew, 0, 3, "Creating new dstring '%s'", from);
+    auto *s = static_cast<OBJ_DSTRING *>(ObjTemplateNewInstanceFromPool(gTemplate, nullptr));
+    const auto used = static_cast<int32_t>(strlen(from) + 1);
+    const int32_t capacity = 2 * used > minimum ? 2 * used : minimum;
+    s->oText = {capacity, MemAllocateFromPool(static_cast<size_t>(capacity), nullptr)};
+    memcpy(text(s), from, static_cast<size_t>(used));
+    s->iUsed = used;
+    return s;
+}
+
+OBJ_DSTRING *ObjDStringNew(const char *initial) { return ObjDStringNewSized(initial, 0); }
+
+char *DStringAppendSized(OBJ_DSTRING *string, const void *bytes, int32_t count) {
+    if (count == 1 && string->iUsed < string->oText.iSize) { // one byte that fits: the common case
+        char *t = text(string);
+        t[string->iUsed - 1] = *static_cast<const char *>(bytes);
+        t[string->iUsed++] = '\0';
+        return t;
+    }
+    return append(string, bytes, count);
+}
+
+void DStringSetSized(OBJ_DSTRING *string, const void *bytes, int32_t count) {
+    if (bytes == nullptr || count <= 0) count = 0;
+    void *buffer = string->oText.pData;
+    if (count >= string->oText.iSize) buffer = MemAllocateFromPool(static_cast<size_t>(2 + 2 * count), nullptr);
+    if (count > 0) memmove(buffer, bytes, static_cast<size_t>(count)); // bytes may lie in the old buffer
+    if (buffer != string->oText.pData) {
+        MemFreeInternal(&string->oText.pData);
+        string->oText = {2 + 2 * count, buffer};
+    }
+    text(string)[count] = '\0';
+    string->iUsed = count + 1;
+}
+
+void DStringAppendCharNTimes(OBJ_DSTRING *string, int32_t value, int32_t count) {
+    if (count <= 0) return;
+    const int32_t width = value > 255 ? 2 : 1;
+    makeRoom(string, width * count);
+    char *at = text(string) + string->iUsed - 1;
+    for (int32_t i = 0; i < count; ++i) StrPutChar(&at, value);
+    string->iUsed += width * count;
+    text(string)[string->iUsed - 1] = '\0';
+}
+
+char *DStringAppendInteger(OBJ_DSTRING *string, int32_t value) {
+    char digits[16];
+    const int n = snprintf(digits, sizeof digits, "%ld", static_cast<long>(value));
+    return append(string, digits, n);
+}
+
+char *DStringAppendInt64(OBJ_DSTRING *string, int64_t value) {
+    char digits[24];
+    const int n = snprintf(digits, sizeof digits, "%lld", static_cast<long long>(value));
+    return append(string, digits, n);
+}
+
+int32_t DStringBytesUsed(const OBJ_DSTRING *string) { return string->iUsed; }
+
+int32_t DStringLastChar(const OBJ_DSTRING *string) {
+    const int32_t size = lastCharSize(string);
+    const auto *end = reinterpret_cast<const unsigned char *>(text(string)) + string->iUsed - 1;
+    return size == 0 ? 0 : size == 1 ? end[-1] : end[-2] << 8 | end[-1];
+}
+
+int32_t DStringDeleteLastChar(OBJ_DSTRING *string) {
+    const int32_t size = lastCharSize(string);
+    string->iUsed -= size;
+    text(string)[string->iUsed - 1] = '\0';
+    return 0;
+}
