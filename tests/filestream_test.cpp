@@ -46,14 +46,14 @@ TEST_F(FileStreamTest, RewriteSurvivesSigkillAtAnyMoment) {
     const std::string path = home() + "/data";
     std::ofstream(path) << version(0);
     std::mt19937 random(7);
-    for (int round = 0; round < 30; ++round) {
+    for (int round = 0; round < 200; ++round) {
         const pid_t writer = fork();
         if (writer == 0) {
             FILE_STREAM *stream = nullptr;
             if (!FileStreamOpen(&stream, path.c_str(), kUpdate)) _exit(1);
             for (uint32_t n = 1;; ++n) rewriteTo(stream, version(n + round * 1000));
         }
-        usleep(2000 + random() % 30000);
+        usleep(1000 + random() % 12000);
         kill(writer, SIGKILL);
         waitpid(writer, nullptr, 0);
         ASSERT_TRUE(isAVersion(read(path))) << "round " << round;
