@@ -1,5 +1,7 @@
 #include "fixture.h"
 
+#include <pthread.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -94,4 +96,15 @@ bool LibraryTest::traced(const char *module, int32_t id, const std::string &text
         if (record->Id == id && text == record->Text && strncmp(record->Module, module, tagLength) == 0) return true;
     }
     return false;
+}
+
+void *runInSmallStack(void *(*body)(void *)) {
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, 256 * 1024);
+    pthread_t thread;
+    void *result = nullptr;
+    if (pthread_create(&thread, &attributes, body, nullptr) == 0) pthread_join(thread, &result);
+    pthread_attr_destroy(&attributes);
+    return result;
 }

@@ -50,6 +50,10 @@ struct TestPool {
 };
 TestPool &testPool(int failFrom = 0);
 
+// Runs body on a thread with a stack of 256 KiB, where recursion along a
+// long chain would overflow; gives what body returned.
+void *runInSmallStack(void *(*body)(void *));
+
 // A trace ring of the test's own, installed while it lives. It is exactly
 // 16 + size bytes, so that the sanitizer sees any access outside it.
 struct TestRing {

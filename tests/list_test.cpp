@@ -70,14 +70,7 @@ class ListTest : public LibraryTest {};
 
 // Copying or releasing along the chain by recursion would overflow this stack.
 TEST_F(ListTest, AMillionItemsAreCopiedAndReleasedInASmallStack) {
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, 256 * 1024);
-    pthread_t thread;
-    ASSERT_EQ(pthread_create(&thread, &attributes, buildCopyAndRelease, nullptr), 0);
-    void *result = nullptr;
-    pthread_join(thread, &result);
-    EXPECT_EQ(result, reinterpret_cast<void *>(1));
+    EXPECT_EQ(runInSmallStack(buildCopyAndRelease), reinterpret_cast<void *>(1));
     EXPECT_EQ(ObjGetInstanceCount(OBJ_INTEGER_MAGIC), 0);
 }
 

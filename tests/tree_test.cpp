@@ -252,14 +252,7 @@ void *millionSiblings(void *) {
 
 // Releasing along the sibling chain by recursion would overflow this stack.
 TEST_F(TreeTest, AMillionSiblingsAreReleasedInASmallStack) {
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, 256 * 1024);
-    pthread_t thread;
-    ASSERT_EQ(pthread_create(&thread, &attributes, millionSiblings, nullptr), 0);
-    void *result = nullptr;
-    pthread_join(thread, &result);
-    EXPECT_EQ(result, reinterpret_cast<void *>(1));
+    EXPECT_EQ(runInSmallStack(millionSiblings), reinterpret_cast<void *>(1));
     EXPECT_EQ(ObjGetInstanceCount(TREENODE_MAGIC), 0);
 }
 

@@ -179,6 +179,19 @@ void addBranches(TREE *tree, const TREENODE *node, bool all) {
     }
 }
 
+// The two exported forms of addBranches, which check their arguments.
+BOOL addBranchesChecked(TREE *tree, TREENODE *node, bool all) {
+    if (!isTree(tree) || !isNode(node)) {
+        trace(all ? kIdAddBranchArgs : kIdAddOnlyBranchArgs, 0, -1, "%s(%p,%p) - bad args",
+              all ? "TreeAddBranchToRoot" : "TreeAddOnlyBranchToRoot", static_cast<void *>(tree),
+              static_cast<void *>(node));
+        ProcCrash(0);
+        return FALSE;
+    }
+    addBranches(tree, node, all);
+    return TRUE;
+}
+
 void setTree(TREENODE *branch, TREE *tree) {
     branch->oTree = tree;
     for (TREENODE *n = branch->oFirstChild; n != nullptr; n = nextNode(n, true, branch)) n->oTree = tree;
@@ -321,27 +334,8 @@ BOOL TreeSetCookie(TREE *tree, void *cookie) {
     return TRUE;
 }
 
-BOOL TreeAddBranchToRoot(TREE *tree, TREENODE *node) {
-    if (!isTree(tree) || !isNode(node)) {
-        trace(kIdAddBranchArgs, 0, -1, "TreeAddBranchToRoot(%p,%p) - bad args", static_cast<void *>(tree),
-              static_cast<void *>(node));
-        ProcCrash(0);
-        return FALSE;
-    }
-    addBranches(tree, node, true);
-    return TRUE;
-}
-
-BOOL TreeAddOnlyBranchToRoot(TREE *tree, TREENODE *node) {
-    if (!isTree(tree) || !isNode(node)) {
-        trace(kIdAddOnlyBranchArgs, 0, -1, "TreeAddOnlyBranchToRoot(%p,%p) - bad args", static_cast<void *>(tree),
-              static_cast<void *>(node));
-        ProcCrash(0);
-        return FALSE;
-    }
-    addBranches(tree, node, false);
-    return TRUE;
-}
+BOOL TreeAddBranchToRoot(TREE *tree, TREENODE *node) { return addBranchesChecked(tree, node, true); }
+BOOL TreeAddOnlyBranchToRoot(TREE *tree, TREENODE *node) { return addBranchesChecked(tree, node, false); }
 
 BOOL TreeFromSubTree(TREE **out, TREENODE *node) {
     if (!TreeCreateFromPool(out, pool())) return FALSE;
