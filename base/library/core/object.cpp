@@ -279,7 +279,11 @@ bool releaseComponents(ObjectHeader *h, ObjectHeader *&dying) {
     void *object = payloadOf(h);
     bool ok = true;
     const ObjectDescriptor &d = t->Descriptor;
+    // The datatypes that release needs to look at; the others own nothing.
+    constexpr uint32_t kHandled = 1u << eObjNone | 1u << eObjString | 1u << eObjObject | 1u << eObjData |
+                                  1u << eObjViewInfo | 1u << eObjStanza;
     for (const ComponentEntry &e : std::span(d.Entries, d.FieldCount)) {
+        if ((kHandled >> e.Datatype & 1u) == 0) continue;
         switch (e.Datatype) {
         case eObjNone:
             trace(22, 1, 2, "ObjRelease - unrecognised component");
