@@ -81,7 +81,8 @@ TEST_F(TreeTest, PositionsAndRelations) {
     ASSERT_TRUE(TreeMoveBranch(twelve, target, 0));
     EXPECT_EQ(shape(tree->oFirst), "1(6,11,7,8,13,9),2");
     EXPECT_EQ(shape(other->oFirst), "50(12(121,122))");
-    ASSERT_TRUE(TreeMove(target, &tree)); // every root of tree goes under 50
+    EXPECT_FALSE(TreeMove(tree->oFirst, &tree)); // not into itself
+    ASSERT_TRUE(TreeMove(target, &tree));        // every root of tree goes under 50
     EXPECT_EQ(tree, nullptr);
     EXPECT_EQ(shape(other->oFirst), "50(12(121,122),1(6,11,7,8,13,9),2)");
     ASSERT_TRUE(TreePruneAllChildren(target));

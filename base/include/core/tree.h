@@ -99,7 +99,7 @@ FHAPI BOOL TreeMoveBranch(TREENODE *node, TREENODE *target, int32_t position);
 FHAPI BOOL TreeMoveBranchInternal(TREENODE *node, TREENODE *target, int32_t position);
 
 /* Moves every root of *treeAddress to the last child position of target,
- * then releases that tree. */
+ * then releases that tree. FALSE, nothing moved, for a target in that tree. */
 FHAPI BOOL TreeMove(TREENODE *target, TREE **treeAddress);
 
 /* Item and Open of node from source; the item with a new reference. */

@@ -357,6 +357,7 @@ BOOL TreeMoveBranch(TREENODE *node, TREENODE *target, int32_t position) {
 BOOL TreeMove(TREENODE *target, TREE **treeAddress) {
     if (!isNode(target) || treeAddress == nullptr || !isTree(*treeAddress)) return FALSE;
     TREE *tree = *treeAddress;
+    if (target->oTree == tree) return FALSE; // into itself
     while (tree->oFirst != nullptr) TreeMoveBranchInternal(tree->oFirst, target, 1);
     return ObjReleaseInternal(treeAddress);
 }
