@@ -221,6 +221,16 @@ TEST_F(FileTest, CopiesMovesLoadsAndMatches) {
     EXPECT_EQ(std::string(static_cast<char *>(bytes), size), "abc");
     MemFreeInternal(&bytes);
 
+    // A file that shrinks between its size and its read is not loaded.
+    fh::sys().stat = [](const char *p, struct stat *st) {
+        const int r = fh::platformCalls().stat(p, st);
+        st->st_size += 10;
+        return r;
+    };
+    EXPECT_FALSE(LoadBinaryFile(&bytes, &size, (b + "/other").c_str()));
+    EXPECT_TRUE(traced("FILEWRAP", 5, "LoadBinaryFile - failed to read contents of file '" + b + "/other'"));
+    fh::sys() = fh::platformCalls();
+
     // A write that fails halfway: the copy fails, nothing leaks.
     fh::sys().write = [](int, const void *, size_t) -> ssize_t { return errno = ENOSPC, -1; };
     write(a + "/src", big);
