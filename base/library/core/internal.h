@@ -147,9 +147,9 @@ void objectTemplateFree(ObjectTemplate *objectTemplate);
 void pathRegistryFile(const char *file);
 void pathMountTable(const char *file);
 
-// Test seam: StrCompare reads 16-byte blocks even where the processor has
+// Test seam: StrCompare with 16-byte blocks even where the processor has
 // wider ones, so that both bodies are tested on one machine.
-void strCompareNarrowBlocks(bool on);
+int32_t strCompareNarrow(const char *a, const char *b);
 
 } // namespace fh
 

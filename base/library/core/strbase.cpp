@@ -246,11 +246,8 @@ __attribute__((no_sanitize("address"), target("avx2"), flatten)) size_t firstDif
     return firstDifferenceIn<Avx2Block>(a, b);
 }
 
-// The widest body this processor runs, chosen when the library loads.
-size_t (*firstDifference)(const Byte *, const Byte *) =
-    __builtin_cpu_supports("avx2") ? firstDifferenceAvx2 : firstDifferenceSse2;
 #else
-size_t firstDifference(const Byte *a, const Byte *b) {
+size_t firstDifferenceBytes(const Byte *a, const Byte *b) {
     size_t i = 0;
     while (a[i] == b[i] && a[i] != 0) ++i;
     return i;
@@ -258,9 +255,9 @@ size_t firstDifference(const Byte *a, const Byte *b) {
 #endif
 
 // StrCompare: the first differing byte lies in the first differing character.
-int32_t compareWhole(const char *a, const char *b) {
+template <size_t (*FirstDifference)(const Byte *, const Byte *)> int32_t compareWhole(const char *a, const char *b) {
     const Byte *pa = text(a), *pb = text(b);
-    const size_t i = firstDifference(pa, pb);
+    const size_t i = FirstDifference(pa, pb);
     if (pa[i] == pb[i]) return 0;
     const size_t start = startsCharacter(pa, pa + i) ? i : i - 1;
     const Byte *ra = pa + start, *rb = pb + start;
@@ -456,14 +453,11 @@ void writeQuoted(Byte *&out, int32_t quote, int32_t n) {
 
 } // namespace
 
-void fh::strCompareNarrowBlocks(bool on) {
 #if defined(__SSE2__)
-    firstDifference = on || !__builtin_cpu_supports("avx2") ? firstDifferenceSse2 : firstDifferenceAvx2;
+int32_t fh::strCompareNarrow(const char *a, const char *b) { return compareWhole<firstDifferenceSse2>(a, b); }
 #else
-    (void)on;
+int32_t fh::strCompareNarrow(const char *a, const char *b) { return compareWhole<firstDifferenceBytes>(a, b); }
 #endif
-}
-
 // ---- Characters ---------------------------------------------------------------
 
 BOOL StrIsDBCSLeadByte(unsigned char byte) { return kLeadByte[byte]; }
@@ -531,7 +525,22 @@ int32_t StrSizeRangeNoTerm(const char *string, int32_t count) {
 
 // ---- Compare ---------------------------------------------------------------------
 
-int32_t StrCompare(const char *a, const char *b) { return compareWhole(a, b); }
+#if defined(__SSE2__)
+// StrCompare is bound when the library loads to the body with the widest
+// blocks this processor runs, so a call costs no more than one call.
+namespace {
+int32_t compareAvx2(const char *a, const char *b) { return compareWhole<firstDifferenceAvx2>(a, b); }
+int32_t compareSse2(const char *a, const char *b) { return compareWhole<firstDifferenceSse2>(a, b); }
+} // namespace
+using CompareFunction = int32_t (*)(const char *, const char *);
+extern "C" __attribute__((no_sanitize("address", "undefined"))) CompareFunction fhResolveStrCompare(void) {
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx2") ? compareAvx2 : compareSse2;
+}
+int32_t StrCompare(const char *a, const char *b) __attribute__((ifunc("fhResolveStrCompare")));
+#else
+int32_t StrCompare(const char *a, const char *b) { return compareWhole<firstDifferenceBytes>(a, b); }
+#endif
 int32_t StrCompareNoCase(const char *a, const char *b) { return sign(compareWalk<Case::folded, false>(a, b)); }
 int32_t StrCompareRange(const char *a, const char *b, int32_t bytes) { return compareRange<Case::exact>(a, b, bytes); }
 
