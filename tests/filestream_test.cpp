@@ -146,6 +146,14 @@ TEST_F(FileStreamTest, AppendCommitAndCancel) {
     EXPECT_EQ(count, 4);
     ASSERT_TRUE(FileStreamSeekFromLong(stream, 1) && FileStreamReadByte(stream, &byte));
     EXPECT_EQ(byte, 'a');
+    fpos_t position;
+    ASSERT_TRUE(FileStreamGetOffset(&position, stream) && FileStreamSeekRelative(stream, 1));
+    ASSERT_TRUE(FileStreamReadByte(stream, &byte) && byte == 't');
+    ASSERT_TRUE(FileStreamSeek(stream, position) && FileStreamReadByte(stream, &byte));
+    EXPECT_EQ(byte, 's');
+    const char *own = nullptr;
+    ASSERT_TRUE(FileStreamGetPath(&own, stream));
+    EXPECT_EQ(own, path);
     FileStreamClose(&stream);
 
     // A lock file that can't be made: the open fails though the file is readable.
