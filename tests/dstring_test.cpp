@@ -29,6 +29,10 @@ TEST_F(DStringTest, GrowthAndSizes) {
     DStringAppendCharNTimes(s, 0x8141, 2);
     EXPECT_EQ(textOf(s), "abc-421099511627776\x81\x41\x81\x41");
     EXPECT_EQ(DStringBytesUsed(s), 24);
+    // Its own text appended while it moves: the bytes are read before the old buffer goes.
+    DStringAppendSized(s, s->oText.pData, DStringBytesUsed(s) - 1);
+    EXPECT_EQ(textOf(s), "abc-421099511627776\x81\x41\x81\x41"
+                         "abc-421099511627776\x81\x41\x81\x41");
     ObjReleaseInternal(&s);
 
     s = ObjDStringNewSized("ab", 1000);

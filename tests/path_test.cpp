@@ -55,6 +55,7 @@ TEST_F(PathTest, BuildingAndTakingApart) {
     EXPECT_EQ(taken(PathBuild("/usr/", "lib", static_cast<char *>(nullptr))), "/usr/lib");
     EXPECT_EQ(taken(PathBuild("/usr", "/lib", static_cast<char *>(nullptr))), "/usr//lib");
     EXPECT_EQ(taken(PathBuild(static_cast<char *>(nullptr))), "");
+    EXPECT_EQ(taken(PathBuild("", "a", static_cast<char *>(nullptr))), "a");
     // The trail byte of \x81/ is a "/" byte, not a separator.
     EXPECT_EQ(taken(PathBuild("a\x81/", "b", static_cast<char *>(nullptr))), "a\x81//b");
     EXPECT_EQ(taken(PathSplit("dir/a\x81/")), "dir");

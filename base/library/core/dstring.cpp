@@ -19,27 +19,31 @@ ObjectTemplate *gTemplate = nullptr;
 inline char *text(const OBJ_DSTRING *s) { return static_cast<char *>(s->oText.pData); }
 
 // Moves the text to a buffer of capacity bytes (the text and its
-// terminator are kept).
-void moveTo(OBJ_DSTRING *s, int64_t capacity) {
+// terminator are kept) and gives the old buffer, which the caller frees once
+// it has copied what it appends: those bytes may lie in the old buffer.
+void *moveTo(OBJ_DSTRING *s, int64_t capacity) {
     auto *grown = static_cast<char *>(MemAllocateFromPool(static_cast<size_t>(capacity), nullptr));
     memcpy(grown, text(s), static_cast<size_t>(s->iUsed));
-    MemFreeInternal(&s->oText.pData);
+    void *old = s->oText.pData;
     s->oText = {static_cast<int32_t>(capacity), grown};
+    return old;
 }
 
-// Room for extra more bytes: twice the new size when they don't fit.
-void makeRoom(OBJ_DSTRING *s, int32_t extra) {
+// Room for extra more bytes: twice the new size when they don't fit. Gives
+// the old buffer to free after the append, or null.
+void *makeRoom(OBJ_DSTRING *s, int32_t extra) {
     const int64_t needed = int64_t{s->iUsed} + extra;
-    if (needed > s->oText.iSize) moveTo(s, 2 * needed);
+    return needed > s->oText.iSize ? moveTo(s, 2 * needed) : nullptr;
 }
 
 // Writes count bytes over the terminator, and the terminator behind them.
 char *append(OBJ_DSTRING *s, const void *bytes, int32_t count) {
     if (count <= 0) return text(s);
-    makeRoom(s, count);
+    void *old = makeRoom(s, count);
     memcpy(text(s) + s->iUsed - 1, bytes, static_cast<size_t>(count));
     s->iUsed += count;
     text(s)[s->iUsed - 1] = '\0';
+    MemFreeInternal(&old);
     return text(s);
 }
 
@@ -95,7 +99,8 @@ void DStringSetSized(OBJ_DSTRING *string, const void *bytes, int32_t count) {
 void DStringAppendCharNTimes(OBJ_DSTRING *string, int32_t value, int32_t count) {
     if (count <= 0) return;
     const int32_t width = value > 255 ? 2 : 1;
-    makeRoom(string, width * count);
+    void *old = makeRoom(string, width * count);
+    MemFreeInternal(&old);
     char *at = text(string) + string->iUsed - 1;
     for (int32_t i = 0; i < count; ++i) StrPutChar(&at, value);
     string->iUsed += width * count;

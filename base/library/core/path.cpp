@@ -203,11 +203,9 @@ char *PathHomeBuildFromValueList(const LIST *list) {
 }
 
 char *PathBuildVAList(const char *first, va_list more) {
-    Text text;
-    bool started = false;
+    Text text; // nothing copied yet counts as a "/" copied
     for (const char *part = first; part != nullptr; part = va_arg(more, const char *)) {
-        if (started && text.last() != '/') text.put('/');
-        started = true;
+        if (!text.empty() && text.last() != '/') text.put('/');
         text.put(part);
     }
     return text.take();
