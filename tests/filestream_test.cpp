@@ -5,6 +5,7 @@
 #include "fixture.h"
 
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 
 #include <fstream>
@@ -163,6 +164,30 @@ TEST_F(FileStreamTest, AppendCommitAndCancel) {
     EXPECT_FALSE(FileStreamOpen(&stream, path.c_str(), FILE_MODE_TEXT | FILE_MODE_READ));
     EXPECT_TRUE(traced("FILE", 41, "FileStreamOpenTags - Failed to open lock file"));
     fh::sys() = fh::platformCalls();
+}
+
+// New contents that fail to reach the disk when the output closes (the file
+// size limit stands in for a full disk) are not committed.
+TEST_F(FileStreamTest, RewriteThatFailsToFlushIsNotCommitted) {
+    const std::string path = home() + "/data";
+    std::ofstream(path) << "the old contents\n";
+    const pid_t child = fork();
+    if (child == 0) {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{64, 64};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        FILE_STREAM *stream = nullptr;
+        const std::string text(1000, 'n'); // held in the output's buffer until the close
+        const bool ok = FileStreamOpen(&stream, path.c_str(), kUpdate) && FileStreamStartRewrite(stream) &&
+                        FileStreamWrite(stream, text.data(), 1000) && !FileStreamCloseOutput(stream) &&
+                        FileStreamCancelRewrite(stream) && FileStreamClose(&stream);
+        _exit(ok ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(read(path), "the old contents\n");
+    EXPECT_FALSE(FileExists((path + ".new").c_str()));
 }
 
 TEST_F(FileStreamTest, CharactersThroughAStream) {

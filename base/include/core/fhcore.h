@@ -28,6 +28,7 @@
 #include "file.h"
 #include "filestream.h"
 #include "strstream.h"
+#include "stanzafile.h"
 #include "path.h"
 
 #endif /* FHCORE_FHCORE_H */

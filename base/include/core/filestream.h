@@ -64,7 +64,9 @@ FHAPI BOOL FileStreamStartAppend(FILE_STREAM *stream);
 FHAPI BOOL FileStreamStartRewrite(FILE_STREAM *stream);
 
 /* Ends an append (the input goes back to the start) or commits a rewrite
- * (the input reopens on the new contents). FALSE without an output. */
+ * (the input reopens on the new contents). FALSE without an output; FALSE
+ * with the rewrite still pending (to be cancelled) when the new contents
+ * fail to close, since they may be incomplete. */
 FHAPI BOOL FileStreamCloseOutput(FILE_STREAM *stream);
 
 /* Abandons a rewrite: the ".new" goes, the input goes back to the start. */

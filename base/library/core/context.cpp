@@ -56,6 +56,8 @@ constexpr Module kModules[] = {
     {"ObjWrappers", 440, ObjWrappersInitialize, [](LmContext *) { return ObjWrappersInitializeThread(); },
      ObjWrappersReleaseThread},
     {"StrBase", 450, StrBaseInitialize, StrBaseInitializeThread, StrBaseReleaseThread},
+    {"StnzFile", 455, StnzFileInitialize, [](LmContext *) { return StnzFileInitializeThread(); },
+     StnzFileReleaseThread},
     {"Time", 475, TimeInitialize, [](LmContext *) { return TimeInitializeThread(); }, TimeReleaseThread},
 };
 constexpr size_t kModuleCount = std::size(kModules);

@@ -168,7 +168,9 @@ BOOL FileStreamCloseOutput(FILE_STREAM *stream) {
         if (stream->pInput != nullptr) fseek(stream->pInput, 0, SEEK_SET);
         return closed;
     }
-    closeStream(stream->pOutput);
+    // New contents that did not reach the disk whole (a failed flush) are
+    // not committed: the rewrite stays pending for the caller to cancel.
+    if (!closeStream(stream->pOutput)) return FALSE;
     closeStream(stream->pInput);
     rename(stream->pszNewPath, stream->pszPath);
     MemFreeInternal(&stream->pszNewPath);

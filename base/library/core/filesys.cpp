@@ -186,9 +186,10 @@ BOOL FileSysFOpen(FILE **out, const char *path, int32_t mode) {
 }
 
 BOOL FileSysFClose(FILE **stream) {
-    if (stream == nullptr || *stream == nullptr || fclose(*stream) != 0) return FALSE;
-    *stream = nullptr;
-    return TRUE;
+    if (stream == nullptr || *stream == nullptr) return FALSE;
+    const bool closed = fclose(*stream) == 0;
+    *stream = nullptr; // a failed fclose has let go of the stream all the same
+    return closed;
 }
 
 BOOL FileSysFGetString(FILE *stream, char *buffer, int32_t size) {

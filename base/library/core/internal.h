@@ -23,6 +23,13 @@ struct ModuleTracer {
 
 inline const char *boolText(bool value) { return value ? "TRUE" : "FALSE"; }
 
+// The lead bytes of the double-byte character model: a lead byte and the byte
+// behind it are one character.
+constexpr bool isLeadByte(unsigned char byte) { return (byte >= 0x80 && byte <= 0x9F) || byte >= 0xE0; }
+
+// Case folding of the string layer: 'a' to 'z' onto 'A' to 'Z', nothing else.
+constexpr char foldCase(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
+
 // The header in front of an object's payload, its start magic (compared
 // inline by the accessors that run on every message), and the pool of its
 // block, which stands directly in front of the header.

@@ -61,7 +61,7 @@ using Byte = unsigned char;
 
 constexpr std::array<bool, 256> kLeadByte = [] {
     std::array<bool, 256> table{};
-    for (int b = 0; b < 256; ++b) table[b] = (b >= 0x80 && b <= 0x9F) || b >= 0xE0;
+    for (int b = 0; b < 256; ++b) table[b] = fh::isLeadByte(static_cast<unsigned char>(b));
     return table;
 }();
 

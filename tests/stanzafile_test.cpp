@@ -1,0 +1,472 @@
+// Stanza files on real files: the line and value grammar, a corpus checked
+// byte for byte through load, save, remove and replace, the scan position of
+// the finds, the operations by path, the writers' name limits, a rewrite
+// that fails on a full file system, and read-change-write between processes
+// under the exclusive lock.
+#include "fixture.h"
+
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+
+namespace {
+
+using StanzaFileTest = LibraryTest;
+
+std::string read(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+void write(const std::string &path, const std::string &text) { std::ofstream(path, std::ios::binary) << text; }
+std::string corpus(const char *name) { return read(std::string(FHCORE_TEST_DATA "/stanzafile/") + name); }
+bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
+
+// A string the library made, taken over and freed.
+std::string take(char *text) {
+    std::string copy = text != nullptr ? text : "<null>";
+    MemFreeInternal(&text);
+    return copy;
+}
+
+// A key's values as "a|<null>|b".
+std::string values(const StanzaKey *key) {
+    std::string text;
+    for (int32_t i = 0; i < key->valueCount; ++i)
+        text += (i > 0 ? "|" : "") + std::string(key->values[i] != nullptr ? key->values[i] : "<null>");
+    return text;
+}
+
+// A stanza of the names and keys "keyword=value" (one value each).
+Stanza *stanzaOf(const char *category, const char *title, std::initializer_list<std::pair<const char *, const char *>> keys) {
+    Stanza *stanza = nullptr;
+    EXPECT_TRUE(StnzCreate(&stanza, category, title, 1));
+    for (const auto &[keyword, value] : keys) EXPECT_TRUE(StnzSetKeywordFromString(&stanza, keyword, value, FALSE));
+    return stanza;
+}
+
+TEST_F(StanzaFileTest, TitleAndKeyLines) {
+    struct Case {
+        const char *line, *category, *title; // title null: no title
+    } titles[] = {
+        {"[Trace]", nullptr, "Trace"},          {" [ Trace ] comment", nullptr, "Trace"},
+        {"[Cat:Name]", "Cat", "Name"},          {"\t[ Cat : Name ]", "Cat", "Name"},
+        {"[a:b:c]", "a", "b:c"},                {"[a b :  c d  ]x]", "a b", "c d"},
+        {"[]]", nullptr, "]"},                  {"[\x81]x]", nullptr, "\x81]x"},
+        {"[:Name]", nullptr, nullptr},          {"[Cat:]", nullptr, nullptr},
+        {"[Cat: \t]", nullptr, nullptr},        {"[]", nullptr, nullptr},
+        {"[abc", nullptr, nullptr},             {"[Cat:abc", nullptr, nullptr},
+        {"x[a]", nullptr, nullptr},             {"[ ", nullptr, nullptr},
+    };
+    for (const Case &c : titles) {
+        char *category = nullptr, *title = nullptr;
+        const BOOL isTitle = StnzLineToTitle(&category, &title, c.line);
+        EXPECT_EQ(isTitle, c.title != nullptr) << c.line;
+        if (!isTitle) continue;
+        EXPECT_EQ(take(category), c.category != nullptr ? c.category : "<null>") << c.line;
+        EXPECT_EQ(take(title), c.title) << c.line;
+    }
+    struct KeyCase {
+        const char *line, *keyword, *argument; // keyword null: no key
+    } keys[] = {
+        {"Do Crash=FALSE", "Do Crash", "FALSE"},  {"  a b \t= x = y ", "a b", " x = y "},
+        {"# a=b", "# a", "b"},                     {"k=", "k", ""},
+        {"k\x81=x=y", "k\x81=x", "y"},             {"x[=1", "x[", "1"},
+        {"=x", nullptr, nullptr},                  {"[x=1", nullptr, nullptr},
+        {"no equal sign", nullptr, nullptr},       {" \t", nullptr, nullptr},
+        {"k\x81=", nullptr, nullptr},
+    };
+    for (const KeyCase &c : keys) {
+        char *keyword = nullptr, *argument = nullptr;
+        const BOOL isKey = StnzLineToKeywordAndArgument(&keyword, &argument, c.line);
+        EXPECT_EQ(isKey, c.keyword != nullptr) << c.line;
+        EXPECT_EQ(StnzLineIsKey(c.line), isKey) << c.line;
+        if (!isKey) continue;
+        EXPECT_EQ(take(keyword), c.keyword) << c.line;
+        EXPECT_EQ(take(argument), c.argument) << c.line;
+    }
+    // The looser title test: a '[' first and a ']' anywhere.
+    EXPECT_TRUE(StnzLineIsTitle("  [:x]"));
+    EXPECT_TRUE(StnzLineIsTitle("[]"));
+    EXPECT_FALSE(StnzLineIsTitle("[\x81]"));
+    EXPECT_FALSE(StnzLineIsTitle("a[b]"));
+
+    StanzaKey *key = nullptr;
+    EXPECT_FALSE(StnzLineToKey(&key, "no key here"));
+    EXPECT_TRUE(traced("STANZA", 1, "Failed to split key line no key here"));
+    ASSERT_TRUE(StnzLineToKey(&key, " Path = C:!, D: "));
+    EXPECT_STREQ(key->keyword, "Path");
+    EXPECT_EQ(values(key), "C:, D:");
+    StnzReleaseKey(&key);
+}
+
+TEST_F(StanzaFileTest, ValueListsAndTheirEscapes) {
+    struct Case {
+        const char *argument, *values;
+        int32_t count;
+    } cases[] = {
+        {"a, b", "a|b", 2},         {"a,", "a|<null>", 2},        {",", "<null>|<null>", 2},
+        {"a!,b", "a,b", 1},         {"", "", 0},                  {"  \t ", "", 0},
+        {"a,,b", "a|<null>|b", 3},  {"a!nb", "a\nb", 1},          {"! a", " a", 1},
+        {" x ! ", "x  ", 1},        {"!!", "!", 1},               {"a!", "a", 1},
+        {"a !", "a ", 1},           {"!q!", "q", 1},              {", ,", "<null>|<null>|<null>", 3},
+        {"\x81,,x", "\x81,|x", 2},  {"!\x81,", "\x81,", 1},       {"a\x81 ", "a\x81 ", 1},
+    };
+    for (const Case &c : cases) {
+        StanzaKey *key = nullptr;
+        ASSERT_TRUE(StnzAddValues(&key, "k", c.argument)) << c.argument;
+        EXPECT_EQ(key->valueCount, c.count) << c.argument;
+        EXPECT_EQ(values(key), c.values) << c.argument;
+        StnzReleaseKey(&key);
+    }
+    struct Escape {
+        const char *text, *escaped;
+    } escapes[] = {
+        {"a\nb", "a!nb"},  {"x!y", "x!!y"},  {"a,b", "a!,b"},         {" a ", "! a! "},
+        {"   ", "! ! ! "}, {"a b", "a b"},   {"=:[]\"", "=:[]\""},    {"\t", "!\t"},
+        {"\x81,", "\x81,"}, {"", ""},
+    };
+    for (const Escape &e : escapes) EXPECT_EQ(take(StnzEscapeText(e.text)), e.escaped) << e.text;
+    EXPECT_EQ(StnzEscapeText(nullptr), nullptr);
+    // Whatever a value holds but a carriage return, its escape reads back as it.
+    const char *texts[] = {" lead", "trail\t", "!,!n\n,", " ", "mid dle", "\x81!\x82,"};
+    for (const char *text : texts) {
+        StanzaKey *key = nullptr;
+        char *escaped = StnzEscapeText(text);
+        ASSERT_TRUE(StnzAddValues(&key, "k", escaped));
+        EXPECT_EQ(values(key), text);
+        MemFreeInternal(&escaped);
+        StnzReleaseKey(&key);
+    }
+}
+
+TEST_F(StanzaFileTest, WrittenFormComesBackByteForByte) {
+    const std::string path = home() + "/written.cfg";
+    write(path, corpus("written.cfg"));
+    LIST *list = nullptr;
+    ASSERT_TRUE(StnzLoadStanzaListFromFile(&list, path.c_str()));
+    int32_t count = 0;
+    ListGetItemCount(list, &count);
+    EXPECT_EQ(count, 3);
+    OBJ_STANZA *item = nullptr;
+    ASSERT_TRUE(ListGetNthItem(&item, list, 2));
+    const Stanza *net = item->pStanza;
+    EXPECT_STREQ(net->category, "Net");
+    EXPECT_EQ(net->keyCount, 12);
+    EXPECT_EQ(values(net->keys[1]), "C:, D:");
+    EXPECT_EQ(values(net->keys[3]), "a|<null>|b");
+    EXPECT_EQ(values(net->keys[8]), "  ");
+    EXPECT_STREQ(net->keys[11]->keyword, "Twice");
+    ObjReleaseInternal(&item);
+
+    write(path, "stale contents that the save replaces\n");
+    ASSERT_TRUE(StnzSaveStanzaListToFile(list, path.c_str()));
+    EXPECT_EQ(read(path), corpus("written.cfg"));
+    EXPECT_FALSE(exists(path + ".new"));
+
+    // The same through the dynamic list, which keeps its path.
+    STNZ_DYNAMIC_LIST *dynamicList = nullptr;
+    ASSERT_TRUE(StnzLoadDynamicStanzaListFromFile(&dynamicList, path.c_str()));
+    EXPECT_EQ(dynamicList->pszPath, path);
+    write(path, "");
+    ASSERT_TRUE(StnzSaveDynamicStanzaListToFile(dynamicList));
+    EXPECT_EQ(read(path), corpus("written.cfg"));
+    EXPECT_FALSE(StnzSaveDynamicStanzaListToFile(reinterpret_cast<STNZ_DYNAMIC_LIST *>(list)));
+    ObjReleaseInternal(&dynamicList);
+    ObjReleaseInternal(&list);
+
+    // A file without stanzas is an empty list; a missing one is no list.
+    write(path, "key=before any title\n\n");
+    ASSERT_TRUE(StnzLoadStanzaListFromFile(&list, path.c_str()));
+    EXPECT_EQ(list->iCount, 0);
+    ObjReleaseInternal(&list);
+    EXPECT_FALSE(StnzLoadStanzaListFromFile(&list, (home() + "/missing.cfg").c_str()));
+    EXPECT_EQ(list, nullptr);
+}
+
+TEST_F(StanzaFileTest, RewritesGiveTheCopiedForm) {
+    const std::string path = home() + "/messy.cfg";
+    // Removing what is not there still rewrites every kept line.
+    write(path, corpus("messy.cfg"));
+    EXPECT_TRUE(StnzRemoveStanzaFromFile(nullptr, "Nothing", path.c_str()));
+    EXPECT_EQ(read(path), corpus("messy.copied"));
+    // Both stanzas of the name go; case does not count.
+    write(path, corpus("messy.cfg"));
+    EXPECT_TRUE(StnzRemoveStanzaFromFile("net", "PORT", path.c_str()));
+    EXPECT_EQ(read(path), corpus("messy.removed"));
+    // The replaced stanza moves to the end, once.
+    write(path, corpus("messy.cfg"));
+    Stanza *stanza = stanzaOf("NET", "port", {{"value", "7000"}});
+    EXPECT_TRUE(StnzReplaceStanzaInFile(stanza, path.c_str()));
+    EXPECT_EQ(read(path), corpus("messy.replaced"));
+    // A file with no such stanza simply gets it, behind two blank lines.
+    write(path, "[A]\nx=1\n[B]\n");
+    EXPECT_TRUE(StnzReplaceStanzaInFile(stanza, path.c_str()));
+    EXPECT_EQ(read(path), "[A]\nx=1\n\n[B]\n\n\n[NET:port]\nvalue=7000\n\n");
+    StnzRelease(&stanza);
+    EXPECT_FALSE(exists(path + ".new"));
+
+    // CR LF line ends give the same stanzas as LF.
+    std::string crlf;
+    for (char c : corpus("written.cfg")) crlf += c == '\n' ? std::string("\r\n") : std::string(1, c);
+    write(path, crlf);
+    LIST *list = nullptr;
+    ASSERT_TRUE(StnzLoadStanzaListFromFile(&list, path.c_str()));
+    ASSERT_TRUE(StnzSaveStanzaListToFile(list, path.c_str()));
+    EXPECT_EQ(read(path), corpus("written.cfg"));
+    ObjReleaseInternal(&list);
+}
+
+TEST_F(StanzaFileTest, FindsMoveThePositionOnlyWhenTheyFind) {
+    const std::string path = home() + "/finds.cfg";
+    write(path, "lone=before\n[One]\nk=a,b\nK=c\n\n[Cat:Two]\nx=1\n# note\ny=2\n[Three]\nz=3\nx=again\n");
+    STNZ_FILE *file = nullptr;
+    ASSERT_TRUE(StnzOpenFile(&file, path.c_str(), STNZ_MODE_READ));
+    EXPECT_EQ(StnzFileOpenMode(file), STNZ_MODE_READ);
+    char *category = nullptr, *title = nullptr, *text = nullptr;
+    EXPECT_FALSE(StnzCurrentTitle(&category, &title, file));
+
+    // Keys before the first title belong to no stanza, but FindKeyword sees them.
+    EXPECT_TRUE(StnzFindKeyword(file, "LONE"));
+    EXPECT_FALSE(StnzCurrentTitle(nullptr, &title, file));
+    EXPECT_TRUE(StnzCurrentArgument(&text, file));
+    EXPECT_EQ(take(text), "before");
+
+    ASSERT_TRUE(StnzFindStanza(file, nullptr, "one"));
+    EXPECT_TRUE(StnzFindKeywordInStanza(file, "K"));
+    EXPECT_TRUE(StnzCurrentArgument(&text, file));
+    EXPECT_EQ(take(text), "a,b");
+    Stanza *stanza = nullptr;
+    ASSERT_TRUE(StnzLoadCurrentStanza(&stanza, file));
+    EXPECT_EQ(stanza->keyCount, 2);
+    EXPECT_STREQ(stanza->keys[1]->keyword, "K");
+    StnzRelease(&stanza);
+    // Loading left the position behind "k=a,b": the next key is "K=c".
+    EXPECT_TRUE(StnzFindNextKeyword(file));
+    EXPECT_TRUE(StnzCurrentKeyword(&text, file));
+    EXPECT_EQ(take(text), "K");
+    EXPECT_FALSE(StnzFindNextKeyword(file)); // a title comes first
+    EXPECT_FALSE(StnzFindKeywordInStanza(file, "x"));
+
+    // A failed find changes nothing: the next stanza is still "Two".
+    EXPECT_FALSE(StnzFindStanza(file, nullptr, "Missing"));
+    EXPECT_FALSE(StnzFindStanza(file, "Other", "Two"));
+    EXPECT_TRUE(StnzCurrentTitle(&category, &title, file));
+    EXPECT_EQ(take(title), "one"); // the names the find was given
+    EXPECT_EQ(take(category), "<null>");
+    ASSERT_TRUE(StnzFindNextStanza(file));
+    EXPECT_TRUE(StnzCurrentTitle(&category, &title, file));
+    EXPECT_EQ(take(category) + ":" + take(title), "Cat:Two");
+    EXPECT_FALSE(StnzCurrentKeyword(&text, file)); // the new stanza has no current key
+
+    // FindKeyword runs on across stanzas and makes the stanza it found current.
+    EXPECT_TRUE(StnzFindKeyword(file, "z"));
+    EXPECT_TRUE(StnzCurrentTitle(&category, &title, file));
+    EXPECT_EQ(take(category) + ":" + take(title), "<null>:Three");
+    EXPECT_FALSE(StnzFindKeyword(file, "y")); // behind the position
+    EXPECT_FALSE(StnzFindNextStanza(file));
+    StanzaKey *key = nullptr;
+    ASSERT_TRUE(StnzLoadCurrentKey(&key, file));
+    EXPECT_EQ(values(key), "3");
+    StnzReleaseKey(&key);
+
+    // The current stanza found again is the same, from its start; the find
+    // takes the caller's names, a category "" equal to none.
+    EXPECT_TRUE(StnzFindStanza(file, "cat", "TWO"));
+    EXPECT_TRUE(StnzFindKeywordInStanza(file, "y"));
+    EXPECT_TRUE(StnzFindStanza(file, "cat", "two"));
+    EXPECT_TRUE(StnzCurrentTitle(&category, &title, file));
+    EXPECT_EQ(take(category) + ":" + take(title), "cat:TWO");
+    EXPECT_TRUE(StnzFindStanza(file, "", "three"));
+    // A find given the file's own current keyword goes on to its next use.
+    EXPECT_TRUE(StnzRewindFile(file));
+    EXPECT_FALSE(StnzCurrentKeyword(&text, file));
+    ASSERT_TRUE(StnzFindKeyword(file, "x"));
+    ASSERT_TRUE(StnzFindKeyword(file, file->pszKeyword));
+    EXPECT_TRUE(StnzCurrentArgument(&text, file));
+    EXPECT_EQ(take(text), "again");
+    EXPECT_STREQ(file->pszTitle, "Three");
+    EXPECT_TRUE(StnzCloseFile(&file));
+    EXPECT_FALSE(StnzCloseFile(&file));
+    EXPECT_EQ(StnzFileOpenMode(file), -1);
+    EXPECT_FALSE(StnzFindNextStanza(nullptr));
+    EXPECT_TRUE(traced("STANZA", 2, "Invalid file pointer"));
+
+    // A line of 5000 bytes keeps its first 4095; its rest is no line.
+    write(path, "[Long]\nk=" + std::string(4991, 'v') + "=tail\nj=after\n");
+    ASSERT_TRUE(StnzLoadKeyFromFile(&key, path.c_str(), nullptr, "long", "K"));
+    EXPECT_STREQ(key->keyword, "K");
+    EXPECT_EQ(values(key), std::string(4093, 'v'));
+    StnzReleaseKey(&key);
+    ASSERT_TRUE(StnzLoadStanzaFromFile(&stanza, path.c_str(), "", "Long"));
+    EXPECT_EQ(stanza->keyCount, 2);
+    StnzRelease(&stanza);
+    EXPECT_FALSE(StnzLoadKeyFromFile(&key, path.c_str(), nullptr, "Long", "tail"));
+}
+
+TEST_F(StanzaFileTest, AddingStanzasAndKeysByPath) {
+    const std::string path = home() + "/add.cfg";
+    Stanza *trace = stanzaOf(nullptr, "Trace", {{"Do Crash", "FALSE"}});
+    ASSERT_TRUE(StnzAddStanzaToFile(trace, path.c_str())); // made if missing
+    write(path, read(path) + "junk line\n");
+    EXPECT_FALSE(StnzAddStanzaToFile(trace, path.c_str())); // there already
+    Stanza *port = stanzaOf("Net", "Port", {{"value", "6000"}});
+    EXPECT_TRUE(StnzAddStanzaToFile(port, path.c_str()));
+    EXPECT_EQ(read(path), "[Trace]\nDo Crash=FALSE\n\njunk line\n[Net:Port]\nvalue=6000\n\n");
+    EXPECT_FALSE(StnzAddStanzaToFile(nullptr, path.c_str()));
+    EXPECT_TRUE(traced("STANZA", 3, "Attemped to add NULL stanza to file '" + path + "'"));
+    EXPECT_FALSE(StnzAddStanzaToFile(trace, ""));
+    EXPECT_TRUE(traced("STANZA", 4, "Attemped to add stanza to NULL file"));
+    EXPECT_FALSE(StnzReplaceStanzaInFile(nullptr, path.c_str()));
+    EXPECT_TRUE(traced("STANZA", 5, "Attemped to replace NULL stanza to file '" + path + "'"));
+    EXPECT_FALSE(StnzReplaceStanzaInFile(trace, nullptr));
+    EXPECT_TRUE(traced("STANZA", 6, "Attemped to replace stanza to NULL file"));
+    EXPECT_FALSE(StnzReplaceStanzaInFile(trace, (home() + "/no/such/dir.cfg").c_str()));
+    EXPECT_TRUE(traced("STANZA", 7, "Failed to open '" + home() + "/no/such/dir.cfg' for update"));
+    StnzRelease(&trace);
+    StnzRelease(&port);
+
+    // A key added to an existing stanza, then replacing its keyword.
+    StanzaKey *key = nullptr;
+    ASSERT_TRUE(StnzCreateKeyFromString(&key, "value", "7000"));
+    ASSERT_TRUE(StnzAddKeyToFile(path.c_str(), "net", "port", &key, FALSE));
+    EXPECT_EQ(key, nullptr);
+    // The stanza takes the names the caller gave.
+    EXPECT_EQ(read(path), "[Trace]\nDo Crash=FALSE\n\n\n[net:port]\nvalue=6000\nvalue=7000\n\n");
+    ASSERT_TRUE(StnzCreateKeyFromString(&key, "VALUE", "8000"));
+    ASSERT_TRUE(StnzAddKeyToFile(path.c_str(), "Net", "Port", &key, TRUE));
+    EXPECT_EQ(read(path), "[Trace]\nDo Crash=FALSE\n\n\n[Net:Port]\nVALUE=8000\n\n");
+    // A missing stanza is made; an empty category is none.
+    ASSERT_TRUE(StnzCreateKeyFromInteger(&key, "Lines", 10));
+    ASSERT_TRUE(StnzAddKeyToFile(path.c_str(), "", "New", &key, TRUE));
+    ASSERT_TRUE(StnzLoadKeyFromFile(&key, path.c_str(), nullptr, "new", "lines"));
+    EXPECT_EQ(values(key), "10");
+    EXPECT_STREQ(key->keyword, "lines");
+    // A key whose keyword would not read back is refused; the file stays.
+    const std::string before = read(path);
+    StnzReleaseKey(&key);
+    ASSERT_TRUE(StnzCreateKeyFromString(&key, "a=b", "x"));
+    EXPECT_FALSE(StnzAddKeyToFile(path.c_str(), nullptr, "", &key, FALSE));
+    EXPECT_FALSE(StnzAddKeyToFile(path.c_str(), nullptr, "New", nullptr, FALSE));
+    ASSERT_NE(key, nullptr);
+    EXPECT_FALSE(StnzAddKeyToFile(path.c_str(), nullptr, "New", &key, FALSE));
+    EXPECT_EQ(read(path), before);
+    StnzReleaseKey(&key);
+    EXPECT_FALSE(exists(path + ".new"));
+}
+
+TEST_F(StanzaFileTest, WritersRefuseNamesThatWouldNotReadBack) {
+    const std::string path = home() + "/names.cfg";
+    struct Case {
+        const char *category, *title, *keyword;
+        bool accepted;
+    } cases[] = {
+        {nullptr, "Plain", "key", true},   {"Cat", "a:b", "k e y", true},  {nullptr, "\x81]", "\x81=", true},
+        {"", "Title", "key", false},       {nullptr, "a:b", "key", false}, {"C:at", "T", "key", false},
+        {"Cat", "T]", "key", false},       {nullptr, " T", "key", false},  {nullptr, "T ", "key", false},
+        {nullptr, "T,x", "key", false},    {nullptr, "T!", "key", false},  {nullptr, "T\nx", "key", false},
+        {nullptr, "T\x81", "key", false},  {nullptr, "T", "a=b", false},   {nullptr, "T", "[k", false},
+        {nullptr, "T", "k\r", false},      {nullptr, "T", " k", false},    {nullptr, "T", "k!", false},
+        {nullptr, "", "key", false},
+    };
+    for (const Case &c : cases) {
+        write(path, "");
+        Stanza *stanza = stanzaOf(c.category, c.title, {{c.keyword, "v"}});
+        EXPECT_EQ(StnzAddStanzaToFile(stanza, path.c_str()), c.accepted) << c.title << " " << c.keyword;
+        if (c.accepted) {
+            Stanza *back = nullptr;
+            ASSERT_TRUE(StnzLoadStanzaFromFile(&back, path.c_str(), c.category, c.title));
+            EXPECT_STREQ(back->keys[0]->keyword, c.keyword);
+            StnzRelease(&back);
+        } else {
+            EXPECT_EQ(read(path), "") << c.title << " " << c.keyword;
+        }
+        StnzRelease(&stanza);
+    }
+    // A title line must fit in a line.
+    Stanza *stanza = stanzaOf(nullptr, std::string(4094, 't').c_str(), {});
+    EXPECT_FALSE(StnzAddStanzaToFile(stanza, path.c_str()));
+    StnzRelease(&stanza);
+    stanza = stanzaOf(nullptr, std::string(4093, 't').c_str(), {});
+    EXPECT_TRUE(StnzAddStanzaToFile(stanza, path.c_str()));
+    StnzRelease(&stanza);
+
+    // Writing needs the right mode.
+    STNZ_FILE *file = nullptr;
+    stanza = stanzaOf(nullptr, "T", {});
+    ASSERT_TRUE(StnzOpenFile(&file, path.c_str(), STNZ_MODE_READ));
+    EXPECT_FALSE(StnzFileWriteStanza(file, stanza));
+    EXPECT_FALSE(StnzFileRemoveStanza(file, nullptr, "T"));
+    EXPECT_FALSE(StnzFileReplaceStanza(file, stanza));
+    StnzCloseFile(&file);
+    ASSERT_TRUE(StnzOpenFile(&file, path.c_str(), STNZ_MODE_UPDATE));
+    EXPECT_FALSE(StnzFileAppendStanza(file, stanza));
+    EXPECT_FALSE(StnzFileRemoveStanza(file, nullptr, ""));
+    StnzCloseFile(&file);
+    StnzRelease(&stanza);
+}
+
+// A rewrite that cannot write its ".new" in full (the file size limit stands
+// in for a full disk) fails and leaves the file exactly as it was.
+TEST_F(StanzaFileTest, FailedRewriteLeavesTheFileWhole) {
+    const std::string path = home() + "/big.cfg";
+    std::string original;
+    for (int i = 0; i < 400; ++i) original += "[S" + std::to_string(i) + "]\nkey=" + std::string(60, 'x') + "\n\n";
+    write(path, original);
+    const pid_t child = fork();
+    if (child == 0) {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{8192, 8192};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        Stanza *stanza = stanzaOf(nullptr, "S1", {{"key", "changed"}});
+        LIST *list = nullptr;
+        const bool loaded = StnzLoadStanzaListFromFile(&list, path.c_str());
+        const bool failed = !StnzReplaceStanzaInFile(stanza, path.c_str()) &&
+                            !StnzRemoveStanzaFromFile(nullptr, "S2", path.c_str()) &&
+                            !StnzSaveStanzaListToFile(list, path.c_str());
+        _exit(loaded && failed ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(read(path), original);
+    EXPECT_FALSE(exists(path + ".new"));
+}
+
+// Processes that each read, change and write one stanza lose no update: the
+// exclusive lock holds from the find to the rewrite.
+TEST_F(StanzaFileTest, ConcurrentKeyAddsLoseNothing) {
+    const std::string path = home() + "/shared.cfg";
+    write(path, "[Other]\nx=1\n");
+    constexpr int kProcesses = 3, kKeys = 15;
+    pid_t children[kProcesses];
+    for (int p = 0; p < kProcesses; ++p) {
+        children[p] = fork();
+        if (children[p] != 0) continue;
+        bool ok = true;
+        for (int k = 0; k < kKeys; ++k) {
+            StanzaKey *key = nullptr;
+            const std::string keyword = "p" + std::to_string(p) + "k" + std::to_string(k);
+            ok = StnzCreateKeyFromInteger(&key, keyword.c_str(), k) &&
+                 StnzAddKeyToFile(path.c_str(), "Shared", "Keys", &key, FALSE) && ok;
+        }
+        _exit(ok ? 0 : 1);
+    }
+    for (pid_t child : children) {
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    Stanza *stanza = nullptr;
+    ASSERT_TRUE(StnzLoadStanzaFromFile(&stanza, path.c_str(), "shared", "keys"));
+    EXPECT_EQ(stanza->keyCount, kProcesses * kKeys);
+    StnzRelease(&stanza);
+    ASSERT_TRUE(StnzLoadStanzaFromFile(&stanza, path.c_str(), nullptr, "Other"));
+    StnzRelease(&stanza);
+}
+
+} // namespace
