@@ -29,8 +29,9 @@
  * in 4095 bytes. The writers refuse a stanza whose names break these limits
  * (traced, nothing written). Values have no limits but two: a carriage
  * return is lost on reading, and a key line longer than 4095 bytes loses
- * its end. A value that ends in a lone lead byte (only an in-memory value
- * can) takes the line feed behind it along on reading.
+ * its end. A value that ends in a lone lead byte (an in-memory value, or
+ * one cut short by a NUL in its line) takes the byte behind it along on
+ * reading.
  *
  * Rewrites (remove, replace, save) copy the lines they keep rebuilt from
  * their parts: "[" escaped category ":" escaped title "]" for a title, the

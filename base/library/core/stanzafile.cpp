@@ -729,9 +729,10 @@ BOOL StnzFindKeyword(STNZ_FILE *file, const char *keyword) {
     while (reader.next(file->pStream, line)) {
         if (line.isTitle) {
             memcpy(titleLine, reader.buffer, line.title.title.data() + line.title.title.size() - reader.buffer);
-            const ptrdiff_t shift = titleLine - reader.buffer;
-            stanza = {line.title.hasCategory, {line.title.category.data() + shift, line.title.category.size()},
-                      {line.title.title.data() + shift, line.title.title.size()}};
+            const auto copied = [&](View name) {
+                return name.empty() ? View() : View(titleLine + (name.data() - reader.buffer), name.size());
+            };
+            stanza = {line.title.hasCategory, copied(line.title.category), copied(line.title.title)};
             running = true;
             tell(file, stanzaOffset);
         } else if (sameName(line.key.keyword, keyword)) {
