@@ -36,6 +36,7 @@ sanitize:
 bench:
 	@test -f /usr/include/spdlog/spdlog.h || (apt-get update -qq && apt-get install -y -qq libspdlog-dev)
 	@test -f /usr/include/msgpack.h || (apt-get update -qq && apt-get install -y -qq libmsgpack-dev)
+	@test -f /usr/include/ini.h || (apt-get update -qq && apt-get install -y -qq libinih-dev)
 	cmake -S . -B $(BENCH_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DFHCORE_TESTS=OFF -DFHCORE_EXAMPLES=OFF -DFHCORE_BENCH=ON
 	cmake --build $(BENCH_BUILD) -j $(JOBS)
 	@for b in $(BENCH_BUILD)/bin/bench/*; do $$b || exit 1; done

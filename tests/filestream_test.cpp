@@ -11,6 +11,7 @@
 #include <fstream>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "syscalls.h"
 
@@ -218,6 +219,94 @@ TEST_F(FileStreamTest, CharactersThroughAStream) {
     EXPECT_FALSE(StrFileWriteString(stream, nullptr));
     FileStreamClose(&stream);
     EXPECT_EQ(read(path), "\x81\x41xyz");
+}
+
+// The line reader against a model of its rule, on lines where a carriage
+// return, a lead byte or the line feed falls at every offset around the
+// 16-byte blocks and the 4096-byte buffer, with a line limit that cuts
+// before, at and after them.
+std::string modelLine(const std::string &text, size_t &at, size_t limit, bool &eof) {
+    std::string line;
+    bool full = false;
+    eof = at >= text.size();
+    while (at < text.size()) {
+        unsigned char c = text[at++];
+        if (c == '\r') continue;
+        if (c == '\n') break;
+        std::string character(1, static_cast<char>(c));
+        if (StrIsDBCSLeadByte(c)) {
+            if (at >= text.size()) break; // a lone lead byte at the end is lost
+            character += text[at++];
+        }
+        full = full || line.size() + character.size() > limit;
+        if (!full) line += character;
+    }
+    return line;
+}
+
+TEST_F(FileStreamTest, LineReaderMatchesItsRuleAtEveryOffset) {
+    const std::string path = home() + "/lines";
+    std::string text;
+    for (size_t offset = 0; offset < 40; ++offset)
+        for (const char *special : {"\r", "\x81\n", "\xE0\x41", "\x9F\r"})
+            text += std::string(offset, 'p') + special + std::string(offset % 7, 'q') + "\n";
+    text += std::string(5000, 'L') + "\r\n" + std::string(4095, 'M') + "\n" + std::string(4094, 'N') + "\x81\x41\n";
+    text += std::string(4093, 'P') + "\x81\x41" + "tail";
+    std::ofstream(path, std::ios::binary) << text;
+    for (int32_t size : {4096, 17, 16, 2}) {
+        FILE_STREAM *stream = nullptr;
+        ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), FILE_MODE_BINARY | FILE_MODE_READ));
+        std::vector<char> buffer(size);
+        size_t at = 0;
+        for (int n = 0;; ++n) {
+            bool eof = false;
+            const std::string expected = modelLine(text, at, size - 1, eof);
+            const int32_t length = StrFileReadLine(stream, buffer.data(), size);
+            if (eof) {
+                EXPECT_EQ(length, -1);
+                break;
+            }
+            ASSERT_EQ(std::string(buffer.data(), length), expected) << "line " << n << ", size " << size;
+        }
+        FileStreamClose(&stream);
+    }
+}
+
+// Seeks inside the input's buffer and outside it, forward and back, after
+// the end of the file and after a rewrite, all land on the right byte.
+TEST_F(FileStreamTest, SeeksLandOnTheirByte) {
+    const std::string path = home() + "/positions";
+    std::string text;
+    for (int i = 0; i < 20000; ++i) text += static_cast<char>('a' + (i * 7 + i / 26) % 26);
+    std::ofstream(path, std::ios::binary) << text;
+    FILE_STREAM *stream = nullptr;
+    ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), FILE_MODE_TEXT | FILE_MODE_UPDATE));
+    std::mt19937 random(7);
+    unsigned char byte = 0;
+    int32_t offset = 0;
+    for (int i = 0; i < 2000; ++i) {
+        const int32_t target = static_cast<int32_t>(random() % (text.size() + 1));
+        ASSERT_TRUE(FileStreamSeekFromLong(stream, target));
+        ASSERT_TRUE(FileStreamGetOffsetLong(&offset, stream));
+        ASSERT_EQ(offset, target);
+        const bool inside = target < static_cast<int32_t>(text.size());
+        ASSERT_EQ(FileStreamReadByte(stream, &byte), inside) << target;
+        if (inside) {
+            ASSERT_EQ(byte, static_cast<unsigned char>(text[target])) << target;
+        }
+        if (i % 97 == 0) { // to the end of the file and past it
+            FileStreamSeekEnd(stream);
+            FileStreamReadByte(stream, &byte);
+        }
+    }
+    EXPECT_FALSE(FileStreamSeekFromLong(stream, -1));
+    // After a rewrite the input reads the new contents from their start.
+    ASSERT_TRUE(rewriteTo(stream, "0123456789"));
+    ASSERT_TRUE(FileStreamSeekFromLong(stream, 5) && FileStreamReadByte(stream, &byte));
+    EXPECT_EQ(byte, '5');
+    ASSERT_TRUE(FileStreamSeekStart(stream) && FileStreamReadByte(stream, &byte));
+    EXPECT_EQ(byte, '0');
+    FileStreamClose(&stream);
 }
 
 } // namespace

@@ -224,6 +224,26 @@ BOOL FileStreamPrintF(FILE_STREAM *stream, const char *format, ...) {
     return written >= 0;
 }
 
+// A seek to a byte that the input's buffer still holds only moves the read
+// pointer, where fseek would also set the kernel's offset again, a system
+// call per seek that a scan going back and forth in a file pays thousands of
+// times. The C library keeps the buffer's bytes between _IO_read_base and
+// _IO_read_end, the next one at _IO_read_ptr, and ftell answers from its
+// own count. Streams here never push bytes back, so the buffer is never a
+// push-back area, and an input never holds unwritten output.
+bool seekWithinBuffer(FILE *in, long target) {
+    if (in->_IO_read_base == nullptr || in->_IO_write_ptr > in->_IO_write_base) return false;
+    const long at = ftell(in);
+    if (at < 0) return false;
+    const long start = at - (in->_IO_read_ptr - in->_IO_read_base);
+    if (target < start || target > at + (in->_IO_read_end - in->_IO_read_ptr)) return false;
+    in->_IO_read_ptr = in->_IO_read_base + (target - start);
+    in->_flags &= ~_IO_EOF_SEEN;
+    return true;
+}
+
+bool seekTo(FILE *in, long target) { return seekWithinBuffer(in, target) || fseek(in, target, SEEK_SET) == 0; }
+
 // Every seek acts on the input; FALSE for a null stream or input.
 #define FH_INPUT_OR_FALSE(stream)                                                                                      \
     if ((stream) == nullptr || (stream)->pInput == nullptr) return FALSE
@@ -240,7 +260,7 @@ BOOL FileStreamGetOffset(fpos_t *position, FILE_STREAM *stream) {
 
 BOOL FileStreamSeekFromLong(FILE_STREAM *stream, int32_t offset) {
     FH_INPUT_OR_FALSE(stream);
-    return fseek(stream->pInput, offset, SEEK_SET) == 0;
+    return offset >= 0 && seekTo(stream->pInput, offset);
 }
 
 BOOL FileStreamGetOffsetLong(int32_t *offset, FILE_STREAM *stream) {
@@ -258,7 +278,7 @@ BOOL FileStreamSeekRelative(FILE_STREAM *stream, int32_t offset) {
 
 BOOL FileStreamSeekStart(FILE_STREAM *stream) {
     FH_INPUT_OR_FALSE(stream);
-    return fseek(stream->pInput, 0, SEEK_SET) == 0;
+    return seekTo(stream->pInput, 0);
 }
 
 BOOL FileStreamSeekEnd(FILE_STREAM *stream) {

@@ -180,6 +180,17 @@ struct LineReader {
             if (length > 0 && classify(buffer, line)) return true;
         }
     }
+    // The next title line, for scans that pass over keys unparsed.
+    bool nextTitle(FILE_STREAM *stream, TitleLine &title) {
+        for (;;) {
+            const int32_t length = StrFileReadLine(stream, buffer, sizeof buffer);
+            if (length < 0) return false;
+            if (auto parsed = length > 0 ? parseTitle(buffer) : std::nullopt) {
+                title = *parsed;
+                return true;
+            }
+        }
+    }
 };
 
 // ---- Values -----------------------------------------------------------------
@@ -480,9 +491,9 @@ void setCurrentKey(STNZ_FILE *file, View keyword, View argument) {
 // Reads on to the first title of those names; false at the end.
 bool scanToTitle(FILE_STREAM *stream, const char *category, const char *title) {
     LineReader reader;
-    Line line;
-    while (reader.next(stream, line))
-        if (line.isTitle && titleMatches(line.title, category, title)) return true;
+    TitleLine line;
+    while (reader.nextTitle(stream, line))
+        if (titleMatches(line, category, title)) return true;
     return false;
 }
 
@@ -766,15 +777,11 @@ BOOL StnzFindNextStanza(STNZ_FILE *file) {
     }
     PositionGuard position(file);
     LineReader reader;
-    Line line;
+    TitleLine line;
     int32_t offset = 0;
-    while (position.valid() && reader.next(file->pStream, line)) {
-        if (line.isTitle && tell(file, offset)) {
-            setCurrentStanza(file, line.title.category, line.title.hasCategory, line.title.title, offset);
-            return position.keep();
-        }
-    }
-    return FALSE;
+    if (!position.valid() || !reader.nextTitle(file->pStream, line) || !tell(file, offset)) return FALSE;
+    setCurrentStanza(file, line.category, line.hasCategory, line.title, offset);
+    return position.keep();
 }
 
 BOOL StnzFindNextKeyword(STNZ_FILE *file) {

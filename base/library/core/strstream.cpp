@@ -6,6 +6,11 @@
 // short never ends in half a character. A stream belongs to one thread, so
 // the bytes are taken without the stdio lock: the line reader is what every
 // scan of a configuration file runs on.
+#include <emmintrin.h>
+
+#include <array>
+#include <cstring>
+
 #include "internal.h"
 
 namespace {
@@ -37,6 +42,39 @@ inline bool nextChar(FILE *in, int32_t &c) {
 
 inline FILE *inputOf(FILE_STREAM *stream) { return stream != nullptr ? stream->pInput : nullptr; }
 
+// Bytes that stand for themselves in a line: neither a line feed, nor a
+// carriage return, nor a lead byte.
+constexpr std::array<bool, 256> kPlain = [] {
+    std::array<bool, 256> table{};
+    for (int b = 0; b < 256; ++b) table[b] = b != '\n' && b != '\r' && !fh::isLeadByte(static_cast<unsigned char>(b));
+    return table;
+}();
+
+// Moves the run of plain bytes at the front of the stream's buffer to at,
+// at most room of them, and gives their number. This is what getc_unlocked
+// does a byte at a time: the C library's FILE keeps its unread input
+// between _IO_read_ptr and _IO_read_end, and taking bytes advances the first.
+size_t takePlainRun(FILE *in, char *at, size_t room) {
+    const auto *from = reinterpret_cast<const unsigned char *>(in->_IO_read_ptr);
+    const auto *end = reinterpret_cast<const unsigned char *>(in->_IO_read_end);
+    const auto *stop = end - from > static_cast<ptrdiff_t>(room) ? from + room : end;
+    const auto *p = from;
+    // Sixteen bytes at a time while none is a line feed, a carriage return
+    // or at or above 0x80; the table decides from the first that is.
+    const __m128i lineFeed = _mm_set1_epi8('\n'), carriageReturn = _mm_set1_epi8('\r');
+    for (; stop - p >= 16; p += 16) {
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
+        const __m128i special =
+            _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(bytes, lineFeed), _mm_cmpeq_epi8(bytes, carriageReturn)), bytes);
+        if (_mm_movemask_epi8(special) != 0) break;
+    }
+    while (p < stop && kPlain[*p]) ++p;
+    const auto taken = static_cast<size_t>(p - from);
+    memcpy(at, from, taken);
+    in->_IO_read_ptr += taken;
+    return taken;
+}
+
 } // namespace
 
 BOOL StrFileReadChar(FILE_STREAM *stream, int32_t *out) {
@@ -44,17 +82,22 @@ BOOL StrFileReadChar(FILE_STREAM *stream, int32_t *out) {
     return out != nullptr && in != nullptr && nextChar(in, *out);
 }
 
+// Runs of plain bytes go straight from the stream's buffer to the line;
+// every other character, and a buffer that must be filled again, goes
+// through nextChar.
 int32_t StrFileReadLine(FILE_STREAM *stream, char *buffer, int32_t size) {
     if (buffer == nullptr || size < 1) return -1;
     FILE *in = inputOf(stream);
-    int32_t c = 0;
-    if (in == nullptr || !nextChar(in, c)) {
-        *buffer = '\0';
-        return -1;
-    }
     char *at = buffer;
     char *const limit = buffer + size - 1;
-    while (c != '\n') {
+    bool any = false;
+    for (int32_t c = 0; in != nullptr;) {
+        const size_t taken = takePlainRun(in, at, static_cast<size_t>(limit - at));
+        at += taken;
+        any = any || taken > 0;
+        if (!nextChar(in, c)) break;
+        any = true;
+        if (c == '\n') break;
         if (c <= 255 && at < limit) {
             *at++ = static_cast<char>(c);
         } else if (c > 255 && limit - at >= 2) {
@@ -66,10 +109,9 @@ int32_t StrFileReadLine(FILE_STREAM *stream, char *buffer, int32_t size) {
             }
             break;
         }
-        if (!nextChar(in, c)) break;
     }
     *at = '\0';
-    return static_cast<int32_t>(at - buffer);
+    return any ? static_cast<int32_t>(at - buffer) : -1;
 }
 
 BOOL StrFileWriteChar(FILE_STREAM *stream, int32_t value) {
