@@ -29,6 +29,8 @@
 #include "filestream.h"
 #include "strstream.h"
 #include "stanzafile.h"
+#include "cfglocal.h"
+#include "config.h"
 #include "path.h"
 
 #endif /* FHCORE_FHCORE_H */
