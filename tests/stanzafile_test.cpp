@@ -395,6 +395,15 @@ TEST_F(StanzaFileTest, WritersRefuseNamesThatWouldNotReadBack) {
     EXPECT_TRUE(StnzAddStanzaToFile(stanza, path.c_str()));
     StnzRelease(&stanza);
 
+    // So must every key line with its escaped values.
+    for (const auto &[value, accepted] : {std::pair{std::string(4093, 'v'), true}, {std::string(4094, 'v'), false},
+                                          {std::string(2046, ','), true}, {std::string(2047, ','), false}}) {
+        write(path, "");
+        stanza = stanzaOf(nullptr, "T", {{"k", value.c_str()}});
+        EXPECT_EQ(StnzAddStanzaToFile(stanza, path.c_str()), accepted) << value.size();
+        StnzRelease(&stanza);
+    }
+
     // Writing needs the right mode.
     STNZ_FILE *file = nullptr;
     stanza = stanzaOf(nullptr, "T", {});

@@ -25,13 +25,13 @@
  * line feed or carriage return, neither begins nor ends with a blank, and
  * does not end in a lone lead byte; a keyword also holds no '=' and does not
  * begin with '['; a category holds no ':' or ']', and a title no ']' (nor
- * ':' when it has no category). A title line and a keyword with its '=' fit
- * in 4095 bytes. The writers refuse a stanza whose names break these limits
- * (traced, nothing written). Values have no limits but two: a carriage
- * return is lost on reading, and a key line longer than 4095 bytes loses
- * its end. A value that ends in a lone lead byte (an in-memory value, or
- * one cut short by a NUL in its line) takes the byte behind it along on
- * reading.
+ * ':' when it has no category). Every line, title or key with all its
+ * escaped values, fits in 4095 bytes. The writers refuse a stanza that
+ * breaks these limits (traced, nothing written) rather than write what
+ * would come back cut short. Values have no other limits but one: a
+ * carriage return is lost on reading. A value that ends in a lone lead byte
+ * (an in-memory value, or one cut short by a NUL in its line) takes the byte
+ * behind it along on reading.
  *
  * Rewrites (remove, replace, save) copy the lines they keep rebuilt from
  * their parts: "[" escaped category ":" escaped title "]" for a title, the
@@ -178,8 +178,8 @@ FHAPI BOOL StnzFindNextKeyword(STNZ_FILE *file);
 
 /* Writes the stanza to the output (mode 515, or 516 during a rewrite): the
  * title line, one line per key, and a blank line. FALSE, nothing written,
- * for a stanza without a title or with names outside the limits; else the
- * result of the write. AppendStanza is the same in mode 515 only. */
+ * for a stanza without a title or outside the limits; else the result of
+ * the write. AppendStanza is the same in mode 515 only. */
 FHAPI BOOL StnzFileWriteStanza(STNZ_FILE *file, const Stanza *stanza);
 FHAPI BOOL StnzFileAppendStanza(STNZ_FILE *file, const Stanza *stanza);
 

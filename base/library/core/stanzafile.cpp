@@ -318,16 +318,25 @@ bool keepsLimits(const char *name, NameKind kind) {
     return true;
 }
 
+// The bytes of a key line as the writer makes it, without its line feed.
+size_t keyLineLength(const StanzaKey *key) {
+    size_t length = strlen(key->keyword) + 1 + (key->valueCount > 0 ? key->valueCount - 1 : 0);
+    for (int32_t v = 0; v < key->valueCount; ++v)
+        escape(viewOf(key->values[v]), [&length](const char *, size_t count) { length += count; });
+    return length;
+}
+
+// Whether the stanza reads back the same from the lines the writer makes of
+// it: its names keep the limits and no line is cut short on reading.
 bool stanzaKeepsLimits(const Stanza *stanza) {
     const bool hasCategory = stanza->category != nullptr;
     if (hasCategory && !keepsLimits(stanza->category, NameKind::kCategory)) return false;
     if (!keepsLimits(stanza->title, hasCategory ? NameKind::kTitle : NameKind::kTitleAlone)) return false;
     const size_t titleLine = strlen(stanza->title) + 2 + (hasCategory ? strlen(stanza->category) + 1 : 0);
     if (titleLine > STNZ_LINE_MAX) return false;
-    for (int32_t k = 0; k < stanza->keyCount; ++k) {
-        const char *keyword = stanza->keys[k]->keyword;
-        if (!keepsLimits(keyword, NameKind::kKeyword) || strlen(keyword) + 1 > STNZ_LINE_MAX) return false;
-    }
+    for (int32_t k = 0; k < stanza->keyCount; ++k)
+        if (!keepsLimits(stanza->keys[k]->keyword, NameKind::kKeyword) || keyLineLength(stanza->keys[k]) > STNZ_LINE_MAX)
+            return false;
     return true;
 }
 
@@ -411,7 +420,7 @@ void putStanza(Output &out, const Stanza *stanza) {
 bool writable(const Stanza *stanza) {
     if (stanza == nullptr || stanza->title == nullptr || *stanza->title == '\0') return false;
     if (stanzaKeepsLimits(stanza)) return true;
-    trace(kIdBadName, 0, 1, "Stanza [%s%s%s] holds a name that would not read back the same",
+    trace(kIdBadName, 0, 1, "Stanza [%s%s%s] holds a name or a line that would not read back the same",
           stanza->category != nullptr ? stanza->category : "", stanza->category != nullptr ? ":" : "",
           stanza->title);
     return false;

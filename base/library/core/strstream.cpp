@@ -55,6 +55,7 @@ constexpr std::array<bool, 256> kPlain = [] {
 // does a byte at a time: the C library's FILE keeps its unread input
 // between _IO_read_ptr and _IO_read_end, and taking bytes advances the first.
 size_t takePlainRun(FILE *in, char *at, size_t room) {
+    if (in->_IO_read_ptr == nullptr) return 0; // nothing read yet: no buffer
     const auto *from = reinterpret_cast<const unsigned char *>(in->_IO_read_ptr);
     const auto *end = reinterpret_cast<const unsigned char *>(in->_IO_read_end);
     const auto *stop = end - from > static_cast<ptrdiff_t>(room) ? from + room : end;
