@@ -235,6 +235,7 @@ std::string modelLine(const std::string &text, size_t &at, size_t limit, bool &e
         if (c == '\n') break;
         std::string character(1, static_cast<char>(c));
         if (StrIsDBCSLeadByte(c)) {
+            while (at < text.size() && text[at] == '\r') ++at; // dropped here too
             if (at >= text.size()) break; // a lone lead byte at the end is lost
             character += text[at++];
         }
@@ -248,7 +249,7 @@ TEST_F(FileStreamTest, LineReaderMatchesItsRuleAtEveryOffset) {
     const std::string path = home() + "/lines";
     std::string text;
     for (size_t offset = 0; offset < 40; ++offset)
-        for (const char *special : {"\r", "\x81\n", "\xE0\x41", "\x9F\r"})
+        for (const char *special : {"\r", "\x81\n", "\xE0\x41", "\x9F\r", "\x9F\r\r\n"})
             text += std::string(offset, 'p') + special + std::string(offset % 7, 'q') + "\n";
     text += std::string(5000, 'L') + "\r\n" + std::string(4095, 'M') + "\n" + std::string(4094, 'N') + "\x81\x41\n";
     text += std::string(4093, 'P') + "\x81\x41" + "tail";

@@ -176,6 +176,15 @@ TEST_F(StanzaFileTest, WrittenFormComesBackByteForByte) {
     ASSERT_TRUE(StnzSaveDynamicStanzaListToFile(dynamicList));
     EXPECT_EQ(read(path), corpus("written.cfg"));
     EXPECT_FALSE(StnzSaveDynamicStanzaListToFile(reinterpret_cast<STNZ_DYNAMIC_LIST *>(list)));
+    // A save leaves out what the writer refuses, and items of other types.
+    Stanza *untitled = nullptr;
+    ASSERT_TRUE(StnzCreate(&untitled, "", "Bad", 1));
+    OBJ_STANZA *bad = ObjStanzaNew(untitled);
+    OBJ_STRING *other = ObjStringNew("not a stanza");
+    ListPushFirstItemInternal(dynamicList->oList, &bad);
+    ListPushLastItemInternal(dynamicList->oList, &other);
+    ASSERT_TRUE(StnzSaveDynamicStanzaListToFile(dynamicList));
+    EXPECT_EQ(read(path), corpus("written.cfg"));
     ObjReleaseInternal(&dynamicList);
     ObjReleaseInternal(&list);
 
@@ -210,7 +219,10 @@ TEST_F(StanzaFileTest, RewritesGiveTheCopiedForm) {
     StnzRelease(&stanza);
     EXPECT_FALSE(exists(path + ".new"));
 
-    // CR LF line ends give the same stanzas as LF.
+    // CR LF line ends give the same stanzas as LF, a CR behind a lead byte too.
+    write(path, "[T]\r\nk=x\x81\r\nj=1\r\n");
+    ASSERT_TRUE(StnzRemoveStanzaFromFile(nullptr, "none", path.c_str()));
+    EXPECT_EQ(read(path), "[T]\nk=x\x81\nj=1\n");
     std::string crlf;
     for (char c : corpus("written.cfg")) crlf += c == '\n' ? std::string("\r\n") : std::string(1, c);
     write(path, crlf);
@@ -287,6 +299,7 @@ TEST_F(StanzaFileTest, FindsMoveThePositionOnlyWhenTheyFind) {
     EXPECT_FALSE(StnzCurrentKeyword(&text, file));
     ASSERT_TRUE(StnzFindKeyword(file, "x"));
     ASSERT_TRUE(StnzFindKeyword(file, file->pszKeyword));
+    EXPECT_STREQ(file->pszKeyword, "x");
     EXPECT_TRUE(StnzCurrentArgument(&text, file));
     EXPECT_EQ(take(text), "again");
     EXPECT_STREQ(file->pszTitle, "Three");
@@ -317,6 +330,12 @@ TEST_F(StanzaFileTest, AddingStanzasAndKeysByPath) {
     Stanza *port = stanzaOf("Net", "Port", {{"value", "6000"}});
     EXPECT_TRUE(StnzAddStanzaToFile(port, path.c_str()));
     EXPECT_EQ(read(path), "[Trace]\nDo Crash=FALSE\n\njunk line\n[Net:Port]\nvalue=6000\n\n");
+    // A last line without its line feed gets one before the new title.
+    write(path, "[A]\nk=v");
+    EXPECT_TRUE(StnzAddStanzaToFile(port, path.c_str()));
+    EXPECT_EQ(read(path), "[A]\nk=v\n[Net:Port]\nvalue=6000\n\n");
+    EXPECT_FALSE(StnzAddStanzaToFile(port, path.c_str()));
+    write(path, "[Trace]\nDo Crash=FALSE\n\njunk line\n[Net:Port]\nvalue=6000\n\n");
     EXPECT_FALSE(StnzAddStanzaToFile(nullptr, path.c_str()));
     EXPECT_TRUE(traced("STANZA", 3, "Attemped to add NULL stanza to file '" + path + "'"));
     EXPECT_FALSE(StnzAddStanzaToFile(trace, ""));
@@ -346,6 +365,11 @@ TEST_F(StanzaFileTest, AddingStanzasAndKeysByPath) {
     ASSERT_TRUE(StnzLoadKeyFromFile(&key, path.c_str(), nullptr, "new", "lines"));
     EXPECT_EQ(values(key), "10");
     EXPECT_STREQ(key->keyword, "lines");
+    // An empty category is none, for a stanza that is there too.
+    StnzReleaseKey(&key);
+    ASSERT_TRUE(StnzCreateKeyFromInteger(&key, "More", 2));
+    ASSERT_TRUE(StnzAddKeyToFile(path.c_str(), "", "new", &key, FALSE));
+    EXPECT_TRUE(read(path).ends_with("[new]\nLines=10\nMore=2\n\n"));
     // A key whose keyword would not read back is refused; the file stays.
     const std::string before = read(path);
     StnzReleaseKey(&key);
@@ -395,6 +419,11 @@ TEST_F(StanzaFileTest, WritersRefuseNamesThatWouldNotReadBack) {
     EXPECT_TRUE(StnzAddStanzaToFile(stanza, path.c_str()));
     StnzRelease(&stanza);
 
+    // A value ending in a lone lead byte would take the line feed along.
+    write(path, "");
+    stanza = stanzaOf(nullptr, "T", {{"k", "x\x81"}, {"j", "1"}});
+    EXPECT_FALSE(StnzAddStanzaToFile(stanza, path.c_str()));
+    StnzRelease(&stanza);
     // So must every key line with its escaped values.
     for (const auto &[value, accepted] : {std::pair{std::string(4093, 'v'), true}, {std::string(4094, 'v'), false},
                                           {std::string(2046, ','), true}, {std::string(2047, ','), false}}) {

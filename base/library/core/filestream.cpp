@@ -172,9 +172,10 @@ BOOL FileStreamCloseOutput(FILE_STREAM *stream) {
     // not committed: the rewrite stays pending for the caller to cancel.
     if (!closeStream(stream->pOutput)) return FALSE;
     closeStream(stream->pInput);
-    rename(stream->pszNewPath, stream->pszPath);
+    const bool renamed = rename(stream->pszNewPath, stream->pszPath) == 0;
+    if (!renamed) FileDelete(stream->pszNewPath); // the file keeps its old contents
     MemFreeInternal(&stream->pszNewPath);
-    return FileSysFOpen(&stream->pInput, stream->pszPath, kindOf(stream) | FILE_MODE_READ);
+    return FileSysFOpen(&stream->pInput, stream->pszPath, kindOf(stream) | FILE_MODE_READ) && renamed;
 }
 
 BOOL FileStreamCancelRewrite(FILE_STREAM *stream) {

@@ -318,12 +318,23 @@ bool keepsLimits(const char *name, NameKind kind) {
     return true;
 }
 
-// The bytes of a key line as the writer makes it, without its line feed.
-size_t keyLineLength(const StanzaKey *key) {
+// Whether text ends in a lead byte with no byte behind it: written out, it
+// would pair with the comma or line feed that follows.
+bool endsInLoneLead(View text) {
+    size_t last = 0;
+    for (size_t i = 0; i < text.size(); i += charBytes(text, i)) last = i;
+    return !text.empty() && last == text.size() - 1 && fh::isLeadByte(static_cast<unsigned char>(text[last]));
+}
+
+// Whether a key's line, as the writer makes it, reads back whole: it fits in
+// a line and none of its values ends in a lone lead byte.
+bool keyLineReadsBack(const StanzaKey *key) {
     size_t length = strlen(key->keyword) + 1 + (key->valueCount > 0 ? key->valueCount - 1 : 0);
-    for (int32_t v = 0; v < key->valueCount; ++v)
+    for (int32_t v = 0; v < key->valueCount; ++v) {
+        if (endsInLoneLead(viewOf(key->values[v]))) return false;
         escape(viewOf(key->values[v]), [&length](const char *, size_t count) { length += count; });
-    return length;
+    }
+    return length <= STNZ_LINE_MAX;
 }
 
 // Whether the stanza reads back the same from the lines the writer makes of
@@ -335,7 +346,7 @@ bool stanzaKeepsLimits(const Stanza *stanza) {
     const size_t titleLine = strlen(stanza->title) + 2 + (hasCategory ? strlen(stanza->category) + 1 : 0);
     if (titleLine > STNZ_LINE_MAX) return false;
     for (int32_t k = 0; k < stanza->keyCount; ++k)
-        if (!keepsLimits(stanza->keys[k]->keyword, NameKind::kKeyword) || keyLineLength(stanza->keys[k]) > STNZ_LINE_MAX)
+        if (!keepsLimits(stanza->keys[k]->keyword, NameKind::kKeyword) || !keyLineReadsBack(stanza->keys[k]))
             return false;
     return true;
 }
@@ -517,7 +528,8 @@ bool loadCurrent(Stanza **out, STNZ_FILE *file, int32_t *endOffset) {
     int32_t count = 0;
     while (reader.next(file->pStream, line) && !line.isTitle) ++count;
     Stanza *stanza = nullptr;
-    if (!StnzCreate(&stanza, file->pszCategory, file->pszTitle, count) || !seek(file, file->iStanzaOffset)) {
+    const char *category = isEmpty(file->pszCategory) ? nullptr : file->pszCategory; // "" is no category
+    if (!StnzCreate(&stanza, category, file->pszTitle, count) || !seek(file, file->iStanzaOffset)) {
         StnzRelease(&stanza);
         return false;
     }
@@ -552,6 +564,14 @@ bool inUpdateMode(const STNZ_FILE *file) {
     trace(kIdWrongMode, 0, 2, "A stanza file rewrite needs a file open for update (mode %ld)",
           static_cast<long>(file != nullptr ? file->iMode : -1));
     return false;
+}
+
+// Whether the input's file ends inside a line: its last byte is no line feed.
+bool endsMidLine(FILE_STREAM *input) {
+    int32_t size = 0;
+    unsigned char last = '\n';
+    return FileStreamSeekEnd(input) && FileStreamGetOffsetLong(&size, input) && size > 0 &&
+           FileStreamSeekFromLong(input, size - 1) && FileStreamReadByte(input, &last) && last != '\n';
 }
 
 bool isStanzaObject(const void *item) { return ObjCheckTypeInternal(item, OBJ_STANZA_MAGIC); }
@@ -756,8 +776,10 @@ BOOL StnzFindKeyword(STNZ_FILE *file, const char *keyword) {
             running = true;
             tell(file, stanzaOffset);
         } else if (sameName(line.key.keyword, keyword)) {
+            char *found = newString(keyword); // keyword may be one of the file's own strings
             if (running) setCurrentStanza(file, stanza.category, stanza.hasCategory, stanza.title, stanzaOffset);
-            setCurrentKey(file, keyword, line.key.argument);
+            setCurrentKey(file, found, line.key.argument);
+            MemFreeInternal(&found);
             return position.keep();
         }
     }
@@ -884,12 +906,8 @@ BOOL StnzFileSaveStanzaList(const LIST *list, STNZ_FILE *file) {
     for (const LISTNODE *node = list->oFirst; node != nullptr; node = node->oNext) {
         if (!isStanzaObject(node->oItem)) continue;
         const Stanza *stanza = static_cast<const OBJ_STANZA *>(node->oItem)->pStanza;
-        if (stanza == nullptr) continue;
-        if (!writable(stanza)) {
-            FileStreamCancelRewrite(file->pStream);
-            return FALSE;
-        }
-        putStanza(out, stanza);
+        if (writable(stanza)) putStanza(out, stanza); // one the writer refuses is traced and left out
+
     }
     return finishRewrite(file, out, position);
 }
@@ -932,9 +950,11 @@ BOOL StnzAddStanzaToFile(const Stanza *stanza, const char *path) {
     // its own, without a lock (the append holds it), and closes it last:
     // closing a descriptor lets go of every record lock on its file.
     FILE_STREAM *input = nullptr;
+    // A last line without its line feed gets one, or the title would join it.
     bool added = FileStreamOpenTags(&input, -2, FILE_STREAM_TAG_PATH, path, FILE_STREAM_TAG_MODE,
                                     static_cast<int>(STNZ_MODE_READ), FILE_STREAM_TAG_LOCK, FALSE, -1) &&
-                 !scanToTitle(input, stanza->category, stanza->title) && StnzFileWriteStanza(file, stanza);
+                 !scanToTitle(input, stanza->category, stanza->title) &&
+                 (!endsMidLine(input) || FileStreamWrite(file->pStream, "\n", 1)) && StnzFileWriteStanza(file, stanza);
     added = StnzCloseFile(&file) && added;
     FileStreamClose(&input);
     return added;

@@ -1,8 +1,8 @@
 // strstream.cpp - characters of the string layer through a file stream.
 //
 // The reader takes the bytes of the stream's input and pairs a lead byte
-// with the byte after it; carriage returns in front of a character are
-// dropped. The line reader stores whole characters only, so a line cut
+// with the byte after it; carriage returns are dropped wherever they stand,
+// between a lead byte and its partner too. The line reader stores whole characters only, so a line cut
 // short never ends in half a character. A stream belongs to one thread, so
 // the bytes are taken without the stdio lock: the line reader is what every
 // scan of a configuration file runs on.
@@ -31,7 +31,10 @@ inline bool nextChar(FILE *in, int32_t &c) {
         c = first;
         return true;
     }
-    const int second = getc_unlocked(in);
+    int second;
+    do {
+        second = getc_unlocked(in);
+    } while (second == '\r');
     if (second == EOF) {
         trace(kIdLoneLead, 0, 2, "Failed to read byte from stream");
         return false;
