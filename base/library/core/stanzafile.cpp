@@ -559,6 +559,20 @@ BOOL finishRewrite(STNZ_FILE *file, Output &out, PositionGuard &position) {
     return FALSE;
 }
 
+// The rewrite of remove and replace: every line of the file, from its start,
+// goes to eachLine, which copies what it keeps; atEnd writes what is new.
+template <typename EachLine, typename AtEnd> BOOL rewriteFile(STNZ_FILE *file, EachLine eachLine, AtEnd atEnd) {
+    PositionGuard position(file);
+    if (!position.valid() || !FileStreamSeekStart(file->pStream) || !FileStreamStartRewrite(file->pStream))
+        return FALSE;
+    Output out(file->pStream);
+    LineReader reader;
+    Line line;
+    while (reader.next(file->pStream, line)) eachLine(out, line);
+    atEnd(out);
+    return finishRewrite(file, out, position);
+}
+
 bool inUpdateMode(const STNZ_FILE *file) {
     if (hasStream(file) && file->iMode == STNZ_MODE_UPDATE) return true;
     trace(kIdWrongMode, 0, 2, "A stanza file rewrite needs a file open for update (mode %ld)",
@@ -843,40 +857,33 @@ BOOL StnzFileAppendStanza(STNZ_FILE *file, const Stanza *stanza) {
 
 BOOL StnzFileRemoveStanza(STNZ_FILE *file, const char *category, const char *title) {
     if (isEmpty(title) || !inUpdateMode(file)) return FALSE;
-    PositionGuard position(file);
-    if (!position.valid() || !FileStreamSeekStart(file->pStream) || !FileStreamStartRewrite(file->pStream))
-        return FALSE;
-    Output out(file->pStream);
-    LineReader reader;
-    Line line;
     bool skipping = false;
-    while (reader.next(file->pStream, line)) {
-        if (line.isTitle) skipping = titleMatches(line.title, category, title);
-        if (!skipping) putCopied(out, line);
-    }
-    return finishRewrite(file, out, position);
+    return rewriteFile(
+        file,
+        [&](Output &out, const Line &line) {
+            if (line.isTitle) skipping = titleMatches(line.title, category, title);
+            if (!skipping) putCopied(out, line);
+        },
+        [](Output &) {});
 }
 
 BOOL StnzFileReplaceStanza(STNZ_FILE *file, const Stanza *stanza) {
     if (!inUpdateMode(file) || !writable(stanza)) return FALSE;
-    PositionGuard position(file);
-    if (!position.valid() || !FileStreamSeekStart(file->pStream) || !FileStreamStartRewrite(file->pStream))
-        return FALSE;
-    Output out(file->pStream);
-    LineReader reader;
-    Line line;
     bool skipping = false, copiedTitle = false;
-    while (reader.next(file->pStream, line)) {
-        if (line.isTitle) {
-            skipping = titleMatches(line.title, stanza->category, stanza->title);
-            if (!skipping && copiedTitle) out.put("\n");
-            copiedTitle = copiedTitle || !skipping;
-        }
-        if (!skipping) putCopied(out, line);
-    }
-    if (copiedTitle) out.put("\n\n");
-    putStanza(out, stanza);
-    return finishRewrite(file, out, position);
+    return rewriteFile(
+        file,
+        [&](Output &out, const Line &line) {
+            if (line.isTitle) {
+                skipping = titleMatches(line.title, stanza->category, stanza->title);
+                if (!skipping && copiedTitle) out.put("\n");
+                copiedTitle = copiedTitle || !skipping;
+            }
+            if (!skipping) putCopied(out, line);
+        },
+        [&](Output &out) {
+            if (copiedTitle) out.put("\n\n");
+            putStanza(out, stanza);
+        });
 }
 
 BOOL StnzFileLoadStanzaList(LIST **out, STNZ_FILE *file) {
