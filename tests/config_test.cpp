@@ -202,6 +202,14 @@ TEST_F(ConfigTest, WholeStanzasPathsAndMapFiles) {
 
     EXPECT_EQ(take(CfgBuildPath("procmgr.cfg")), home() + "/config/procmgr.cfg");
     EXPECT_EQ(take(CfgUtilBuildPath("procmgr.cfg", "remote/box")), home() + "/remote/box/procmgr.cfg");
+    // The alternate path stands for "config" in every local operation.
+    mkdir((home() + "/remote").c_str(), 0755);
+    ASSERT_TRUE(CfgLocalSetInteger("procmgr.cfg", "Start", "Count", 2, "remote"));
+    int32_t count = 0;
+    EXPECT_FALSE(CfgGetInteger(&count, "procmgr.cfg", "Start", "Count", 0));
+    EXPECT_TRUE(CfgLocalGetInteger(&count, "procmgr.cfg", "Start", "Count", "remote", 0));
+    EXPECT_EQ(count, 2);
+    EXPECT_TRUE(FileExists((home() + "/remote/procmgr.cfg").c_str()));
     EXPECT_EQ(CfgUtilBuildPath(nullptr, nullptr), nullptr);
     EXPECT_TRUE(traced("CFGUTIL", 1, "CfgUtilBuildPath passed null stanza file"));
     // A map file counts only by being there; the alternate path is taken as it stands.
