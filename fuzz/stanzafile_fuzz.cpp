@@ -2,10 +2,10 @@
 // bytes (no final line feed, NULs, lead bytes before a line feed, unclosed
 // titles, enormous lines, runs of '!') go through the line parsers, the
 // value-list parser and its escape, the split of a value list nested in a
-// value, and as a file through the scanner, the
-// finds, a load of every stanza and a rewrite. Every stanza that the writer
-// accepts is written alone and read back: it must come back the same. No
-// crash, no hang, nothing left behind.
+// value, and as a file through the scanner, the finds, a load of every
+// stanza and a rewrite. Every stanza that the writer accepts is written
+// alone and read back: it must come back the same. No crash, no hang,
+// nothing left behind.
 #include <unistd.h>
 
 #include <cstdlib>
