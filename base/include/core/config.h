@@ -37,6 +37,10 @@ typedef struct CFG_UTIL_REMOTE_CONFIG_DETAILS {
 
 /* ---- Stanzas and files ---------------------------------------------------- */
 
+/* The stanza [title] of file; the whole file as a list of OBJ_STANZA items;
+ * the file rewritten to hold exactly a list; a stanza appended (FALSE if
+ * there already), put in place of its namesakes, or removed with them. Each
+ * of the first five traces its failure ("CfgGetStanza returned FALSE"). */
 FHAPI BOOL CfgGetStanza(Stanza **out, const char *file, const char *title);
 FHAPI BOOL CfgGetStanzaList(LIST **out, const char *file);
 FHAPI BOOL CfgReplaceStanzaList(const char *file, const LIST *list);
@@ -46,6 +50,10 @@ FHAPI BOOL CfgRemoveStanza(const char *category, const char *title, const char *
 
 /* ---- Settings ------------------------------------------------------------- */
 
+/* A new key of the setting; its first value converted, or copied; its
+ * values as a new list of OBJ_STRING items. A missing setting stores the
+ * default and gives FALSE; a value that does not convert gives FALSE with
+ * *out untouched (cfglocal.h). */
 FHAPI BOOL CfgGetKey(const char *file, const char *section, const char *item, StanzaKey **out);
 FHAPI BOOL CfgGetBoolean(BOOL *out, const char *file, const char *section, const char *item, BOOL defaultValue);
 FHAPI BOOL CfgGetInteger(int32_t *out, const char *file, const char *section, const char *item,
@@ -55,6 +63,8 @@ FHAPI BOOL CfgGetString(char **out, const char *file, const char *section, const
                         const char *defaultValue);
 FHAPI BOOL CfgGetValueList(LIST **out, const char *file, const char *section, const char *item);
 
+/* The setting written in the form it has (a new one is plain); booleans as
+ * "true" and "false". FALSE, the file as it was, on any failure. */
 FHAPI BOOL CfgSetInteger(const char *file, const char *section, const char *item, int32_t value);
 FHAPI BOOL CfgSetInt64(const char *file, const char *section, const char *item, int64_t value);
 FHAPI BOOL CfgSetString(const char *file, const char *section, const char *item, const char *string);
@@ -116,7 +126,8 @@ FHAPI BOOL CfgUtilGetIntegerFromList(int32_t *out, const LIST *list, const char 
 FHAPI BOOL CfgUtilGetInt64FromList(int64_t *out, const LIST *list, const char *section, const char *item,
                                    int64_t defaultValue);
 
-/* A new list of OBJ_STRING items, one per value of the setting. */
+/* A new list of OBJ_STRING items, one per value of the setting; FALSE with
+ * *out untouched when the setting is missing. */
 FHAPI BOOL CfgGetValueListFromList(LIST **out, const LIST *list, const char *section, const char *item);
 FHAPI BOOL CfgUtilGetValueListFromList(LIST **out, const LIST *list, const char *section, const char *item);
 
