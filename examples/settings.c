@@ -37,8 +37,8 @@ int main(void) {
     int ok = CfgSetString("configure.cfg", "Details", "Description", "backup server, first floor") &&
              CfgSetInteger("configure.cfg", "Trace", "Lines per File", 1000) &&
              CfgSetBoolean("configure.cfg", "Trace", "Trace To File", TRUE) &&
-             CfgAddEntryToValueList(NULL, "lmnmgr.cfg", NULL, "Barred Addresses", "10.0.0.7", TRUE, FALSE) &&
-             CfgAddEntryToValueList(NULL, "lmnmgr.cfg", NULL, "Barred Addresses", "10.0.0.9", TRUE, FALSE);
+             CfgAddEntryToValueList(NULL, "lmnmgr.cfg", "Network", "Barred Addresses", "10.0.0.7", TRUE, FALSE) &&
+             CfgAddEntryToValueList(NULL, "lmnmgr.cfg", "Network", "Barred Addresses", "10.0.0.9", TRUE, FALSE);
     printf("settings written: %s\n", ok ? "yes" : "no");
 
     char *description = NULL;
@@ -51,6 +51,10 @@ int main(void) {
     printf("Description = '%s'\nLines per File = %d\nTrace To File = %s\n", description, lines, toFile ? "TRUE" : "FALSE");
     printf("Files to Keep = %d (%s)\n", keep, found ? "set" : "missing: the default");
     MemFreeInternal(&description);
+    LIST *barred = NULL;
+    if (CfgGetValueList(&barred, "lmnmgr.cfg", "Network", "Barred Addresses"))
+        printf("Barred Addresses: %d entries\n", (int)barred->iCount);
+    ObjReleaseInternal(&barred);
 
     printf("configure.cfg:\n");
     printFile("configure.cfg");

@@ -156,6 +156,11 @@ TEST_F(ConfigTest, ValueListEntries) {
     EXPECT_EQ(items(list), "10.0.0.1");
     EXPECT_EQ(read("fw.cfg"), "[Ports:Open]\nvalue=\n\n\n[Barred]\nvalue=10.0.0.1\n\n");
     EXPECT_FALSE(CfgAddEntryToValueList(nullptr, "fw.cfg", nullptr, nullptr, "x", FALSE, FALSE));
+    // An empty entry is an empty value, and the same as one.
+    write("fw.cfg", "[P:O]\nvalue=a,,b\n");
+    EXPECT_FALSE(CfgAddEntryToValueList(nullptr, "fw.cfg", "P", "O", "", TRUE, FALSE));
+    ASSERT_TRUE(CfgRemoveEntryFromValueList(nullptr, "fw.cfg", "P", "O", "", FALSE));
+    EXPECT_EQ(read("fw.cfg"), "[P:O]\nvalue=a,b\n\n");
 }
 
 TEST_F(ConfigTest, KeysOfPlainStanzas) {
@@ -172,6 +177,10 @@ TEST_F(ConfigTest, KeysOfPlainStanzas) {
     EXPECT_FALSE(CfgRemoveKey("pm.cfg", "Net", "Port")); // a displayable setting stays
     EXPECT_EQ(read("pm.cfg"), "[Net:Port]\nvalue=1\n\n\n[Process Manager]\nunix=a,c\nnew=\n\n");
     EXPECT_FALSE(CfgRemoveKey("pm.cfg", "Process Manager", "gone"));
+    // A key whose values change moves to the end of its stanza.
+    write("s.cfg", "[S]\na=1,2,1\nb=3\n");
+    ASSERT_TRUE(CfgRemoveValueFromKey("s.cfg", "S", "a", "1"));
+    EXPECT_EQ(read("s.cfg"), "[S]\nb=3\na=2\n\n");
     EXPECT_FALSE(CfgAddValueToKey("pm.cfg", "Process Manager", "k", nullptr));
 }
 
@@ -210,6 +219,7 @@ TEST_F(ConfigTest, WholeStanzasPathsAndMapFiles) {
     EXPECT_TRUE(CfgLocalGetInteger(&count, "procmgr.cfg", "Start", "Count", "remote", 0));
     EXPECT_EQ(count, 2);
     EXPECT_TRUE(FileExists((home() + "/remote/procmgr.cfg").c_str()));
+    EXPECT_EQ(take(CfgBuildPath(nullptr)), home() + "/config");
     EXPECT_EQ(CfgUtilBuildPath(nullptr, nullptr), nullptr);
     EXPECT_TRUE(traced("CFGUTIL", 1, "CfgUtilBuildPath passed null stanza file"));
     // A map file counts only by being there; the alternate path is taken as it stands.

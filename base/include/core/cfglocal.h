@@ -133,8 +133,8 @@ FHAPI BOOL CfgLocalRemoveEntryFromValueList(LIST **out, const char *file, const 
 FHAPI BOOL CfgLocalAddValueToKey(const char *file, const char *title, const char *keyword, const char *value,
                                  const char *alternatePath);
 
-/* Removes every value equal to value (case counts); FALSE, the file
- * unchanged, if none was there. */
+/* Removes every value equal to value (case counts); the key moves to the end
+ * of the stanza. FALSE, the file unchanged, if none was there. */
 FHAPI BOOL CfgLocalRemoveValueFromKey(const char *file, const char *title, const char *keyword, const char *value,
                                       const char *alternatePath);
 

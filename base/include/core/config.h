@@ -85,8 +85,9 @@ FHAPI BOOL CfgRemoveKey(const char *file, const char *title, const char *keyword
 
 /* ---- Paths and routing ------------------------------------------------------ */
 
-/* New paths: "config/<file>" under the home directory, or with an alternate
- * path "<alternate path>/<file>" under it. Null for a null file (traced). */
+/* New paths: "config/<file>" under the home directory (the directory
+ * itself for a null file), or from CfgUtilBuildPath with an alternate path
+ * "<alternate path>/<file>" under it, and null, traced, for a null file. */
 FHAPI char *CfgBuildPath(const char *file);
 FHAPI char *CfgLocalBuildPath(const char *file);
 FHAPI char *CfgUtilBuildPath(const char *file, const char *alternatePath);

@@ -119,15 +119,14 @@ Stanza *loadOrCreate(STNZ_FILE *file, const char *category, const char *title) {
     return stanza;
 }
 
+// The string layer's comparisons take a null string as "".
 bool sameEntry(const char *a, const char *b, BOOL noCase) {
-    if (a == nullptr || b == nullptr) return a == b;
     return (noCase ? StrCompareNoCase(a, b) : StrCompare(a, b)) == 0;
 }
 
 // Puts the list back as the stanza's key "value", rewrites the file and hands
 // the list out when asked.
 BOOL storeValueList(STNZ_FILE *file, Stanza *&stanza, LIST *&list, LIST **out) {
-    trace(kIdCreateKey, 0, 3, "Create new key");
     KeyHolder key;
     if (!StnzCreateKeyFromValueList(&key.key, kValue, list) || !StnzReplaceKeyInStanza(&stanza, &key.key))
         return FALSE;
@@ -164,14 +163,16 @@ BOOL CfgLocalGetStanza(Stanza **out, const char *file, const char *title, const 
 }
 
 BOOL CfgLocalGetStanzaList(LIST **out, const char *file, const char *alternatePath) {
-    Path path(isEmpty(file) ? nullptr : file, alternatePath);
-    return traced(path && StnzLoadStanzaListFromFile(out, path.get()), kIdGetStanzaList,
+    const bool named = !isEmpty(file);
+    Path path(named ? file : "", alternatePath);
+    return traced(named && path && StnzLoadStanzaListFromFile(out, path.get()), kIdGetStanzaList,
                   "CfgLocalGetStanzaList returned FALSE");
 }
 
 BOOL CfgLocalReplaceStanzaList(const char *file, const LIST *list, const char *alternatePath) {
-    Path path(isEmpty(file) ? nullptr : file, alternatePath);
-    return traced(path && ObjCheckTypeInternal(list, LIST_MAGIC) && StnzSaveStanzaListToFile(list, path.get()),
+    const bool named = !isEmpty(file);
+    Path path(named ? file : "", alternatePath);
+    return traced(named && path && ObjCheckTypeInternal(list, LIST_MAGIC) && StnzSaveStanzaListToFile(list, path.get()),
                   kIdReplaceStanzaList, "CfgLocalReplaceStanzaList returned FALSE");
 }
 
@@ -321,6 +322,7 @@ BOOL CfgLocalAddEntryToValueList(LIST **out, const char *file, const char *categ
         ObjReleaseInternal(&item);
         return FALSE;
     }
+    trace(kIdCreateKey, 0, 3, "Create new key");
     return storeValueList(open.file, held.stanza, entries.list, out);
 }
 
@@ -363,9 +365,12 @@ BOOL CfgLocalAddValueToKey(const char *file, const char *title, const char *keyw
 BOOL CfgLocalRemoveValueFromKey(const char *file, const char *title, const char *keyword, const char *value,
                                 const char *alternatePath) {
     if (file == nullptr || title == nullptr || keyword == nullptr || value == nullptr) return FALSE;
-    return changeKey(file, title, keyword, alternatePath, [&](Stanza *&, StanzaKey *key) {
-        if (key != nullptr) trace(kIdLoadedKey, 0, 3, "Loaded key %s", keyword);
-        return key != nullptr && StnzDeleteValueFromKey(key, value, TRUE);
+    return changeKey(file, title, keyword, alternatePath, [&](Stanza *&stanza, StanzaKey *key) {
+        if (key == nullptr) return false;
+        trace(kIdLoadedKey, 0, 3, "Loaded key %s", keyword);
+        StnzRemoveKeyFromStanza(stanza, key);
+        KeyHolder moved{key};
+        return StnzDeleteValueFromKey(moved.key, value, TRUE) && StnzAddKeyToStanza(&stanza, &moved.key);
     });
 }
 

@@ -256,9 +256,7 @@ BOOL CfgRemoveKey(const char *file, const char *title, const char *keyword) {
 
 char *CfgBuildPath(const char *file) { return CfgLocalBuildPath(file); }
 
-char *CfgLocalBuildPath(const char *file) {
-    return file != nullptr ? PathHomeBuild("config", file, static_cast<char *>(nullptr)) : nullptr;
-}
+char *CfgLocalBuildPath(const char *file) { return PathHomeBuild("config", file, static_cast<char *>(nullptr)); }
 
 char *CfgUtilBuildPath(const char *file, const char *alternatePath) {
     if (file == nullptr) {
