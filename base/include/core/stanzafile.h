@@ -196,7 +196,8 @@ FHAPI BOOL StnzFileReplaceStanza(STNZ_FILE *file, const Stanza *stanza);
 FHAPI BOOL StnzFileLoadStanzaList(LIST **out, STNZ_FILE *file);
 
 /* Mode 516: rewrites the file with every OBJ_STANZA item of the list in
- * order (other items are skipped). FALSE, the file as it was, on failure. */
+ * order; other items, and stanzas the writer refuses (traced), are left
+ * out. FALSE, the file as it was, when the rewrite fails. */
 FHAPI BOOL StnzFileSaveStanzaList(const LIST *list, STNZ_FILE *file);
 
 /* ---- By path: each opens and closes the file itself ---------------------- */
