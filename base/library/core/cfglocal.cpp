@@ -163,17 +163,20 @@ BOOL CfgLocalGetStanza(Stanza **out, const char *file, const char *title, const 
 }
 
 BOOL CfgLocalGetStanzaList(LIST **out, const char *file, const char *alternatePath) {
-    const bool named = !isEmpty(file);
-    Path path(named ? file : "", alternatePath);
-    return traced(named && path && StnzLoadStanzaListFromFile(out, path.get()), kIdGetStanzaList,
-                  "CfgLocalGetStanzaList returned FALSE");
+    const auto load = [&] {
+        Path path(file, alternatePath);
+        return path && StnzLoadStanzaListFromFile(out, path.get());
+    };
+    return traced(!isEmpty(file) && load(), kIdGetStanzaList, "CfgLocalGetStanzaList returned FALSE");
 }
 
 BOOL CfgLocalReplaceStanzaList(const char *file, const LIST *list, const char *alternatePath) {
-    const bool named = !isEmpty(file);
-    Path path(named ? file : "", alternatePath);
-    return traced(named && path && ObjCheckTypeInternal(list, LIST_MAGIC) && StnzSaveStanzaListToFile(list, path.get()),
-                  kIdReplaceStanzaList, "CfgLocalReplaceStanzaList returned FALSE");
+    const auto save = [&] {
+        Path path(file, alternatePath);
+        return path && StnzSaveStanzaListToFile(list, path.get());
+    };
+    return traced(!isEmpty(file) && ObjCheckTypeInternal(list, LIST_MAGIC) && save(), kIdReplaceStanzaList,
+                  "CfgLocalReplaceStanzaList returned FALSE");
 }
 
 BOOL CfgLocalAddStanza(const Stanza *stanza, const char *file, const char *alternatePath) {
