@@ -16,6 +16,9 @@
 
 namespace {
 
+using fh::charBytes;
+using fh::isBlank;
+
 constexpr fh::ModuleTracer trace{"CONFIG        "};
 constexpr fh::ModuleTracer traceUtil{"CFGUTIL        "};
 
@@ -83,8 +86,6 @@ BOOL convertFromList(T *out, const LIST *list, const char *section, const char *
 
 // ---- The split of a value list held in one value ------------------------------
 
-inline bool isBlank(char c) { return c == ' ' || c == '\t'; }
-inline size_t charBytes(const char *p) { return StrIsDBCSLeadByte(static_cast<unsigned char>(*p)) && p[1] ? 2 : 1; }
 
 // The text of one item from p on: up to "!," (true, p behind it) or the end
 // (false). "!!" takes the character after it along; blanks before the item

@@ -27,6 +27,12 @@ inline const char *boolText(bool value) { return value ? "TRUE" : "FALSE"; }
 // behind it are one character.
 constexpr bool isLeadByte(unsigned char byte) { return (byte >= 0x80 && byte <= 0x9F) || byte >= 0xE0; }
 
+// Bytes of the character at p: 2 for a lead byte with a byte behind it.
+inline int charBytes(const char *p) { return isLeadByte(static_cast<unsigned char>(*p)) && p[1] != '\0' ? 2 : 1; }
+
+// The blanks of the text formats: space and tab.
+constexpr bool isBlank(char c) { return c == ' ' || c == '\t'; }
+
 // Case folding of the string layer: 'a' to 'z' onto 'A' to 'Z', nothing else.
 constexpr char foldCase(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
 

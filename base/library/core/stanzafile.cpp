@@ -27,6 +27,9 @@
 
 namespace {
 
+using fh::charBytes;
+using fh::isBlank;
+
 constexpr fh::ModuleTracer trace{"STANZA        "};
 
 // Trace ids of this module; fixed once chosen.
@@ -53,10 +56,7 @@ using View = std::string_view;
 
 // ---- Characters -------------------------------------------------------------
 
-inline bool isBlank(char c) { return c == ' ' || c == '\t'; }
-
-// Bytes of the character at p: 2 for a lead byte with a byte behind it.
-inline int charBytes(const char *p) { return fh::isLeadByte(static_cast<unsigned char>(*p)) && p[1] != '\0' ? 2 : 1; }
+// Bytes of the character at text[at], within the view.
 inline size_t charBytes(View text, size_t at) {
     return fh::isLeadByte(static_cast<unsigned char>(text[at])) && at + 1 < text.size() ? 2 : 1;
 }
