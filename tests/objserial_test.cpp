@@ -105,22 +105,29 @@ TEST_F(SerialTest, ComponentsLocalDataAndPointers) {
     ObjReleaseInternal(&fromPlain);
     ObjReleaseInternal(&fromWhole);
 
-    // A pointer above 4 GiB survives an in-process copy; bytes that leave the
-    // process keep only its low word.
-    node->pointer = reinterpret_cast<void *>(uintptr_t{0x123456789A});
+    // A p component: an in-process copy keeps the whole pointer, a pointer
+    // above 4 GiB too; bytes that leave the process keep its low 32 bits,
+    // which on a 32-bit build are all of it.
     node->data = {3, MemAllocateFromPool(3, nullptr)};
     memcpy(node->data.pData, "xyz", 3);
-    Node *copy = nullptr;
-    ASSERT_TRUE(ObjDuplicate(reinterpret_cast<void **>(&copy), node));
-    EXPECT_EQ(copy->pointer, node->pointer);
-    EXPECT_EQ(memcmp(copy->data.pData, "xyz", 3), 0);
-    EXPECT_STREQ(ObjGetString(copy->local), "local");
-    EXPECT_TRUE(ObjCompare(node, copy));
-    static_cast<Node *>(copy->next)->value = 4;
-    EXPECT_FALSE(ObjCompare(node, copy));
-    auto *wire = static_cast<Node *>(decode(encode(node)));
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(wire->pointer), 0x3456789Au);
-    for (Node *n : {node, copy, wire}) ObjReleaseInternal(&n);
+    const uintptr_t pointers[] = {0, 0x7FFFFFFF, 0x80000000, UINTPTR_MAX,
+                                  static_cast<uintptr_t>(UINT64_C(0x123456789A))};
+    for (const uintptr_t pointer : pointers) {
+        SCOPED_TRACE(pointer);
+        node->pointer = reinterpret_cast<void *>(pointer);
+        Node *copy = nullptr;
+        ASSERT_TRUE(ObjDuplicate(reinterpret_cast<void **>(&copy), node));
+        EXPECT_EQ(copy->pointer, node->pointer);
+        EXPECT_EQ(memcmp(copy->data.pData, "xyz", 3), 0);
+        EXPECT_STREQ(ObjGetString(copy->local), "local");
+        EXPECT_TRUE(ObjCompare(node, copy));
+        static_cast<Node *>(copy->next)->value = 4;
+        EXPECT_FALSE(ObjCompare(node, copy));
+        auto *wire = static_cast<Node *>(decode(encode(node)));
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(wire->pointer), static_cast<uint32_t>(pointer));
+        for (Node *n : {copy, wire}) ObjReleaseInternal(&n);
+    }
+    ObjReleaseInternal(&node);
 }
 
 TEST_F(SerialTest, SelfReferenceReadsBackButNotFromElsewhere) {
