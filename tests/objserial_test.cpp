@@ -210,6 +210,22 @@ TEST_F(SerialTest, FramesInAGrowingBuffer) {
     EXPECT_EQ(d, nullptr);
 }
 
+// A buffer that is full at 2 GiB refuses to grow past it on every width: the
+// new capacity is reckoned where it cannot wrap around to a small number.
+TEST_F(SerialTest, BufferRefusesToGrowPast2GiB) {
+    char area[16] = {};
+    for (const int32_t start : {0, 16, INT32_MAX / 2}) {
+        ObjBufferDescriptor *d = nullptr;
+        ASSERT_TRUE(ObjBufferDescriptorCreate(&d, area, INT32_MAX, start));
+        d->Used = INT32_MAX; // as a buffer written full would stand
+        EXPECT_FALSE(ObjBufferInsertBytes(1, "x", d)) << start;
+        EXPECT_FALSE(ObjSerializeToBuffer(nullptr, 1, d)) << start;
+        EXPECT_EQ(d->Used, INT32_MAX);
+        EXPECT_EQ(d->Buffer, area);
+        ASSERT_TRUE(ObjBufferDescriptorFree(&d));
+    }
+}
+
 // A type of two shapes: the old one received as "i;o;", the new declared one.
 constexpr uint32_t kShapeMagic = 0xC9000202u;
 struct OldShape {
