@@ -3,6 +3,7 @@ BUILD      ?= build
 ASAN_BUILD ?= build-sanitize
 BENCH_BUILD?= build-bench
 FUZZ_BUILD ?= build-fuzz
+BUILD32    ?= build-32
 PREFIX     ?= /usr/local
 JOBS       ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
@@ -11,7 +12,7 @@ FUZZ_TIMEOUT ?= 20
 
 CMAKE_FLAGS = -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all configure build demo test sanitize bench fuzz install clean format
+.PHONY: all configure build demo test test32 sanitize bench fuzz install clean format
 
 all: build
 
@@ -26,6 +27,22 @@ demo: build
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+# The same library, examples and tests for 32-bit x86. GoogleTest is built from
+# its source inside the tree, since no 32-bit build of it is packaged;
+# benchmarks and fuzz targets stay 64-bit only.
+test32:
+	@test -e /usr/lib/gcc/x86_64-linux-gnu/$$(gcc -dumpversion)/32/libstdc++.so || \
+		{ echo "make test32: installing g++-multilib"; apt-get update -qq || true; apt-get install -y -qq g++-multilib >/dev/null; }
+	@test -e /usr/lib/i386-linux-gnu/libcrypt.so || \
+		{ echo "make test32: installing libcrypt-dev:i386"; dpkg --add-architecture i386; apt-get update -qq || true; \
+		  apt-get install -y -qq libcrypt-dev:i386 >/dev/null; }
+	@test -e /usr/src/googletest/googletest/CMakeLists.txt || \
+		{ echo "make test32: installing googletest"; apt-get update -qq || true; apt-get install -y -qq googletest >/dev/null; }
+	cmake -S . -B $(BUILD32) $(CMAKE_FLAGS) -DCMAKE_C_FLAGS=-m32 -DCMAKE_CXX_FLAGS=-m32 \
+		-DFHCORE_GTEST_SOURCE=/usr/src/googletest/googletest
+	cmake --build $(BUILD32) -j $(JOBS)
+	cd $(BUILD32) && ctest --output-on-failure -j $(JOBS)
 
 sanitize:
 	cmake -S . -B $(ASAN_BUILD) $(CMAKE_FLAGS) -DFHCORE_SANITIZE=ON -DFHCORE_EXAMPLES=OFF
@@ -56,7 +73,7 @@ install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(BENCH_BUILD) $(FUZZ_BUILD)
+	rm -rf $(BUILD) $(BUILD32) $(ASAN_BUILD) $(BENCH_BUILD) $(FUZZ_BUILD)
 
 format:
 	clang-format -i $$(git ls-files '*.cpp' '*.h' '*.c')

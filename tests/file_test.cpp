@@ -186,6 +186,40 @@ TEST_F(FileTest, NoHandleSurvivesExec) {
     FileSysFClose(&stream);
 }
 
+// A file past 4 GiB (sparse, so it costs one block): a handle seeks there
+// and reports offset and size whole, its status reports the size, and a
+// stream opens it and comes back to a position there, on every word width.
+TEST_F(FileTest, OffsetsAndSizesPast4GiB) {
+    const std::string path = home() + "/large";
+    constexpr int64_t kGiB = int64_t{1} << 30, kLast = 5 * kGiB + 3;
+    int32_t handle = -1, count = 0;
+    ASSERT_TRUE(FileSysOpen(&handle, path.c_str(), FILE_MODE_BINARY | FILE_MODE_WRITE));
+    ASSERT_TRUE(FileSysSeek(handle, kLast));
+    ASSERT_TRUE(FileSysWrite(&count, handle, "z", 1));
+    int64_t offset = 0, size = 0;
+    EXPECT_TRUE(FileSysGetOffset(&offset, handle));
+    EXPECT_EQ(offset, kLast + 1);
+    EXPECT_TRUE(FileSysSize(&size, handle));
+    EXPECT_EQ(size, kLast + 1);
+    ASSERT_TRUE(FileSysSeekRelative(handle, -4 * kGiB));
+    EXPECT_TRUE(FileSysGetOffset(&offset, handle));
+    EXPECT_EQ(offset, kLast + 1 - 4 * kGiB);
+    FileSysClose(&handle);
+    SYS_STAT status{};
+    ASSERT_TRUE(FileStat(&status, path.c_str(), 1));
+    EXPECT_EQ(status.size, kLast + 1);
+
+    FILE_STREAM *stream = nullptr;
+    ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), FILE_MODE_BINARY | FILE_MODE_READ));
+    fpos_t end{};
+    unsigned char byte = 0;
+    ASSERT_TRUE(FileStreamSeekEnd(stream) && FileStreamGetOffset(&end, stream));
+    ASSERT_TRUE(FileStreamSeekStart(stream) && FileStreamSeek(stream, end));
+    ASSERT_TRUE(FileStreamSeekRelative(stream, -1) && FileStreamReadByte(stream, &byte));
+    EXPECT_EQ(byte, 'z');
+    FileStreamClose(&stream);
+}
+
 TEST_F(FileTest, CopiesMovesLoadsAndMatches) {
     const std::string a = home() + "/a", b = home() + "/b";
     mkdir(a.c_str(), 0755);

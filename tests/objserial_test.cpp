@@ -105,22 +105,29 @@ TEST_F(SerialTest, ComponentsLocalDataAndPointers) {
     ObjReleaseInternal(&fromPlain);
     ObjReleaseInternal(&fromWhole);
 
-    // A pointer above 4 GiB survives an in-process copy; bytes that leave the
-    // process keep only its low word.
-    node->pointer = reinterpret_cast<void *>(uintptr_t{0x123456789A});
+    // A p component: an in-process copy keeps the whole pointer, a pointer
+    // above 4 GiB too; bytes that leave the process keep its low 32 bits,
+    // which on a 32-bit build are all of it.
     node->data = {3, MemAllocateFromPool(3, nullptr)};
     memcpy(node->data.pData, "xyz", 3);
-    Node *copy = nullptr;
-    ASSERT_TRUE(ObjDuplicate(reinterpret_cast<void **>(&copy), node));
-    EXPECT_EQ(copy->pointer, node->pointer);
-    EXPECT_EQ(memcmp(copy->data.pData, "xyz", 3), 0);
-    EXPECT_STREQ(ObjGetString(copy->local), "local");
-    EXPECT_TRUE(ObjCompare(node, copy));
-    static_cast<Node *>(copy->next)->value = 4;
-    EXPECT_FALSE(ObjCompare(node, copy));
-    auto *wire = static_cast<Node *>(decode(encode(node)));
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(wire->pointer), 0x3456789Au);
-    for (Node *n : {node, copy, wire}) ObjReleaseInternal(&n);
+    const uintptr_t pointers[] = {0, 0x7FFFFFFF, 0x80000000, UINTPTR_MAX,
+                                  static_cast<uintptr_t>(UINT64_C(0x123456789A))};
+    for (const uintptr_t pointer : pointers) {
+        SCOPED_TRACE(pointer);
+        node->pointer = reinterpret_cast<void *>(pointer);
+        Node *copy = nullptr;
+        ASSERT_TRUE(ObjDuplicate(reinterpret_cast<void **>(&copy), node));
+        EXPECT_EQ(copy->pointer, node->pointer);
+        EXPECT_EQ(memcmp(copy->data.pData, "xyz", 3), 0);
+        EXPECT_STREQ(ObjGetString(copy->local), "local");
+        EXPECT_TRUE(ObjCompare(node, copy));
+        static_cast<Node *>(copy->next)->value = 4;
+        EXPECT_FALSE(ObjCompare(node, copy));
+        auto *wire = static_cast<Node *>(decode(encode(node)));
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(wire->pointer), static_cast<uint32_t>(pointer));
+        for (Node *n : {copy, wire}) ObjReleaseInternal(&n);
+    }
+    ObjReleaseInternal(&node);
 }
 
 TEST_F(SerialTest, SelfReferenceReadsBackButNotFromElsewhere) {
@@ -201,6 +208,22 @@ TEST_F(SerialTest, FramesInAGrowingBuffer) {
     ObjReleaseInternal(&big);
     ASSERT_TRUE(ObjBufferDescriptorFree(&d));
     EXPECT_EQ(d, nullptr);
+}
+
+// A buffer that is full at 2 GiB refuses to grow past it on every width: the
+// new capacity is reckoned where it cannot wrap around to a small number.
+TEST_F(SerialTest, BufferRefusesToGrowPast2GiB) {
+    char area[16] = {};
+    for (const int32_t start : {0, 16, INT32_MAX / 2}) {
+        ObjBufferDescriptor *d = nullptr;
+        ASSERT_TRUE(ObjBufferDescriptorCreate(&d, area, INT32_MAX, start));
+        d->Used = INT32_MAX; // as a buffer written full would stand
+        EXPECT_FALSE(ObjBufferInsertBytes(1, "x", d)) << start;
+        EXPECT_FALSE(ObjSerializeToBuffer(nullptr, 1, d)) << start;
+        EXPECT_EQ(d->Used, INT32_MAX);
+        EXPECT_EQ(d->Buffer, area);
+        ASSERT_TRUE(ObjBufferDescriptorFree(&d));
+    }
 }
 
 // A type of two shapes: the old one received as "i;o;", the new declared one.

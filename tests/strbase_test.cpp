@@ -310,6 +310,25 @@ TEST_F(StringTest, CopyRangeWritesWholeCharactersAndTerminatesOnlyAtTheSourceEnd
     EXPECT_STREQ(target, "abc"); // a new character 0 drops the old one
 }
 
+// A range as wide as an int32_t allows, from a string high in memory (on
+// 32-bit x86 the stack lies above 2 GiB, so the range reaches past the end
+// of the address space), still ends at the string's terminator: its end never
+// wraps round to an address below the string.
+TEST_F(StringTest, RangePastTheTopOfMemoryEndsAtTheTerminator) {
+    char onStack[] = "ab\x81\x41z";
+    char target[16];
+    memset(target, '#', sizeof target);
+    EXPECT_EQ(StrCopyRange(target, onStack, INT32_MAX), target + 5);
+    EXPECT_STREQ(target, onStack);
+    EXPECT_EQ(StrAppendRange(target, onStack, INT32_MAX), target + 10);
+    EXPECT_STREQ(target + 5, onStack);
+    EXPECT_EQ(StrNextCharMatchRange(onStack, 'z', INT32_MAX), onStack + 4);
+    EXPECT_EQ(StrNextCharMatchRange(onStack, '#', INT32_MAX), nullptr);
+    char other[] = "ab\x81\x41y";
+    EXPECT_EQ(StrCompareRange(onStack, other, INT32_MAX), 1);
+    EXPECT_EQ(StrCompareRangeNoCase(other, onStack, INT32_MAX), -1);
+}
+
 TEST_F(StringTest, PadAndTerminate) {
     char buffer[8];
     memset(buffer, '#', sizeof buffer);

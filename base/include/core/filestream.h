@@ -24,6 +24,13 @@
 
 #include "types.h"
 
+/* Positions are whole 64-bit offsets on every word width, and fpos_t is one
+ * only with 64-bit file offsets: a 32-bit program builds with
+ * _FILE_OFFSET_BITS=64, as fhcore.pc and the CMake package say. */
+#if __SIZEOF_LONG__ == 4 && (!defined(_FILE_OFFSET_BITS) || _FILE_OFFSET_BITS != 64)
+#error "a 32-bit program that uses fhcore builds with -D_FILE_OFFSET_BITS=64"
+#endif
+
 FH_BEGIN_DECLS
 
 #define FILE_STREAM_MAGIC 0xC922FE33u

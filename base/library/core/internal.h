@@ -46,6 +46,11 @@ inline uint32_t startMagic(const void *object) { return objectHeader(object)->St
 inline MemPool *objectPool(const void *object) {
     return (reinterpret_cast<MemBlockHeader *>(objectHeader(object)) - 1)->Pool;
 }
+// The heap's blocks are aligned to 8 at least, and so are the user area behind
+// a block header and the payload behind an object header, on either word
+// width: a 64-bit component of a payload sits on its own boundary.
+static_assert(sizeof(MemBlockHeader) % 8 == 0 && (sizeof(MemBlockHeader) + sizeof(ObjectHeader)) % 8 == 0,
+              "headers keep 8-byte alignment");
 
 // Per datatype of the component format language: payload bytes and
 // alignment on this machine, bytes in the stored form, and whether the

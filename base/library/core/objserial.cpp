@@ -190,12 +190,14 @@ class Writer {
         return false;
     }
 
-    // The new capacity is Start plus twice the capacity plus n plus 1,024.
+    // The new capacity is Start plus twice the capacity plus n plus 1,024,
+    // reckoned in 64 bits: a 32-bit size_t would wrap round to a small one.
     bool grow(size_t n) {
         ObjBufferDescriptor &d = *buffer_;
         const size_t used = written();
-        const size_t capacity = static_cast<size_t>(d.Start) + 2 * static_cast<size_t>(d.Capacity) + n + 1024;
-        if (capacity > INT32_MAX) return false;
+        const uint64_t wanted = static_cast<uint64_t>(d.Start) + 2 * static_cast<uint64_t>(d.Capacity) + n + 1024;
+        if (wanted > INT32_MAX) return false;
+        const auto capacity = static_cast<size_t>(wanted);
         auto *grown = static_cast<char *>(MemAllocateFromPool(capacity, pool()));
         if (d.Buffer != nullptr) memcpy(grown, d.Buffer, std::min(used, static_cast<size_t>(d.Capacity)));
         if (d.Owned) MemFreeInternal(&d.Buffer);

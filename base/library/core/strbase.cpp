@@ -78,6 +78,13 @@ inline uintptr_t address(const Byte *p) { return reinterpret_cast<uintptr_t>(p);
 inline char *writable(const Byte *p) { return reinterpret_cast<char *>(const_cast<Byte *>(p)); }
 constexpr uintptr_t kNoBound = UINTPTR_MAX;
 
+// The end of a range of bytes from source. A range past the top of the
+// address space (a 32-bit one can hold one) ends there rather than wrapping.
+inline uintptr_t rangeEnd(const char *source, int32_t bytes) {
+    const uintptr_t start = address(text(source));
+    return bytes > 0 ? start + std::min<uintptr_t>(static_cast<uint32_t>(bytes), kNoBound - start) : start;
+}
+
 // The reader: the character at p, moving p past it; 0 on the terminator,
 // where p stays.
 inline int32_t readChar(const Byte *&p) {
@@ -151,7 +158,7 @@ Pair compareWalk(const char *a, const char *b, uintptr_t aEnd = kNoBound, int32_
 inline int32_t sign(const Pair &p) { return p.a < p.b ? -1 : p.a > p.b ? 1 : 0; }
 
 template <Case K> int32_t compareRange(const char *a, const char *b, int32_t bytes) {
-    return bytes < 1 ? 0 : sign(compareWalk<K, true>(a, b, address(text(a)) + bytes));
+    return bytes < 1 ? 0 : sign(compareWalk<K, true>(a, b, rangeEnd(a, bytes)));
 }
 
 template <Case K> int32_t compareExact(const char *a, const char *b, int32_t count) {
@@ -317,10 +324,6 @@ char *copyWalk(char *target, const char *source, uintptr_t end, int32_t oldChar 
     }
     if (address(p) < end) *out = 0;
     return reinterpret_cast<char *>(out);
-}
-
-inline uintptr_t rangeEnd(const char *source, int32_t bytes) {
-    return bytes > 0 ? address(text(source)) + static_cast<uint32_t>(bytes) : address(text(source));
 }
 
 char *newBlock(size_t bytes, MemPool *pool) { return static_cast<char *>(MemAllocateFromPool(bytes, pool)); }

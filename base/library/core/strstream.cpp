@@ -6,7 +6,9 @@
 // short never ends in half a character. A stream belongs to one thread, so
 // the bytes are taken without the stdio lock: the line reader is what every
 // scan of a configuration file runs on.
+#if defined(__SSE2__)
 #include <emmintrin.h>
+#endif
 
 #include <array>
 #include <cstring>
@@ -63,8 +65,10 @@ size_t takePlainRun(FILE *in, char *at, size_t room) {
     const auto *end = reinterpret_cast<const unsigned char *>(in->_IO_read_end);
     const auto *stop = end - from > static_cast<ptrdiff_t>(room) ? from + room : end;
     const auto *p = from;
+#if defined(__SSE2__)
     // Sixteen bytes at a time while none is a line feed, a carriage return
-    // or at or above 0x80; the table decides from the first that is.
+    // or at or above 0x80; the table decides from the first that is. (An x86
+    // without SSE2, as a 32-bit build may target, takes the table alone.)
     const __m128i lineFeed = _mm_set1_epi8('\n'), carriageReturn = _mm_set1_epi8('\r');
     for (; stop - p >= 16; p += 16) {
         const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
@@ -72,6 +76,7 @@ size_t takePlainRun(FILE *in, char *at, size_t room) {
             _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(bytes, lineFeed), _mm_cmpeq_epi8(bytes, carriageReturn)), bytes);
         if (_mm_movemask_epi8(special) != 0) break;
     }
+#endif
     while (p < stop && kPlain[*p]) ++p;
     const auto taken = static_cast<size_t>(p - from);
     memcpy(at, from, taken);

@@ -34,9 +34,18 @@ constexpr int32_t kLongestText = TRACE_RECORD_MAX - TRACE_RECORD_HEAD - 1; // 8,
 constexpr int32_t kOwnBufferBytes = 32768;
 constexpr TracePosition kNothingStored = {-1, -1, nullptr};
 
-static_assert(offsetof(TraceBuffer, Data) == 16, "ring head is 16 bytes");
-static_assert(offsetof(TraceRecord, Module) == 12 && offsetof(TraceRecord, Id) == 20 &&
-                  offsetof(TraceRecord, Level) == 32 && offsetof(TraceRecord, Text) == TRACE_RECORD_HEAD,
+// The ring as dump files hold it and other processes read it, of either word
+// width: 32-bit fields at fixed offsets, no pointer and no padding.
+static_assert(sizeof(TraceBuffer) == 16 && alignof(TraceBuffer) == 4 && offsetof(TraceBuffer, Size) == 0 &&
+                  offsetof(TraceBuffer, Position) == 4 && offsetof(TraceBuffer, Reserved) == 8 &&
+                  offsetof(TraceBuffer, Level) == 12 && offsetof(TraceBuffer, Data) == 16,
+              "ring head layout");
+static_assert(sizeof(TraceRecord) == TRACE_RECORD_HEAD && alignof(TraceRecord) == 4 &&
+                  offsetof(TraceRecord, Sequence) == 0 && offsetof(TraceRecord, Previous) == 4 &&
+                  offsetof(TraceRecord, Length) == 8 && offsetof(TraceRecord, Module) == 12 &&
+                  offsetof(TraceRecord, Id) == 20 && offsetof(TraceRecord, Code) == 24 &&
+                  offsetof(TraceRecord, Time) == 28 && offsetof(TraceRecord, Level) == 32 &&
+                  offsetof(TraceRecord, Reserved) == 36 && offsetof(TraceRecord, Text) == TRACE_RECORD_HEAD,
               "record head layout");
 
 bool gMultiThreaded = false;
