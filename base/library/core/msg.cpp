@@ -1,8 +1,8 @@
 // msg.cpp - messaging: the names of message ids.
 //
 // The catalogue is one list: the family lists of base/include/messages,
-// expanded here, family after family in id order, into kCatalogue, a static
-// table of {name, id} rows. MsgInitializeThread copies the rows into the
+// expanded here in id order (msgcatalogue.h) into kCatalogue, a static table
+// of {name, id} rows. MsgInitializeThread copies the rows into the
 // context's name map, a MAP of the same rows sorted by id, to which
 // MsgSetMsgName adds names at run time, their text in the module's pool.
 // A name is found by id with a binary search of the map's array, and an id
@@ -19,15 +19,7 @@
 #include <iterator>
 
 #include "internal.h"
-#include "messages/interfaces.h"
-#include "messages/msgcfgserver.h"
-#include "messages/msgcmgr.h"
-#include "messages/msglogdaemon.h"
-#include "messages/msgmsg.h"
-#include "messages/msgnmgr.h"
-#include "messages/msgpmgr.h"
-#include "messages/msgtimer.h"
-#include "messages/msgtrace.h"
+#include "messages/msgcatalogue.h"
 #include "msgnames.h"
 
 namespace {
@@ -37,24 +29,6 @@ constexpr fh::ModuleTracer trace{"MESSAGE        "};
 enum TraceId : int32_t { kIdLoaded = 1, kIdMapFailed = 2, kIdBadBuffer = 3, kIdNameTaken = 4, kIdBadName = 5 };
 
 using fh::MessageName;
-
-// Every family, in ascending order of ids.
-#define FH_MSG_CATALOGUE(FIRST, NAME, SKIP)           \
-    FH_MSG_FAMILY_CHANNEL_STATUS(FIRST, NAME, SKIP)   \
-    FH_MSG_FAMILY_PMGR(FIRST, NAME, SKIP)             \
-    FH_MSG_FAMILY_CMGR(FIRST, NAME, SKIP)             \
-    FH_MSG_FAMILY_NMGR(FIRST, NAME, SKIP)             \
-    FH_MSG_FAMILY_PLUGIN(FIRST, NAME, SKIP)           \
-    FH_MSG_FAMILY_LOGD(FIRST, NAME, SKIP)             \
-    FH_MSG_FAMILY_CHANNEL(FIRST, NAME, SKIP)          \
-    FH_MSG_FAMILY_DB(FIRST, NAME, SKIP)               \
-    FH_MSG_FAMILY_NDMP(FIRST, NAME, SKIP)             \
-    FH_MSG_FAMILY_CFG_SVR(FIRST, NAME, SKIP)          \
-    FH_MSG_FAMILY_TIMER(FIRST, NAME, SKIP)            \
-    FH_MSG_FAMILY_TRACE(FIRST, NAME, SKIP)            \
-    FH_MSG_FAMILY_NDMP_SNAP(FIRST, NAME, SKIP)        \
-    FH_MSG_FAMILY_FH(FIRST, NAME, SKIP)               \
-    FH_MSG_FAMILY_NDMP_FHS(FIRST, NAME, SKIP)
 
 #define FH_MSG_ROW(name) {#name, name},
 #define FH_MSG_FIRST_ROW(name, id) FH_MSG_ROW(name)
