@@ -19,12 +19,19 @@ namespace {
 using SigTest = LibraryTest;
 
 // Runs body in a child; its exit code (0: every check held, else the number
-// of the first that failed), or -1 if it didn't exit.
+// of the first that failed), or -1 if it didn't exit within 10 seconds.
 template <typename Body> int inChild(Body body) {
     const pid_t pid = fork();
     if (pid == 0) _exit(body());
     int status = 0;
-    waitpid(pid, &status, 0);
+    for (int waited = 0; waitpid(pid, &status, WNOHANG) == 0; ++waited) {
+        if (waited == 1000) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            return -1;
+        }
+        usleep(10 * 1000);
+    }
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
@@ -118,6 +125,7 @@ TEST_F(SigTest, PauseEndsOnAnotherSignalNotItsOwn) {
     char byte;
     ASSERT_EQ(read(ready[0], &byte, 1), 1);
     kill(pid, SIGUSR1);
+    usleep(100 * 1000); // time for a pause that wrongly lets SIGUSR1 in to end on it
     // Until the child reports, keep nudging it: a SIGUSR2 that arrives before
     // it pauses is handled and the pause waits for the next one.
     char order[16] = {};
@@ -132,6 +140,7 @@ TEST_F(SigTest, PauseEndsOnAnotherSignalNotItsOwn) {
     // SIGUSR2 (perhaps more than one, some before the pause) ends the pause;
     // only then is the held SIGUSR1 handled, once.
     const std::string seen = order;
+    ASSERT_GE(seen.size(), 2u) << seen;
     EXPECT_EQ(seen.find('1'), seen.size() - 1) << seen;
     EXPECT_EQ(seen.find_first_not_of('2'), seen.size() - 1) << seen;
     for (int fd : {ready[0], ready[1], done[0], done[1]}) close(fd);
