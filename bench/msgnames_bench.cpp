@@ -33,7 +33,8 @@ constexpr size_t scattered(size_t i) { return i * 211 % kCount; }
 
 void nameById(benchmark::State &state) {
     for (auto _ : state)
-        for (size_t i = 0; i < kCount; ++i) benchmark::DoNotOptimize(MsgNameWithBuffer(kRows[scattered(i)].id, nullptr, 0));
+        for (size_t i = 0; i < kCount; ++i)
+            benchmark::DoNotOptimize(MsgNameWithBuffer(kRows[scattered(i)].id, nullptr, 0));
     state.SetItemsProcessed(state.iterations() * kCount);
 }
 

@@ -58,7 +58,8 @@ void checkSize(char *text) {
     CHECK(blank != nullptr && blank > text);
     const std::string label = blank + 1;
     CHECK(label == "bytes" || label == "Kbytes" || label == "Mbytes");
-    for (const char *digit = text[0] == '-' ? text + 1 : text; digit < blank; ++digit) CHECK(*digit >= '0' && *digit <= '9');
+    for (const char *digit = text[0] == '-' ? text + 1 : text; digit < blank; ++digit)
+        CHECK(*digit >= '0' && *digit <= '9');
     MemFreeInternal(&text);
 }
 

@@ -23,7 +23,8 @@ int main(void) {
     ObjReleaseInternal(&item);
     ObjReleaseInternal(&list);
     /* The message headers give ids, the library their names. */
-    if (PMGR_TASK_MSG != 1010 || strcmp(MsgNameWithBuffer(TRACE_TO_FILE_MSG, NULL, 0), "TRACE_TO_FILE_MSG") != 0) return 7;
+    if (PMGR_TASK_MSG != 1010 || strcmp(MsgNameWithBuffer(TRACE_TO_FILE_MSG, NULL, 0), "TRACE_TO_FILE_MSG") != 0)
+        return 7;
     ContextReleaseThread();
     puts("C interface works");
     return 0;

@@ -102,8 +102,12 @@ TEST_F(SysTest, MachineNameIsTheNodeNameCutTo63UnlessConfigured) {
         bool setDuringLookup;
         const char *expected; // null: no name
     } cases[] = {
-        {seventy, "", false, nullptr},     {sixtyFour, "", false, nullptr}, {"short", "", false, "short"},
-        {seventy, "cfgname", false, "cfgname"}, {"", "cfgname", false, "cfgname"}, {"", "", false, nullptr},
+        {seventy, "", false, nullptr},
+        {sixtyFour, "", false, nullptr},
+        {"short", "", false, "short"},
+        {seventy, "cfgname", false, "cfgname"},
+        {"", "cfgname", false, "cfgname"},
+        {"", "", false, nullptr},
         {seventy, "cfgname", true, "set-meanwhile"},
     };
     const std::string file = home() + "/config/configure.cfg";
@@ -212,23 +216,26 @@ const rlim_t kMega = 1 << 20;
 
 TEST_F(SysTest, SoftFileSizeLimitIsLiftedUpToTheHardOne) {
     EXPECT_EQ(inChild([&] {
-        if (!setFileSizeLimits(kMega, RLIM_INFINITY) || SysSetLimits() != 0) return 1;
-        return fileSizeLimits(RLIM_INFINITY, RLIM_INFINITY) ? 0 : 2;
-    }), 0);
+                  if (!setFileSizeLimits(kMega, RLIM_INFINITY) || SysSetLimits() != 0) return 1;
+                  return fileSizeLimits(RLIM_INFINITY, RLIM_INFINITY) ? 0 : 2;
+              }),
+              0);
     EXPECT_EQ(inChild([&] {
-        if (!setFileSizeLimits(kMega, 2 * kMega) || SysSetLimits() != -1) return 1;
-        return fileSizeLimits(kMega, 2 * kMega) ? 0 : 2;
-    }), 0);
+                  if (!setFileSizeLimits(kMega, 2 * kMega) || SysSetLimits() != -1) return 1;
+                  return fileSizeLimits(kMega, 2 * kMega) ? 0 : 2;
+              }),
+              0);
     // Without privilege (dropped here if the test has it) the hard limit
     // stays, and so does the soft one; the creation mask is cleared anyway.
     EXPECT_EQ(inChild([&] {
-        if (!setFileSizeLimits(kMega, 2 * kMega)) return 1;
-        rlim_t hard = 2 * kMega;
-        if (setFileSizeLimits(kMega, 4 * kMega) && (hard = 4 * kMega, setuid(65534) != 0)) return 2;
-        umask(022);
-        if (SysMaxFileLimit() || umask(0) != 0) return 3;
-        return fileSizeLimits(kMega, hard) ? 0 : 4;
-    }), 0);
+                  if (!setFileSizeLimits(kMega, 2 * kMega)) return 1;
+                  rlim_t hard = 2 * kMega;
+                  if (setFileSizeLimits(kMega, 4 * kMega) && (hard = 4 * kMega, setuid(65534) != 0)) return 2;
+                  umask(022);
+                  if (SysMaxFileLimit() || umask(0) != 0) return 3;
+                  return fileSizeLimits(kMega, hard) ? 0 : 4;
+              }),
+              0);
 }
 
 TEST_F(SysTest, HardFileSizeLimitIsLiftedWithPrivilege) {
@@ -274,8 +281,12 @@ TEST_F(SysTest, DiskFreeSpaceOnRealAndSmallFileSystems) {
         int64_t bytes;
         int32_t percent;
     } cases[] = {
-        {4096, 1024, 1000, 250, 256000, 25}, {4096, 0, 1000, 250, 1024000, 25}, {512, 512, 50, 25, 12800, 50},
-        {512, 512, 1, 1, 512, 100},          {512, 512, 0, 0, 0, 0},            {512, 512, 150, 150, 76800, 100},
+        {4096, 1024, 1000, 250, 256000, 25},
+        {4096, 0, 1000, 250, 1024000, 25},
+        {512, 512, 50, 25, 12800, 50},
+        {512, 512, 1, 1, 512, 100},
+        {512, 512, 0, 0, 0, 0},
+        {512, 512, 150, 150, 76800, 100},
         {512, 512, 12345, 0, 0, 0},
     };
     fh::sys().statvfs = fakeStatvfs;

@@ -46,55 +46,57 @@ volatile sig_atomic_t gHeldAfterInnerSection = -1;
 
 TEST_F(SigTest, HandlerRunsWithAlarmHeldAndInterruptsCalls) {
     EXPECT_EQ(inChild([] {
-        auto handler = [](int) { gAlarmHeldInHandler = held(SIGALRM); };
-        if (SigSet(SIGUSR1, handler) != SIG_DFL || SigGet(SIGUSR1) != handler) return 1;
-        raise(SIGUSR1);
-        if (gAlarmHeldInHandler != 1 || held(SIGALRM)) return 2;
-        // No SA_RESTART: a read that a handled signal interrupts fails with EINTR.
-        int pipeEnds[2];
-        if (pipe(pipeEnds) != 0 || SigSet(SIGALRM, [](int) {}) != SIG_DFL) return 3;
-        itimerval shortly{{0, 0}, {0, 50 * 1000}};
-        setitimer(ITIMER_REAL, &shortly, nullptr);
-        char byte;
-        if (read(pipeEnds[0], &byte, 1) != -1 || errno != EINTR) return 4;
-        if (SigIgnore(SIGUSR1) != handler || SigGet(SIGUSR1) != SIG_IGN) return 5;
-        if (SigSet(0, handler) != SIG_ERR || SigGet(-1) != SIG_ERR) return 6;
-        return 0;
-    }), 0);
+                  auto handler = [](int) { gAlarmHeldInHandler = held(SIGALRM); };
+                  if (SigSet(SIGUSR1, handler) != SIG_DFL || SigGet(SIGUSR1) != handler) return 1;
+                  raise(SIGUSR1);
+                  if (gAlarmHeldInHandler != 1 || held(SIGALRM)) return 2;
+                  // No SA_RESTART: a read that a handled signal interrupts fails with EINTR.
+                  int pipeEnds[2];
+                  if (pipe(pipeEnds) != 0 || SigSet(SIGALRM, [](int) {}) != SIG_DFL) return 3;
+                  itimerval shortly{{0, 0}, {0, 50 * 1000}};
+                  setitimer(ITIMER_REAL, &shortly, nullptr);
+                  char byte;
+                  if (read(pipeEnds[0], &byte, 1) != -1 || errno != EINTR) return 4;
+                  if (SigIgnore(SIGUSR1) != handler || SigGet(SIGUSR1) != SIG_IGN) return 5;
+                  if (SigSet(0, handler) != SIG_ERR || SigGet(-1) != SIG_ERR) return 6;
+                  return 0;
+              }),
+              0);
 }
 
 TEST_F(SigTest, OnlyTheOutermostSectionReleasesAlarm) {
     EXPECT_EQ(inChild([] {
-        SigNotifyStop();
-        SigNotifyStop();
-        SigNotifyStart();
-        if (!held(SIGALRM)) return 1;
-        SigNotifyStart();
-        if (held(SIGALRM)) return 2;
-        SigNotifyStart(); // one too many changes nothing
-        SigNotifyStop();
-        if (!held(SIGALRM)) return 3;
-        // A handler that opens and closes a section inside the outer one
-        // leaves alarm held, in the handler and after it.
-        SigSet(SIGUSR1, [](int) {
-            SigNotifyStop();
-            SigNotifyStart();
-            gHeldAfterInnerSection = held(SIGALRM);
-        });
-        raise(SIGUSR1);
-        if (gHeldAfterInnerSection != 1 || !held(SIGALRM)) return 4;
-        SigNotifyStart();
-        if (held(SIGALRM)) return 5;
-        // A handler counts as a section of its own.
-        SigEnteringHandler();
-        SigNotifyStop();
-        SigNotifyStart();
-        if (!held(SIGALRM)) return 6;
-        SigLeavingHandler();
-        SigNotifyStop();
-        SigNotifyStart();
-        return held(SIGALRM) ? 7 : 0;
-    }), 0);
+                  SigNotifyStop();
+                  SigNotifyStop();
+                  SigNotifyStart();
+                  if (!held(SIGALRM)) return 1;
+                  SigNotifyStart();
+                  if (held(SIGALRM)) return 2;
+                  SigNotifyStart(); // one too many changes nothing
+                  SigNotifyStop();
+                  if (!held(SIGALRM)) return 3;
+                  // A handler that opens and closes a section inside the outer one
+                  // leaves alarm held, in the handler and after it.
+                  SigSet(SIGUSR1, [](int) {
+                      SigNotifyStop();
+                      SigNotifyStart();
+                      gHeldAfterInnerSection = held(SIGALRM);
+                  });
+                  raise(SIGUSR1);
+                  if (gHeldAfterInnerSection != 1 || !held(SIGALRM)) return 4;
+                  SigNotifyStart();
+                  if (held(SIGALRM)) return 5;
+                  // A handler counts as a section of its own.
+                  SigEnteringHandler();
+                  SigNotifyStop();
+                  SigNotifyStart();
+                  if (!held(SIGALRM)) return 6;
+                  SigLeavingHandler();
+                  SigNotifyStop();
+                  SigNotifyStart();
+                  return held(SIGALRM) ? 7 : 0;
+              }),
+              0);
 }
 
 // The child pauses on SIGUSR1 with SIGUSR1 already pending; SIGUSR2 ends the
@@ -148,25 +150,27 @@ TEST_F(SigTest, PauseEndsOnAnotherSignalNotItsOwn) {
 
 TEST_F(SigTest, IgnoreAllKeepsTheMask) {
     EXPECT_EQ(inChild([] {
-        SigSet(SIGTERM, [](int) { _exit(9); });
-        SigHold(SIGUSR2);
-        if (SigIgnoreAll() != 0) return 1;
-        if (SigGet(SIGTERM) != SIG_IGN || SigGet(SIGHUP) != SIG_IGN || SigGet(SIGUSR1) != SIG_IGN) return 2;
-        if (!held(SIGUSR2) || held(SIGUSR1) || held(SIGTERM)) return 3;
-        raise(SIGTERM);
-        raise(SIGUSR1);
-        // Holding by number and by set, and refusing what isn't a signal.
-        sigset_t both;
-        sigemptyset(&both);
-        sigaddset(&both, SIGUSR1);
-        sigaddset(&both, SIGHUP);
-        if (SigHoldSet(&both) != 0 || !held(SIGUSR1) || !held(SIGHUP)) return 4;
-        if (SigReleaseSet(&both) != 0 || held(SIGUSR1) || held(SIGHUP)) return 5;
-        if (SigRelease(SIGUSR2) != 0 || held(SIGUSR2)) return 6;
-        if (SigHoldAll() != 0 || !held(SIGTERM) || !held(SIGINT)) return 7;
-        if (SigHold(0) != -1 || SigHold(1000) != -1 || SigHoldSet(nullptr) != -1 || SigPause(0) != -1) return 8;
-        return SigErrorCode();
-    }), 0);
+                  SigSet(SIGTERM, [](int) { _exit(9); });
+                  SigHold(SIGUSR2);
+                  if (SigIgnoreAll() != 0) return 1;
+                  if (SigGet(SIGTERM) != SIG_IGN || SigGet(SIGHUP) != SIG_IGN || SigGet(SIGUSR1) != SIG_IGN) return 2;
+                  if (!held(SIGUSR2) || held(SIGUSR1) || held(SIGTERM)) return 3;
+                  raise(SIGTERM);
+                  raise(SIGUSR1);
+                  // Holding by number and by set, and refusing what isn't a signal.
+                  sigset_t both;
+                  sigemptyset(&both);
+                  sigaddset(&both, SIGUSR1);
+                  sigaddset(&both, SIGHUP);
+                  if (SigHoldSet(&both) != 0 || !held(SIGUSR1) || !held(SIGHUP)) return 4;
+                  if (SigReleaseSet(&both) != 0 || held(SIGUSR1) || held(SIGHUP)) return 5;
+                  if (SigRelease(SIGUSR2) != 0 || held(SIGUSR2)) return 6;
+                  if (SigHoldAll() != 0 || !held(SIGTERM) || !held(SIGINT)) return 7;
+                  if (SigHold(0) != -1 || SigHold(1000) != -1 || SigHoldSet(nullptr) != -1 || SigPause(0) != -1)
+                      return 8;
+                  return SigErrorCode();
+              }),
+              0);
 }
 
 } // namespace

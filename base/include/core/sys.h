@@ -33,7 +33,7 @@ typedef struct SYS_STAT {
     int32_t access_time;
     int32_t modify_time;
     int32_t change_time;
-    int32_t reserved;   /* 0 */
+    int32_t reserved; /* 0 */
 } SYS_STAT;
 
 /* The name of this machine in the system: "Name" in section "Machine" of

@@ -19,21 +19,21 @@
 #include "msgtimer.h"
 #include "msgtrace.h"
 
-#define FH_MSG_CATALOGUE(FIRST, NAME, SKIP)         \
-    FH_MSG_FAMILY_CHANNEL_STATUS(FIRST, NAME, SKIP) \
-    FH_MSG_FAMILY_PMGR(FIRST, NAME, SKIP)           \
-    FH_MSG_FAMILY_CMGR(FIRST, NAME, SKIP)           \
-    FH_MSG_FAMILY_NMGR(FIRST, NAME, SKIP)           \
-    FH_MSG_FAMILY_PLUGIN(FIRST, NAME, SKIP)         \
-    FH_MSG_FAMILY_LOGD(FIRST, NAME, SKIP)           \
-    FH_MSG_FAMILY_CHANNEL(FIRST, NAME, SKIP)        \
-    FH_MSG_FAMILY_DB(FIRST, NAME, SKIP)             \
-    FH_MSG_FAMILY_NDMP(FIRST, NAME, SKIP)           \
-    FH_MSG_FAMILY_CFG_SVR(FIRST, NAME, SKIP)        \
-    FH_MSG_FAMILY_TIMER(FIRST, NAME, SKIP)          \
-    FH_MSG_FAMILY_TRACE(FIRST, NAME, SKIP)          \
-    FH_MSG_FAMILY_NDMP_SNAP(FIRST, NAME, SKIP)      \
-    FH_MSG_FAMILY_FH(FIRST, NAME, SKIP)             \
+#define FH_MSG_CATALOGUE(FIRST, NAME, SKIP)                                                                            \
+    FH_MSG_FAMILY_CHANNEL_STATUS(FIRST, NAME, SKIP)                                                                    \
+    FH_MSG_FAMILY_PMGR(FIRST, NAME, SKIP)                                                                              \
+    FH_MSG_FAMILY_CMGR(FIRST, NAME, SKIP)                                                                              \
+    FH_MSG_FAMILY_NMGR(FIRST, NAME, SKIP)                                                                              \
+    FH_MSG_FAMILY_PLUGIN(FIRST, NAME, SKIP)                                                                            \
+    FH_MSG_FAMILY_LOGD(FIRST, NAME, SKIP)                                                                              \
+    FH_MSG_FAMILY_CHANNEL(FIRST, NAME, SKIP)                                                                           \
+    FH_MSG_FAMILY_DB(FIRST, NAME, SKIP)                                                                                \
+    FH_MSG_FAMILY_NDMP(FIRST, NAME, SKIP)                                                                              \
+    FH_MSG_FAMILY_CFG_SVR(FIRST, NAME, SKIP)                                                                           \
+    FH_MSG_FAMILY_TIMER(FIRST, NAME, SKIP)                                                                             \
+    FH_MSG_FAMILY_TRACE(FIRST, NAME, SKIP)                                                                             \
+    FH_MSG_FAMILY_NDMP_SNAP(FIRST, NAME, SKIP)                                                                         \
+    FH_MSG_FAMILY_FH(FIRST, NAME, SKIP)                                                                                \
     FH_MSG_FAMILY_NDMP_FHS(FIRST, NAME, SKIP)
 
 #endif /* FHCORE_MESSAGES_MSGCATALOGUE_H */

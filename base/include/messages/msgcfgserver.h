@@ -8,8 +8,8 @@
 #include "msgfamily.h"
 
 /* The configuration server: 4701 and 4702. */
-#define FH_MSG_FAMILY_CFG_SVR(FIRST, NAME, SKIP)  \
-    FIRST(CFG_SVR_CONFIG_REQUEST_MSG, 4701)       \
+#define FH_MSG_FAMILY_CFG_SVR(FIRST, NAME, SKIP)                                                                       \
+    FIRST(CFG_SVR_CONFIG_REQUEST_MSG, 4701)                                                                            \
     NAME(CFG_SVR_CONFIG_REPLY_MSG)
 
 FH_MSG_DECLARE_FAMILY(FH_MSG_FAMILY_CFG_SVR)

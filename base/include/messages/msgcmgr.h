@@ -9,11 +9,11 @@
 #include "msgfamily.h"
 
 /* The communication manager: 1100 to 1104. */
-#define FH_MSG_FAMILY_CMGR(FIRST, NAME, SKIP)  \
-    FIRST(CMGR_REQUEST_MESSAGE_MSG, 1100)      \
-    NAME(CMGR_NO_MESSAGES_MSG)                 \
-    NAME(CMGR_PROCESS_UNREACHABLE_MSG)         \
-    NAME(CMGR_MACHINE_DOWN_MSG)                \
+#define FH_MSG_FAMILY_CMGR(FIRST, NAME, SKIP)                                                                          \
+    FIRST(CMGR_REQUEST_MESSAGE_MSG, 1100)                                                                              \
+    NAME(CMGR_NO_MESSAGES_MSG)                                                                                         \
+    NAME(CMGR_PROCESS_UNREACHABLE_MSG)                                                                                 \
+    NAME(CMGR_MACHINE_DOWN_MSG)                                                                                        \
     NAME(CMGR_DROPPED_CHANNEL_MSG)
 
 FH_MSG_DECLARE_FAMILY(FH_MSG_FAMILY_CMGR)

@@ -21,7 +21,7 @@
 
 #define FH_MSG_ENUM_FIRST(name, id) name = (id),
 #define FH_MSG_ENUM_NAME(name) name,
-#define FH_MSG_ENUM_SKIP(first, last) \
+#define FH_MSG_ENUM_SKIP(first, last)                                                                                  \
     fhMsgUnassigned##first, fhMsgUnassignedTo##last = fhMsgUnassigned##first + ((last) - (first)),
 
 /* The enum constants of a family list. */

@@ -33,7 +33,7 @@ using fh::MessageName;
 #define FH_MSG_ROW(name) {#name, name},
 #define FH_MSG_FIRST_ROW(name, id) FH_MSG_ROW(name)
 #define FH_MSG_NOTHING(...)
-#define FH_MSG_CHECK_GAP(first, last) \
+#define FH_MSG_CHECK_GAP(first, last)                                                                                  \
     static_assert(fhMsgUnassigned##first == (first) && (first) <= (last), "a gap begins after the id before it");
 
 constexpr MessageName kCatalogue[] = {FH_MSG_CATALOGUE(FH_MSG_FIRST_ROW, FH_MSG_ROW, FH_MSG_NOTHING)};
@@ -64,7 +64,8 @@ std::span<const MessageName> rows() {
 }
 
 const MessageName *find(std::span<const MessageName> in, int32_t id) {
-    auto at = std::lower_bound(in.begin(), in.end(), id, [](const MessageName &row, int32_t key) { return row.id < key; });
+    auto at =
+        std::lower_bound(in.begin(), in.end(), id, [](const MessageName &row, int32_t key) { return row.id < key; });
     return at != in.end() && at->id == id ? &*at : nullptr;
 }
 
@@ -120,7 +121,8 @@ const char *MsgNameWithBuffer(int32_t type, char *buffer, int32_t size) {
 BOOL MsgTypeFromName(int32_t *type, const char *name) {
     if (type == nullptr || name == nullptr) return FALSE;
     const std::span<const MessageName> in = rows();
-    auto match = std::find_if(in.begin(), in.end(), [&](const MessageName &row) { return StrCompareNoCase(row.name, name) == 0; });
+    auto match = std::find_if(in.begin(), in.end(),
+                              [&](const MessageName &row) { return StrCompareNoCase(row.name, name) == 0; });
     if (match == in.end()) return FALSE;
     *type = match->id;
     return TRUE;

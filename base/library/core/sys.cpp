@@ -49,9 +49,8 @@ int fcntlFlags(int fd, int command, int flags) { return fcntl(fd, command, flags
 int fcntlLock(int fd, int command, struct flock *lock) { return fcntl(fd, command, lock); }
 
 constexpr fh::SystemCalls kPlatform = {
-    openFile, ::close,   ::read,  ::write,   ::lseek,       ::ftruncate, fcntlFlags, fcntlLock, ::rename,
-    ::unlink, ::rmdir,   ::stat,  ::lstat,   ::fstat,       ::opendir,   ::readdir,  ::gethostname,
-    ::statvfs, ::putenv,
+    openFile, ::close, ::read,  ::write, ::lseek,   ::ftruncate, fcntlFlags,    fcntlLock, ::rename, ::unlink,
+    ::rmdir,  ::stat,  ::lstat, ::fstat, ::opendir, ::readdir,   ::gethostname, ::statvfs, ::putenv,
 };
 fh::SystemCalls gCalls = kPlatform;
 
@@ -114,7 +113,8 @@ BOOL unitString(char **out, int64_t value, bool wide) {
     if (out == nullptr) return FALSE;
     const SizeUnit &unit = unitOf(value, wide);
     const uint64_t round = (uint64_t{1} << unit.shift) - 1;
-    const int64_t shown = unit.shift == 0 ? value : static_cast<int64_t>((static_cast<uint64_t>(value) + round) >> unit.shift);
+    const int64_t shown =
+        unit.shift == 0 ? value : static_cast<int64_t>((static_cast<uint64_t>(value) + round) >> unit.shift);
     char *number = nullptr;
     StrFromInt64(&number, shown);
     *out = StrCat(number, " ", LocaleGetStaticString(unit.label, unit.number + (wide ? 0 : kNarrowLabels)), nullptr);
@@ -239,8 +239,9 @@ BOOL SysGetDiskFreeSpace(int64_t *bytes, int32_t *percent, const char *path) {
     const uint64_t unit = status.f_frsize != 0 ? status.f_frsize : status.f_bsize;
     uint64_t freeBytes = 0;
     if (bytes != nullptr)
-        *bytes = __builtin_mul_overflow(free, unit, &freeBytes) || freeBytes > INT64_MAX ? INT64_MAX
-                                                                                          : static_cast<int64_t>(freeBytes);
+        *bytes = __builtin_mul_overflow(free, unit, &freeBytes) || freeBytes > INT64_MAX
+                     ? INT64_MAX
+                     : static_cast<int64_t>(freeBytes);
     if (percent != nullptr) {
         // A hundredth of the blocks, exact below 100 blocks, and 0 % of none;
         // never above 100.

@@ -22,8 +22,8 @@ constexpr fh::ModuleTracer trace{"SIGNAL        "};
 
 enum TraceId : int32_t { kIdCleanup = 1, kIdSetFailed = 2 };
 
-sigset_t gNotifySet;                    // empty until SigInitialize
-volatile sig_atomic_t gSectionsOn = 0;  // the switch
+sigset_t gNotifySet;                   // empty until SigInitialize
+volatile sig_atomic_t gSectionsOn = 0; // the switch
 volatile sig_atomic_t gNesting = 0;
 
 // sigaction with the notify set as the mask and no flags, so no SA_RESTART;
