@@ -5,8 +5,9 @@
 // of {name, id} rows. MsgInitializeThread copies the rows into the
 // context's name map, a MAP of the same rows sorted by id, to which
 // MsgSetMsgName adds names at run time, their text in the module's pool.
-// A name is found by id with a binary search of the map's array, and an id
-// by name with a walk of it in id order.
+// A name is found by id with a binary search, of the catalogue first and
+// then of the map's array, and an id by name with a walk of the map in id
+// order.
 //
 // Invariant: every id of the catalogue is in the map with the catalogue's
 // own text, so the text of an entry is the module's to free exactly when it
@@ -69,6 +70,14 @@ const MessageName *find(std::span<const MessageName> in, int32_t id) {
     return at != in.end() && at->id == id ? &*at : nullptr;
 }
 
+// The row of id in the map. An id of the catalogue has the catalogue's own
+// row there (the invariant), so the catalogue answers it without a load of
+// the map: a name is looked up in the trace of every message.
+const MessageName *findById(int32_t id) {
+    if (const MessageName *row = find(kCatalogue, id); row != nullptr) return row;
+    return nameMap() != nullptr ? find(rows(), id) : nullptr;
+}
+
 int32_t compareIds(const void *a, const void *b) {
     const int32_t x = static_cast<const MessageName *>(a)->id, y = static_cast<const MessageName *>(b)->id;
     return x < y ? -1 : x > y ? 1 : 0;
@@ -92,20 +101,17 @@ void copyCut(char *buffer, const char *text, int32_t limit) {
 
 constexpr const char *kUnknownFormat = "Unknown message type %ld";
 
-} // namespace
-
-std::span<const MessageName> fh::messageCatalogue() { return kCatalogue; }
-
-const char *MsgNameWithBuffer(int32_t type, char *buffer, int32_t size) {
+// MsgNameWithBuffer apart from a known name without a buffer: the text of
+// row (null for an unknown id) in buffer, or in the context's field.
+__attribute__((noinline)) const char *nameIntoText(int32_t type, const MessageName *row, char *buffer, int32_t size) {
     if (buffer != nullptr && size < 1) {
         trace(kIdBadBuffer, 0, -1, "MsgNameWithBuffer(%ld, %p, %ld) - bad buffer", static_cast<long>(type),
               static_cast<void *>(buffer), static_cast<long>(size));
         ProcCrash(0);
+        if (row != nullptr) return row->name;
         buffer = nullptr;
     }
-    const MessageName *row = find(rows(), type);
     if (buffer == nullptr) {
-        if (row != nullptr) return row->name;
         char *field = gtLmContext.szMsgUnknownName;
         snprintf(field, sizeof gtLmContext.szMsgUnknownName, kUnknownFormat, static_cast<long>(type));
         return field;
@@ -116,6 +122,16 @@ const char *MsgNameWithBuffer(int32_t type, char *buffer, int32_t size) {
     else
         snprintf(buffer, static_cast<size_t>(size), kUnknownFormat, static_cast<long>(type));
     return buffer;
+}
+
+} // namespace
+
+std::span<const MessageName> fh::messageCatalogue() { return kCatalogue; }
+
+const char *MsgNameWithBuffer(int32_t type, char *buffer, int32_t size) {
+    const MessageName *row = findById(type);
+    if (buffer == nullptr && row != nullptr) return row->name;
+    return nameIntoText(type, row, buffer, size);
 }
 
 BOOL MsgTypeFromName(int32_t *type, const char *name) {
