@@ -1,8 +1,10 @@
-/* The interface from C: the umbrella header compiles as C99 and the shared
- * object links and runs. */
+/* The interface from C: the umbrella header and the message headers compile
+ * as C99 and the shared object links and runs. */
 #include <stdio.h>
+#include <string.h>
 
 #include "core/fhcore.h"
+#include "messages/msgcatalogue.h"
 
 int main(void) {
     if (!ContextInitialize() || ContextGet() != &gtLmContext) return 1;
@@ -20,6 +22,9 @@ int main(void) {
     if (!ListPopFirstItemInternal(list, &item) || ObjGetInteger(item) != 5) return 6;
     ObjReleaseInternal(&item);
     ObjReleaseInternal(&list);
+    /* The message headers give ids, the library their names. */
+    if (PMGR_TASK_MSG != 1010 || strcmp(MsgNameWithBuffer(TRACE_TO_FILE_MSG, NULL, 0), "TRACE_TO_FILE_MSG") != 0)
+        return 7;
     ContextReleaseThread();
     puts("C interface works");
     return 0;

@@ -45,6 +45,11 @@ struct LmContext {
     /* Process: where the counters are copied for other processes to read. */
     unsigned char *pProcessTableEntry;
 
+    /* Messaging: the map of message names (a MAP), and the field in which
+     * the name of an unknown id is formatted. */
+    void *pMsgNameMap;
+    char szMsgUnknownName[80];
+
     /* Context. */
     void *pThreadContextMarker;
     void *pContextObjects;         /* the extension list (LIST) of context objects */

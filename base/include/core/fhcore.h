@@ -23,7 +23,9 @@
 #include "strwrap.h"
 #include "strparse.h"
 #include "timeout.h"
+#include "locale.h"
 #include "sys.h"
+#include "syssignal.h"
 #include "filesys.h"
 #include "file.h"
 #include "filestream.h"
@@ -32,5 +34,6 @@
 #include "cfglocal.h"
 #include "config.h"
 #include "path.h"
+#include "msg.h"
 
 #endif /* FHCORE_FHCORE_H */

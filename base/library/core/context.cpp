@@ -47,6 +47,7 @@ constexpr Module kModules[] = {
     {"Trace", 390, TraceInitialize, TraceInitializeThread, TraceReleaseThread},
     {"Memory", 395, MemoryInitialize, [](LmContext *) { return MemoryInitializeThread(); }, MemoryReleaseThread},
     {"Sys", 400, SysInitialize, [](LmContext *) { return SysInitializeThread(); }, SysReleaseThread},
+    {"Sig", 410, SigInitialize, [](LmContext *) { return SigInitializeThread(); }, SigReleaseThread},
     {"Path", 405, PathInitialize, [](LmContext *) { return PathInitializeThread(); }, PathReleaseThread},
     {"Map", 415, MapInitialize, [](LmContext *) { return MapInitializeThread(); }, MapReleaseThread},
     {"Obj", 420, ObjInitialize, [](LmContext *) { return ObjInitializeThread(); }, ObjReleaseThread},
@@ -59,6 +60,8 @@ constexpr Module kModules[] = {
     {"StnzFile", 455, StnzFileInitialize, [](LmContext *) { return StnzFileInitializeThread(); },
      StnzFileReleaseThread},
     {"Time", 475, TimeInitialize, [](LmContext *) { return TimeInitializeThread(); }, TimeReleaseThread},
+    {"Locale", 480, LocaleInitialize, [](LmContext *) { return LocaleInitializeThread(); }, LocaleReleaseThread},
+    {"Msg", 500, MsgInitialize, [](LmContext *) { return MsgInitializeThread(); }, MsgReleaseThread},
 };
 constexpr size_t kModuleCount = std::size(kModules);
 

@@ -165,6 +165,10 @@ void objectTemplateFree(ObjectTemplate *objectTemplate);
 void pathRegistryFile(const char *file);
 void pathMountTable(const char *file);
 
+// Test seam: forgets the machine name, so that the next SysLocalMachineName
+// looks it up again.
+void sysForgetMachineName();
+
 // Test seam: StrCompare with 16-byte blocks even where the processor has
 // wider ones, so that both bodies are tested on one machine.
 int32_t strCompareNarrow(const char *a, const char *b);

@@ -1,6 +1,7 @@
-// syscalls.h - the system calls of the file layer, through one table.
+// syscalls.h - the system calls of the file layer and the system module,
+// through one table.
 //
-// The file modules call the platform through fh::sys(), never directly, so
+// These modules call the platform through fh::sys(), never directly, so
 // that a test can make one call fail (or be interrupted) and check that the
 // operation failed cleanly. Only tests switch entries; the table starts as
 // the platform's own calls.
@@ -10,6 +11,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -37,6 +39,9 @@ struct SystemCalls {
     int (*fstat)(int fd, struct stat *status);
     DIR *(*opendir)(const char *path);
     struct dirent *(*readdir)(DIR *directory);
+    int (*gethostname)(char *name, size_t size); // the node name
+    int (*statvfs)(const char *path, struct statvfs *status);
+    int (*putenv)(char *entry);
 };
 
 // The table in use; tests change entries and put them back.

@@ -1,0 +1,21 @@
+/*
+ * msgcmgr.h - the messages of the communication manager,
+ * which carries messages between the processes of a machine and tells them
+ * when a process or a machine can no longer be reached.
+ */
+#ifndef FHCORE_MESSAGES_MSGCMGR_H
+#define FHCORE_MESSAGES_MSGCMGR_H
+
+#include "msgfamily.h"
+
+/* The communication manager: 1100 to 1104. */
+#define FH_MSG_FAMILY_CMGR(FIRST, NAME, SKIP)                                                                          \
+    FIRST(CMGR_REQUEST_MESSAGE_MSG, 1100)                                                                              \
+    NAME(CMGR_NO_MESSAGES_MSG)                                                                                         \
+    NAME(CMGR_PROCESS_UNREACHABLE_MSG)                                                                                 \
+    NAME(CMGR_MACHINE_DOWN_MSG)                                                                                        \
+    NAME(CMGR_DROPPED_CHANNEL_MSG)
+
+FH_MSG_DECLARE_FAMILY(FH_MSG_FAMILY_CMGR)
+
+#endif /* FHCORE_MESSAGES_MSGCMGR_H */

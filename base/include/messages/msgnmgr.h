@@ -1,0 +1,38 @@
+/*
+ * msgnmgr.h - the messages of the network manager, which
+ * knows the machines of the system: their details, their state and their
+ * security.
+ */
+#ifndef FHCORE_MESSAGES_MSGNMGR_H
+#define FHCORE_MESSAGES_MSGNMGR_H
+
+#include "msgfamily.h"
+
+/* The network manager: 1304 to 1325. */
+#define FH_MSG_FAMILY_NMGR(FIRST, NAME, SKIP)                                                                          \
+    FIRST(NMGR_CONNECTION_DROPPED_MSG, 1304)                                                                           \
+    NAME(NMGR_MACHINE_INFORMATION_MSG)                                                                                 \
+    NAME(NMGR_MACHINE_STATUS_REQUEST_MSG)                                                                              \
+    NAME(NMGR_MACHINE_STATUS_RESULTS_MSG)                                                                              \
+    NAME(NMGR_MACHINE_UNREACHABLE_MSG)                                                                                 \
+    NAME(NMGR_MACHINE_NAME_REQUEST_MSG)                                                                                \
+    NAME(NMGR_MACHINE_NAME_RESULT_MSG)                                                                                 \
+    NAME(NMGR_GET_DETAILS_MACHINE_MSG)                                                                                 \
+    NAME(NMGR_GET_DETAILS_MACHINE_RESULT_MSG)                                                                          \
+    NAME(NMGR_GET_DETAILS_ALL_MACHINES_MSG)                                                                            \
+    NAME(NMGR_GET_DETAILS_ALL_MACHINES_RESULT_MSG)                                                                     \
+    NAME(NMGR_SET_MACHINE_SECURITY_MSG)                                                                                \
+    NAME(NMGR_MACHINE_REMOVE_REQUEST_MSG)                                                                              \
+    NAME(NMGR_MACHINE_REMOVE_RESULT_MSG)                                                                               \
+    NAME(NMGR_GET_CURRENT_MACHINE_DETAILS_REQUEST_MSG)                                                                 \
+    NAME(NMGR_GET_CURRENT_MACHINE_DETAILS_RESPONSE_MSG)                                                                \
+    NAME(NMGR_MACHINE_UP_MSG)                                                                                          \
+    NAME(NMGR_MACHINE_DOWN_MSG)                                                                                        \
+    NAME(NMGR_MACHINE_PING_REQUEST_MSG)                                                                                \
+    NAME(NMGR_MACHINE_PING_RESPONSE_MSG)                                                                               \
+    NAME(NMGR_CREATE_CLUSTERED_MACHINE_REQUEST_MSG)                                                                    \
+    NAME(NMGR_CREATE_CLUSTERED_MACHINE_RESPONSE_MSG)
+
+FH_MSG_DECLARE_FAMILY(FH_MSG_FAMILY_NMGR)
+
+#endif /* FHCORE_MESSAGES_MSGNMGR_H */
