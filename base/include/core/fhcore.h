@@ -32,5 +32,6 @@
 #include "cfglocal.h"
 #include "config.h"
 #include "path.h"
+#include "net.h"
 
 #endif /* FHCORE_FHCORE_H */

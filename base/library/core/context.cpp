@@ -58,6 +58,7 @@ constexpr Module kModules[] = {
     {"StrBase", 450, StrBaseInitialize, StrBaseInitializeThread, StrBaseReleaseThread},
     {"StnzFile", 455, StnzFileInitialize, [](LmContext *) { return StnzFileInitializeThread(); },
      StnzFileReleaseThread},
+    {"Net", 460, NetInitialize, [](LmContext *) { return NetInitializeThread(); }, NetReleaseThread},
     {"Time", 475, TimeInitialize, [](LmContext *) { return TimeInitializeThread(); }, TimeReleaseThread},
 };
 constexpr size_t kModuleCount = std::size(kModules);
