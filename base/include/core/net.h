@@ -53,20 +53,20 @@ typedef NetAddressT NET_ADDRESS;
 #define NET_INVALID_SOCKET (-1)
 
 /* Results of transfers, accept, connect and select. 11 is not used. */
-#define NET_ERROR_NONE 0          /* success */
-#define NET_ERROR_WOULD_BLOCK 1   /* try after select; a connect is under way */
-#define NET_ERROR_INTERRUPTED 2   /* a signal interrupted the call */
-#define NET_ERROR_TIMEOUT 3       /* the time ran out */
-#define NET_ERROR_CLOSED 4        /* the peer closed: the call gave 0 */
-#define NET_ERROR_REFUSED 5       /* connection refused */
-#define NET_ERROR_UNREACHABLE 6   /* network unreachable */
-#define NET_ERROR_BAD_LENGTH 7    /* buffer length below 1 */
-#define NET_ERROR_NOT_CONNECTED 8 /* stream send on a socket not connected */
-#define NET_ERROR_BAD_SOCKET 9    /* the handle was -1 */
-#define NET_ERROR_PROTOCOL 10     /* a protocol error outlasted the connect retries */
-#define NET_ERROR_DOWN 12         /* broken pipe */
+#define NET_ERROR_NONE 0           /* success */
+#define NET_ERROR_WOULD_BLOCK 1    /* try after select; a connect is under way */
+#define NET_ERROR_INTERRUPTED 2    /* a signal interrupted the call */
+#define NET_ERROR_TIMEOUT 3        /* the time ran out */
+#define NET_ERROR_CLOSED 4         /* the peer closed: the call gave 0 */
+#define NET_ERROR_REFUSED 5        /* connection refused */
+#define NET_ERROR_UNREACHABLE 6    /* network unreachable */
+#define NET_ERROR_BAD_LENGTH 7     /* buffer length below 1 */
+#define NET_ERROR_NOT_CONNECTED 8  /* stream send on a socket not connected */
+#define NET_ERROR_BAD_SOCKET 9     /* the handle was -1 */
+#define NET_ERROR_PROTOCOL 10      /* a protocol error outlasted the connect retries */
+#define NET_ERROR_DOWN 12          /* broken pipe */
 #define NET_ERROR_ACCEPT_FAILED 13 /* accept failed for want of resources or an aborted connection */
-#define NET_ERROR_FATAL (-1)      /* any other failure of the platform */
+#define NET_ERROR_FATAL (-1)       /* any other failure of the platform */
 
 /* Attempts of NetConnect while the platform reports a protocol error. */
 #define NET_CONNECT_ATTEMPTS 11

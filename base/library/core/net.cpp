@@ -113,15 +113,16 @@ LIST *gUnresolvable = nullptr; // addresses whose reverse look-up failed
 MemPool *pool() { return gPool != nullptr ? gPool : (gPool = MemGetDefaultPoolId()); }
 
 static_assert(sizeof(NetAddressT) == NET_ADDRESS_SIZE, "an address is 32 bytes");
-static_assert(fh::formatPayloadSize(NET_ADDRESS_FORMAT) == sizeof(NetAddressT), "NET_ADDRESS is laid out as its format");
+static_assert(fh::formatPayloadSize(NET_ADDRESS_FORMAT) == sizeof(NetAddressT),
+              "NET_ADDRESS is laid out as its format");
 static_assert(sizeof(sockaddr_in) == NET_ADDRESS_LENGTH, "the platform's IPv4 address fills the first 16 bytes");
 
 int acceptCall(int fd, sockaddr *address, socklen_t *length, int flags) { return accept4(fd, address, length, flags); }
 int fcntlCall(int fd, int command, int argument) { return fcntl(fd, command, argument); }
 
 constexpr fh::NetCalls kPlatform = {
-    ::socket,     ::close,      ::bind,        ::listen,      acceptCall, ::connect, ::send,   ::recv,   ::sendto,
-    ::recvfrom,   ::getsockopt, ::setsockopt,  ::getsockname, ::getpeername, fcntlCall, ::select, ::poll,
+    ::socket,   ::close,      ::bind,       ::listen,      acceptCall,    ::connect, ::send,   ::recv, ::sendto,
+    ::recvfrom, ::getsockopt, ::setsockopt, ::getsockname, ::getpeername, fcntlCall, ::select, ::poll,
 };
 fh::NetCalls gCalls = kPlatform;
 
@@ -137,8 +138,7 @@ template <typename Call> int repeated(Call call) {
 
 // Traces a failed platform call: error as the record's code, its text as the
 // format's last argument; errno is put back as the call left it.
-template <typename... Args>
-void traceError(int32_t id, int32_t level, int error, const char *format, Args... args) {
+template <typename... Args> void traceError(int32_t id, int32_t level, int error, const char *format, Args... args) {
     trace(id, error, level, format, args..., strerror(error));
     errno = error;
 }
@@ -331,8 +331,8 @@ struct Transfer {
     bool wholeOnly; // a short count is a failure: a datagram goes whole or not at all
 };
 
-constexpr Transfer kUdpSend{kUdpSendOutcomes, kIdUdpSendFatal, "Fatal error during UDP send: %s", 0, nullptr,
-                            true, true};
+constexpr Transfer kUdpSend{
+    kUdpSendOutcomes, kIdUdpSendFatal, "Fatal error during UDP send: %s", 0, nullptr, true, true};
 constexpr Transfer kTcpSend{kTcpSendOutcomes,
                             kIdTcpSendFatal,
                             "Fatal error during TCP send: %s (%ld)",
@@ -340,8 +340,8 @@ constexpr Transfer kTcpSend{kTcpSendOutcomes,
                             "Fatal error during TCP send: %s",
                             true,
                             false};
-constexpr Transfer kUdpReceive{kUdpReceiveOutcomes, kIdUdpReceiveFatal, "Fatal error during UDP receive: %s", 0,
-                               nullptr, false, false};
+constexpr Transfer kUdpReceive{
+    kUdpReceiveOutcomes, kIdUdpReceiveFatal, "Fatal error during UDP receive: %s", 0, nullptr, false, false};
 constexpr Transfer kTcpReceive{kTcpReceiveOutcomes,
                                kIdTcpReceiveFatal,
                                "Fatal error during TCP receive: %s",
@@ -365,7 +365,8 @@ void traceOutcome(const Transfer &transfer, int32_t result, int error, bool bloc
     case NET_ERROR_REFUSED:
         if (blocking) trace(kIdConnectionRefused, error, 2, "Connection refused");
         break;
-    default: break;
+    default:
+        break;
     }
     errno = error;
 }
@@ -413,8 +414,8 @@ int32_t waitForSocket(const Transfer &transfer, int32_t socket, const TIME_TIMEO
     const int ready = calls().poll(&one, 1, limit);
     const int error = errno;
     if (waited != nullptr) // a 32-bit sum, as the callers keep it
-        *waited = static_cast<int32_t>(static_cast<uint32_t>(*waited) +
-                                       static_cast<uint32_t>(TimeNowAsInt64() - before));
+        *waited =
+            static_cast<int32_t>(static_cast<uint32_t>(*waited) + static_cast<uint32_t>(TimeNowAsInt64() - before));
     if (ready == -1 && error != EINTR) {
         traceError(transfer.waitFatalId, -1, error, transfer.waitFatal);
         return NET_ERROR_FATAL;
@@ -493,30 +494,18 @@ struct SelectSet {
     int32_t fatalId;
     const char *fatal;
 };
-constexpr SelectSet kRead{&NetSelectMask::oRead,
-                          "read",
-                          kIdReadReady,
-                          "Socket %ld has read select set",
-                          kIdReadNotReady,
-                          "Socket %ld has read select not set",
-                          kIdReadFatal,
-                          "Fatal read select error on %ld: %s"};
-constexpr SelectSet kWrite{&NetSelectMask::oWrite,
-                           "write",
-                           kIdWriteReady,
-                           "Socket %ld has write select set",
-                           kIdWriteNotReady,
-                           "Socket %ld has write select not set",
-                           kIdWriteFatal,
-                           "Fatal write select error on %ld: %s"};
-constexpr SelectSet kException{&NetSelectMask::oException,
-                               "exception",
-                               kIdExceptionReady,
-                               "Socket %ld has exception select set",
-                               kIdExceptionNotReady,
-                               "Socket %ld has exception select not set",
-                               kIdExceptionFatal,
-                               "Fatal exception select error on %ld: %s"};
+constexpr SelectSet kRead{&NetSelectMask::oRead, "read",
+                          kIdReadReady,          "Socket %ld has read select set",
+                          kIdReadNotReady,       "Socket %ld has read select not set",
+                          kIdReadFatal,          "Fatal read select error on %ld: %s"};
+constexpr SelectSet kWrite{&NetSelectMask::oWrite, "write",
+                           kIdWriteReady,          "Socket %ld has write select set",
+                           kIdWriteNotReady,       "Socket %ld has write select not set",
+                           kIdWriteFatal,          "Fatal write select error on %ld: %s"};
+constexpr SelectSet kException{&NetSelectMask::oException, "exception",
+                               kIdExceptionReady,          "Socket %ld has exception select set",
+                               kIdExceptionNotReady,       "Socket %ld has exception select not set",
+                               kIdExceptionFatal,          "Fatal exception select error on %ld: %s"};
 constexpr const SelectSet *kSets[] = {&kRead, &kWrite, &kException};
 
 inline bool fits(int32_t socket) { return socket >= 0 && socket < FD_SETSIZE; }
