@@ -355,7 +355,7 @@ TEST_F(NetTest, OptionsAndTheirFailures) {
     for (BOOL result :
          {NetSetNonBlocking(-1), NetSetBlocking(-1), NetSetReuseAddress(-1), NetSetKeepAlive(-1), NetSetNoLinger(-1),
           NetSetSendBufferSize(-1, 1), NetGetSendBufferSize(&sendSize, -1), NetSocketError(-1), NetIsConnected(-1),
-          NetBind(-1, &address), NetListen(-1, 1), NetGetRemoteAddress(&address, -1)})
+          NetBind(-1, &address), NetListen(-1, 1), NetGetLocalAddress(&address, -1), NetGetRemoteAddress(&address, -1)})
         EXPECT_FALSE(result);
 }
 

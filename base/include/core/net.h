@@ -140,8 +140,7 @@ FHAPI int32_t NetAccept(int32_t *newSocket, int32_t socket, NetAddressT *address
 FHAPI int32_t NetConnect(int32_t socket, const NetAddressT *address);
 
 /* The socket's own address and its peer's in *address. FALSE, with *address
- * untouched, for a null address, a failure (traced), and for the peer also
- * for -1. */
+ * untouched, for a null address, -1 or a failure (traced). */
 FHAPI BOOL NetGetLocalAddress(NetAddressT *address, int32_t socket);
 FHAPI BOOL NetGetRemoteAddress(NetAddressT *address, int32_t socket);
 

@@ -193,7 +193,7 @@ struct AddressRoom {
 // getsockname or getpeername into *address.
 BOOL socketAddress(NetAddressT *address, int32_t socket, int (*call)(int, sockaddr *, socklen_t *), int32_t id,
                    const char *failure) {
-    if (address == nullptr) return FALSE;
+    if (address == nullptr || socket == -1) return FALSE;
     AddressRoom room;
     if (call(socket, room.platform(), &room.length) != 0) {
         traceError(id, 2, errno, failure);
@@ -706,8 +706,8 @@ BOOL NetGetLocalAddress(NetAddressT *address, int32_t socket) {
 }
 
 BOOL NetGetRemoteAddress(NetAddressT *address, int32_t socket) {
-    return socket != -1 && socketAddress(address, socket, calls().getpeername, kIdRemoteAddress,
-                                         "Failed to get remote address of socket: %s");
+    return socketAddress(address, socket, calls().getpeername, kIdRemoteAddress,
+                         "Failed to get remote address of socket: %s");
 }
 
 // ---- Transfers ----
