@@ -157,10 +157,11 @@ FHAPI int32_t NetUdpSend(int32_t socket, const void *buffer, int32_t length, con
 /* Receives one datagram, and its sender's address unless address is null. */
 FHAPI int32_t NetUdpReceive(int32_t *received, int32_t socket, void *buffer, int32_t length, NetAddressT *address);
 
-/* Sends what the platform takes now of length bytes into *sent. */
+/* Sends as much of length bytes as the platform takes now; the count in
+ * *sent. */
 FHAPI int32_t NetTcpSend(int32_t *sent, int32_t socket, const void *buffer, int32_t length);
 
-/* Receives what has arrived, up to length bytes, into *received. */
+/* Receives what has arrived, up to length bytes; the count in *received. */
 FHAPI int32_t NetTcpReceive(int32_t *received, int32_t socket, void *buffer, int32_t length);
 
 /* Transfer all length bytes or fail, for non-blocking sockets (any
@@ -169,8 +170,8 @@ FHAPI int32_t NetTcpReceive(int32_t *received, int32_t socket, void *buffer, int
  * Interrupted calls and waits are repeated. *waited (may be null) has the
  * milliseconds spent waiting added to it, *didWait (may be null) is set to 1
  * if the call waited. The count moved goes to *sent or *received also after
- * a failure; the send writes 0 there on bad arguments, the receive leaves it
- * alone then. */
+ * a failure; on bad arguments (traced) the send writes 0 there and the
+ * receive leaves it alone. */
 FHAPI int32_t NetTcpSendBlocking(int32_t *sent, int32_t socket, const void *buffer, int32_t length,
                                  const TIME_TIMEOUT *timeout, int32_t *waited, BOOL *didWait);
 FHAPI int32_t NetTcpReceiveBlocking(int32_t *received, int32_t socket, void *buffer, int32_t length,
