@@ -34,6 +34,7 @@
 #include "cfglocal.h"
 #include "config.h"
 #include "path.h"
+#include "net.h"
 #include "msg.h"
 
 #endif /* FHCORE_FHCORE_H */

@@ -59,6 +59,7 @@ constexpr Module kModules[] = {
     {"StrBase", 450, StrBaseInitialize, StrBaseInitializeThread, StrBaseReleaseThread},
     {"StnzFile", 455, StnzFileInitialize, [](LmContext *) { return StnzFileInitializeThread(); },
      StnzFileReleaseThread},
+    {"Net", 460, NetInitialize, [](LmContext *) { return NetInitializeThread(); }, NetReleaseThread},
     {"Time", 475, TimeInitialize, [](LmContext *) { return TimeInitializeThread(); }, TimeReleaseThread},
     {"Locale", 480, LocaleInitialize, [](LmContext *) { return LocaleInitializeThread(); }, LocaleReleaseThread},
     {"Msg", 500, MsgInitialize, [](LmContext *) { return MsgInitializeThread(); }, MsgReleaseThread},

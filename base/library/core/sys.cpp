@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "core/net.h"
 #include "internal.h"
 #include "syscalls.h"
 
@@ -77,13 +78,15 @@ bool nodeName(char (&node)[256]) {
     return true;
 }
 
-// The wait of SysSleep: select on no descriptors for milliseconds, without
-// limit when negative. True when the time ran out; false when a signal, or
-// a failure of select, ended it. Where the Net module stands, this is
-// NetSelectRelative on an empty select mask giving NET_ERROR_TIMEOUT.
+// The wait of SysSleep: NetSelectRelative on an empty select mask, for
+// milliseconds, without limit when negative. True when the time ran out;
+// false when a signal, or a failure of select, ended it.
 bool waitOnNothing(int32_t milliseconds) {
-    timeval span{milliseconds / 1000, milliseconds % 1000 * 1000};
-    return select(0, nullptr, nullptr, nullptr, milliseconds < 0 ? nullptr : &span) == 0;
+    NetSelectMask empty{};
+    FD_ZERO(&empty.oRead);
+    FD_ZERO(&empty.oWrite);
+    FD_ZERO(&empty.oException);
+    return NetSelectRelative(nullptr, &empty, milliseconds) == NET_ERROR_TIMEOUT;
 }
 
 // How a size is shown: values below `below` in this unit, rounded up after

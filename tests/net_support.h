@@ -1,0 +1,113 @@
+// net_support.h - what the network tests share: connections on 127.0.0.1,
+// the result of a call beside the module's records it left, the call table
+// put back after a test, and children made with fork.
+#ifndef FHCORE_TESTS_NET_SUPPORT_H
+#define FHCORE_TESTS_NET_SUPPORT_H
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "fixture.h"
+#include "netcalls.h"
+
+namespace nettest {
+
+constexpr uint32_t kLoopback = 0x7f000001;
+
+inline NetAddressT loopback(int32_t port) {
+    NetAddressT address{};
+    NetInitializeIpAddress(&address, kLoopback, port);
+    return address;
+}
+
+// A listener on 127.0.0.1 at a port the system chose and a client; connect()
+// joins them through the server end. All closed at the end.
+struct Connection {
+    int32_t listener = -1, client = -1, server = -1;
+    NetAddressT address = loopback(0);
+    Connection() {
+        NetOpen(&listener, NET_SOCKET_STREAM);
+        NetBind(listener, &address);
+        NetListen(listener, 8);
+        NetGetLocalAddress(&address, listener);
+        NetOpen(&client, NET_SOCKET_STREAM);
+    }
+    // Small buffers on the client make a transfer wait.
+    bool connect(int32_t bufferSize = 0) {
+        if (bufferSize > 0) NetSetSendBufferSize(client, bufferSize), NetSetReceiveBufferSize(client, bufferSize);
+        return NetConnect(client, &address) == NET_ERROR_NONE && NetAccept(&server, listener, nullptr) == 0;
+    }
+    ~Connection() {
+        for (int32_t *socket : {&listener, &client, &server}) NetClose(socket);
+    }
+};
+
+// A record of the module, and a result with the records its call left.
+struct NetTrace {
+    std::string text;
+    int32_t code, level;
+    bool operator==(const NetTrace &) const = default;
+};
+using Traces = std::vector<NetTrace>;
+struct Seen {
+    int32_t result;
+    Traces traces;
+    bool operator==(const Seen &) const = default;
+};
+inline void PrintTo(const NetTrace &t, std::ostream *os) { *os << '"' << t.text << "\" " << t.code << " " << t.level; }
+inline void PrintTo(const Seen &s, std::ostream *os) { *os << s.result << " " << testing::PrintToString(s.traces); }
+
+// The module's records stored after the record at mark, oldest first,
+// leaving out the level-3 records of NetConnect and NetClose.
+inline Traces netTracesSince(uint32_t mark) {
+    struct Walk {
+        uint32_t mark;
+        Traces newestFirst;
+    } walk{mark, {}};
+    TraceWalkBuffer(
+        TraceGetBuffer(),
+        [](const TraceRecord *r, int32_t, void *cookie) -> BOOL {
+            auto *w = static_cast<Walk *>(cookie);
+            const std::string text = r->Text;
+            const bool own = text.find("NetC") != std::string::npos || text.find(" bytes") != std::string::npos;
+            if (r->Sequence > w->mark && strncmp(r->Module, "NET ", 4) == 0 && (!own || r->Level < 3))
+                w->newestFirst.push_back({text, r->Code, r->Level});
+            return r->Sequence > w->mark;
+        },
+        &walk);
+    return {walk.newestFirst.rbegin(), walk.newestFirst.rend()};
+}
+
+template <typename Call> Seen seen(Call call) {
+    TracePosition mark{};
+    TraceGetPosition(&mark);
+    const int32_t result = call();
+    return {result, netTracesSince(static_cast<uint32_t>(mark.Sequence))};
+}
+
+// Puts the platform's calls back when the test ends.
+struct PlatformCallsBack {
+    ~PlatformCallsBack() { fh::netCalls() = fh::netPlatformCalls(); }
+};
+
+// A child that runs body and ends with its result as exit status; its exit
+// status, or 128 plus the signal that ended it.
+template <typename Body> pid_t child(Body body) {
+    const pid_t pid = fork();
+    if (pid == 0) _exit(body());
+    return pid;
+}
+inline int waitChild(pid_t pid) {
+    int status = 0;
+    while (waitpid(pid, &status, 0) == -1 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+} // namespace nettest
+
+#endif // FHCORE_TESTS_NET_SUPPORT_H
