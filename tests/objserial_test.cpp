@@ -2,6 +2,10 @@
 // components, frames, translators, files, the bounded reader, and the walker.
 #include "fixture.h"
 
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstring>
 #include <random>
@@ -21,8 +25,12 @@ struct Node {
     ObjData data;
     void *pointer;
 };
+// The test declares Node, so bytes from elsewhere may make one only because
+// it says they may (its p component makes it name a check).
+bool anyNode(const void *) { return true; }
 Node *newNode(int32_t value) {
     auto *node = static_cast<Node *>(ObjNewInternal(sizeof(Node), kNodeMagic, "i;o;ol;d;p;", nullptr, nullptr));
+    fh::objectReceivable(ObjGetTemplateFromObject(node), anyNode);
     node->value = value;
     return node;
 }
@@ -33,6 +41,20 @@ Bytes encode(const void *object, bool local = false) {
     EXPECT_TRUE(local ? ObjSerializeLocal(object, bytes.data(), &length)
                       : ObjSerializeToMemory(object, bytes.data(), &length));
     EXPECT_EQ(length, static_cast<int32_t>(bytes.size()));
+    return bytes;
+}
+
+// Bytes written as hex digits; anything else between them is ignored.
+Bytes hex(const char *text) {
+    Bytes bytes;
+    for (const char *p = text; p[0] != '\0' && p[1] != '\0';) {
+        if (!isxdigit(static_cast<unsigned char>(p[0]))) {
+            ++p;
+            continue;
+        }
+        bytes.push_back(static_cast<unsigned char>(std::stoi(std::string(p, 2), nullptr, 16)));
+        p += 2;
+    }
     return bytes;
 }
 
@@ -106,7 +128,8 @@ TEST_F(SerialTest, ComponentsLocalDataAndPointers) {
     ObjReleaseInternal(&fromWhole);
 
     // A pointer above 4 GiB survives an in-process copy; bytes that leave the
-    // process keep only its low word.
+    // process keep only its low word, and no reader of bytes from elsewhere
+    // takes it.
     node->pointer = reinterpret_cast<void *>(uintptr_t{0x123456789A});
     node->data = {3, MemAllocateFromPool(3, nullptr)};
     memcpy(node->data.pData, "xyz", 3);
@@ -118,7 +141,11 @@ TEST_F(SerialTest, ComponentsLocalDataAndPointers) {
     EXPECT_TRUE(ObjCompare(node, copy));
     static_cast<Node *>(copy->next)->value = 4;
     EXPECT_FALSE(ObjCompare(node, copy));
-    auto *wire = static_cast<Node *>(decode(encode(node)));
+    const Bytes bytes = encode(node);
+    Node *wire = nullptr;
+    EXPECT_FALSE(ObjReconstructFromBytes(reinterpret_cast<void **>(&wire), bytes.data(), static_cast<int32_t>(bytes.size())));
+    EXPECT_TRUE(traced("OBJECT", 190, "Refused bytes: pointer 878082202"));
+    ASSERT_TRUE(ObjReconstructFromMemory(reinterpret_cast<void **>(&wire), bytes.data()));
     EXPECT_EQ(reinterpret_cast<uintptr_t>(wire->pointer), 0x3456789Au);
     for (Node *n : {node, copy, wire}) ObjReleaseInternal(&n);
 }
@@ -432,6 +459,109 @@ TEST_F(SerialTest, WalkerVisitsEachObjectOnce) {
     top.onTarget = eObjWalkRelease;
     ASSERT_TRUE(ObjWalk(reinterpret_cast<void **>(&list), record, &top, 0));
     EXPECT_EQ(list, nullptr);
+}
+
+// What arrives from outside never steers the process: no pointer from the
+// bytes is kept, and no type that this process declared is made from them
+// unless its module said it may arrive.
+TEST_F(SerialTest, OutsideBytesCarryNoPointersAndMakeNoDeclaredType) {
+    const struct {
+        const char *name;
+        Bytes bytes;
+        int32_t id;
+        const char *text;
+    } refused[] = {
+        // A MAP whose release would call 0x41414141, and its OBJ_MAP twin
+        // holding an address in its entry array.
+        {"map",
+         hex("0127e038c911000000693b693b693b693b703b703b703b643b0008000000010000000100000001000000"
+             "000000000000000041414141080000000102030405060708"),
+         122, "Failed to create new object"},
+        {"object map",
+         hex("012f10d3ca11000000693b693b693b693b703b703b703b643b002af26cc9010000000100000001000000"
+             "000000000000000000000000080000004141414100000000"),
+         122, "Failed to create new object"},
+        // A declared type without a release callback or pointer, but with
+        // fields that belong together: a stanza file scan.
+        {"stanza file", hex("01a60b23c90f000000 6f3b693b733b733b733b733b693b00 00 00000000 00000000 00000000"
+                            "00000000 00000000 00000000"),
+         122, "Failed to create new object"},
+        // A type this process never declared may come, but not with a pointer.
+        {"foreign pointer", hex("01 0100c0c9 05000000 693b703b00 07000000 41414141"), 190,
+         "Refused bytes: pointer 1094795585"},
+    };
+    for (const auto &c : refused) {
+        void *object = &object;
+        EXPECT_FALSE(ObjReconstructFromBytes(&object, c.bytes.data(), static_cast<int32_t>(c.bytes.size()))) << c.name;
+        EXPECT_EQ(object, nullptr) << c.name;
+        EXPECT_TRUE(traced("OBJECT", c.id, c.text)) << c.name;
+        EXPECT_TRUE(traced("OBJECT", 54, "ObjReconstruct failed")) << c.name;
+    }
+    // The same foreign type with a null pointer, and a plain value type.
+    for (const Bytes &bytes : {hex("01 0100c0c9 05000000 693b703b00 07000000 00000000"),
+                               hex("01 2af26cc9 03000000 693b00 05000000")}) {
+        void *object = nullptr;
+        ASSERT_TRUE(ObjReconstructFromBytes(&object, bytes.data(), static_cast<int32_t>(bytes.size())));
+        ObjReleaseInternal(&object);
+    }
+}
+
+// Runs body in a child whose address space may grow by at most 256 MiB
+// beyond what it has; true when the child ended with status 0.
+bool inLimitedChild(int (*body)()) {
+    const pid_t child = fork();
+    if (child == 0) {
+        long pages = 0;
+        FILE *statm = fopen("/proc/self/statm", "r");
+        if (statm == nullptr || fscanf(statm, "%ld", &pages) != 1) _exit(90);
+        fclose(statm);
+        const rlim_t bytes = static_cast<rlim_t>(pages) * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (rlim_t{256} << 20);
+        const rlimit limit{bytes, bytes};
+        if (setrlimit(RLIMIT_AS, &limit) != 0) _exit(91);
+        _exit(body());
+    }
+    int status = 0;
+    return waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// A megabyte of stanza keys that each ask for 4,096 value slots.
+int readGreedyStanza() {
+    constexpr uint32_t kKeys = (1 << 20) / 14;
+    Bytes bytes = hex("01 d4ee6cc9 03000000 7a3b00 01 00000000");
+    for (int i = 0; i < 2; ++i)
+        for (int shift = 0; shift < 32; shift += 8) bytes.push_back(static_cast<unsigned char>(kKeys >> shift));
+    const Bytes key = hex("02000000 6b00 00000000 00100000");
+    for (uint32_t i = 0; i < kKeys; ++i) bytes.insert(bytes.end(), key.begin(), key.end());
+    void *object = nullptr;
+    if (!ObjReconstructFromBytes(&object, bytes.data(), static_cast<int32_t>(bytes.size()))) return 1;
+    const Stanza *stanza = ObjGetStanza(object);
+    const bool whole = stanza != nullptr && stanza->keyCount == static_cast<int32_t>(kKeys);
+    ObjReleaseInternal(&object);
+    return whole ? 0 : 2;
+}
+
+// A megabyte of objects of types never seen, each of its own magic.
+int readManyNewTypes() {
+    Bytes item = hex("01 00000000 01000000 00");
+    Bytes bytes = hex("01 b9f9a2c8 00000000 00000000 00");
+    uint32_t count = 0;
+    for (uint32_t magic = 0xC9400000u; bytes.size() < (1u << 20); ++magic, ++count) {
+        for (int shift = 0; shift < 32; shift += 8) item[1 + shift / 8] = static_cast<unsigned char>(magic >> shift);
+        bytes.insert(bytes.end(), item.begin(), item.end());
+    }
+    for (int shift = 0; shift < 32; shift += 8) bytes[9 + shift / 8] = static_cast<unsigned char>(count >> shift);
+    bytes.insert(bytes.end(), {0xB9, 0xF9, 0xA2, 0xC8});
+    void *object = nullptr;
+    if (ObjReconstructFromBytes(&object, bytes.data(), static_cast<int32_t>(bytes.size()))) return 1;
+    int32_t made = 0;
+    for (uint32_t magic = 0xC9400000u; magic < 0xC9400000u + count; ++magic)
+        made += strcmp(ObjNameFromMagic(magic), "Unknown Object") != 0;
+    return made <= 64 ? 0 : 3;
+}
+
+TEST_F(SerialTest, AMegabyteFromOutsideStaysInItsMemory) {
+    EXPECT_TRUE(inLimitedChild(readGreedyStanza));
+    EXPECT_TRUE(inLimitedChild(readManyNewTypes));
 }
 
 } // namespace
