@@ -21,7 +21,7 @@ int fcntlLock(int fd, int command, struct flock *lock) { return fcntl(fd, comman
 
 constexpr fh::SystemCalls kPlatform = {
     openFile, ::close, ::read, ::write, ::lseek, ::ftruncate, fcntlFlags, fcntlLock,
-    ::rename, ::unlink, ::rmdir, ::stat, ::lstat, ::fstat, ::opendir, ::readdir,
+    ::rename, ::fsync, ::unlink, ::rmdir, ::stat, ::lstat, ::fstat, ::opendir, ::readdir,
 };
 fh::SystemCalls gCalls = kPlatform;
 
