@@ -474,6 +474,16 @@ TEST_F(StanzaFileTest, FiftyRewritesKeepEveryCopiedStanza) {
     ASSERT_TRUE(StnzLoadKeyFromFile(&key, path.c_str(), "c,d", "e!!f", ","));
     StnzReleaseKey(&key);
 
+    // A value cut short by a NUL after a lead byte cannot be copied: that
+    // byte would take the line feed, and the next title with it. The rewrite
+    // fails rather than lose [T].
+    const char cut[] = "k=a\x81\0rest\n[T]\nx=1\n";
+    write(path, std::string(cut, sizeof cut - 1));
+    EXPECT_FALSE(StnzRemoveStanzaFromFile(nullptr, "none", path.c_str()));
+    EXPECT_EQ(read(path), std::string(cut, sizeof cut - 1));
+    EXPECT_TRUE(traced("STANZA", 13, "A rewrite stops at a line that would not read back as itself: k"));
+    write(path, "[a!b]\nk!x=v!,w\n[c,d:e!!f]\n,=1\n");
+
     // A record that would not read back as itself is not written.
     STNZ_FILE *file = nullptr;
     ASSERT_TRUE(StnzOpenFile(&file, path.c_str(), STNZ_MODE_APPEND));

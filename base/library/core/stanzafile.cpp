@@ -416,7 +416,10 @@ bool holdsLineEnd(View text) {
 }
 
 // Whether a line rebuilt from these parts reads back as the same parts,
-// within the longest line. Every line that a reader took from a file does.
+// within the longest line. A line that a reader took from a file does,
+// unless its argument ends in a lone lead byte (at the end of the file, or
+// before a NUL): written out, that byte would take the line feed behind it
+// and the next line with it.
 bool copyReadsBack(const Line &line) {
     if (line.isTitle) {
         const TitleLine &t = line.title;
@@ -426,7 +429,8 @@ bool copyReadsBack(const Line &line) {
     }
     const KeyLine &k = line.key;
     return keepsLimits(k.keyword, NameKind::kKeyword, Written::kCopied) &&
-           !holdsLineEnd(k.argument) && k.keyword.size() + k.argument.size() + 1 <= STNZ_LINE_MAX;
+           !holdsLineEnd(k.argument) && !endsInLoneLead(k.argument) &&
+           k.keyword.size() + k.argument.size() + 1 <= STNZ_LINE_MAX;
 }
 
 // A line as a rewrite copies it: rebuilt from its parts, with the names as
@@ -435,7 +439,9 @@ bool copyReadsBack(const Line &line) {
 // that would not read back as themselves.
 bool putCopied(Output &out, const Line &line) {
     if (!copyReadsBack(line)) {
-        trace(kIdBadCopy, 0, 1, "A copied line would not read back as itself");
+        const View first = line.isTitle ? line.title.title : line.key.keyword;
+        trace(kIdBadCopy, 0, 0, "A rewrite stops at a line that would not read back as itself: %.*s",
+              static_cast<int>(first.size()), first.data());
         return false;
     }
     if (line.isTitle) {
