@@ -504,6 +504,60 @@ TEST_F(SerialTest, OutsideBytesCarryNoPointersAndMakeNoDeclaredType) {
         ASSERT_TRUE(ObjReconstructFromBytes(&object, bytes.data(), static_cast<int32_t>(bytes.size())));
         ObjReleaseInternal(&object);
     }
+
+    // Files and streams are bytes from elsewhere too.
+    const std::string path = home() + "/map";
+    FILE *file = fopen(path.c_str(), "wb");
+    fwrite(refused[0].bytes.data(), 1, refused[0].bytes.size(), file);
+    fclose(file);
+    void *object = nullptr;
+    EXPECT_FALSE(ObjReconstructFromFile(&object, path.c_str()));
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const Bytes huge = hex("01 0100c1c9 03000000 643b00 00000040 616263"); // a gigabyte of data, three bytes of it
+    ASSERT_EQ(write(ends[1], huge.data(), huge.size()), static_cast<ssize_t>(huge.size()));
+    close(ends[1]);
+    FILE *stream = fdopen(ends[0], "rb");
+    EXPECT_FALSE(ObjReconstructFromFP(&object, stream));
+    fclose(stream);
+    EXPECT_TRUE(traced("OBJECT", 198, "Refused bytes: 16 bytes of input may not take more than 66048 bytes of memory"));
+    EXPECT_EQ(object, nullptr);
+}
+
+// A declared type arrives only as its module allows: with a check where its
+// fields must hold together, and never with a release callback unchecked.
+int gChecks = 0;
+bool countCheck(const void *object) {
+    ++gChecks;
+    return *static_cast<const int32_t *>(object) >= 0;
+}
+BOOL noteRelease(void *) { return TRUE; }
+TEST_F(SerialTest, DeclaredTypesArriveOnlyAsTheirModuleAllows) {
+    OBJ_DSTRING *local = ObjDStringNew("x"); // declares the type
+    ObjReleaseInternal(&local);
+    const Bytes good = hex("01 cef398c8 07000000 643b693b6f3b00 04000000 61620000 03000000 00");
+    void *text = nullptr;
+    ASSERT_TRUE(ObjReconstructFromBytes(&text, good.data(), static_cast<int32_t>(good.size())));
+    EXPECT_STREQ(DStringAppendSized(static_cast<OBJ_DSTRING *>(text), "c", 1), "abc");
+    ObjReleaseInternal(&text);
+    for (const char *used : {"05000000", "00000000", "02000000"}) { // beyond, before, and not on the terminator
+        const Bytes bad = hex(("01 cef398c8 07000000 643b693b6f3b00 04000000 61620000" + std::string(used) + "00").c_str());
+        EXPECT_FALSE(ObjReconstructFromBytes(&text, bad.data(), static_cast<int32_t>(bad.size()))) << used;
+    }
+    EXPECT_TRUE(traced("OBJECT", 200, "Refused a received Unknown object magic 0xc898f3ce c898f3ce: its fields do not hold together"));
+
+    constexpr uint32_t kCounted = 0xC9C00010u;
+    ObjectTemplate *counted = ObjTemplateNewInternal(sizeof(int32_t), kCounted, "i;", noteRelease);
+    fh::objectReceivable(counted); // a release callback needs a check
+    EXPECT_TRUE(traced("OBJECT", 196, "Type Unknown object magic 0xc9c00010 cannot be received without a check of its own"));
+    const Bytes seven = hex("01 1000c0c9 03000000 693b00 07000000"), minus = hex("01 1000c0c9 03000000 693b00 ffffffff");
+    void *object = nullptr;
+    EXPECT_FALSE(ObjReconstructFromBytes(&object, seven.data(), static_cast<int32_t>(seven.size())));
+    fh::objectReceivable(counted, countCheck);
+    ASSERT_TRUE(ObjReconstructFromBytes(&object, seven.data(), static_cast<int32_t>(seven.size())));
+    EXPECT_FALSE(ObjReconstructFromBytes(&text, minus.data(), static_cast<int32_t>(minus.size())));
+    EXPECT_EQ(gChecks, 2);
+    ObjReleaseInternal(&object);
 }
 
 // Runs body in a child whose address space may grow by at most 256 MiB
@@ -524,6 +578,12 @@ bool inLimitedChild(int (*body)()) {
     return waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
+// Whether the pool bytes held at the peak of a read stayed within the
+// reader's allowance for its input.
+bool withinAllowance(size_t before, size_t input) {
+    return fh::memBytesPeak() - before <= input * OBJ_RECEIVE_BYTES_PER_BYTE + OBJ_RECEIVE_FIXED_BYTES;
+}
+
 // A megabyte of stanza keys that each ask for 4,096 value slots.
 int readGreedyStanza() {
     constexpr uint32_t kKeys = (1 << 20) / 14;
@@ -533,30 +593,63 @@ int readGreedyStanza() {
     const Bytes key = hex("02000000 6b00 00000000 00100000");
     for (uint32_t i = 0; i < kKeys; ++i) bytes.insert(bytes.end(), key.begin(), key.end());
     void *object = nullptr;
+    fh::memResetBytesPeak();
+    const size_t before = fh::memBytesInUse();
     if (!ObjReconstructFromBytes(&object, bytes.data(), static_cast<int32_t>(bytes.size()))) return 1;
+    if (!withinAllowance(before, bytes.size())) return 2;
     const Stanza *stanza = ObjGetStanza(object);
-    const bool whole = stanza != nullptr && stanza->keyCount == static_cast<int32_t>(kKeys);
+    const bool whole = stanza != nullptr && stanza->keyCount == static_cast<int32_t>(kKeys) &&
+                       stanza->keys[0]->valueCapacity == 1;
     ObjReleaseInternal(&object);
-    return whole ? 0 : 2;
+    return whole ? 0 : 3;
 }
 
-// A megabyte of objects of types never seen, each of its own magic.
-int readManyNewTypes() {
+// A list of objects of the magics from first on, each of a type never seen,
+// up to size bytes or count objects.
+Bytes listOfNewTypes(uint32_t first, size_t size, uint32_t &count) {
     Bytes item = hex("01 00000000 01000000 00");
     Bytes bytes = hex("01 b9f9a2c8 00000000 00000000 00");
-    uint32_t count = 0;
-    for (uint32_t magic = 0xC9400000u; bytes.size() < (1u << 20); ++magic, ++count) {
+    uint32_t made = 0;
+    for (uint32_t magic = first; bytes.size() < size && made < count; ++magic, ++made) {
         for (int shift = 0; shift < 32; shift += 8) item[1 + shift / 8] = static_cast<unsigned char>(magic >> shift);
         bytes.insert(bytes.end(), item.begin(), item.end());
     }
-    for (int shift = 0; shift < 32; shift += 8) bytes[9 + shift / 8] = static_cast<unsigned char>(count >> shift);
+    for (int shift = 0; shift < 32; shift += 8) bytes[9 + shift / 8] = static_cast<unsigned char>(made >> shift);
     bytes.insert(bytes.end(), {0xB9, 0xF9, 0xA2, 0xC8});
+    count = made;
+    return bytes;
+}
+
+bool reads(const Bytes &bytes) {
     void *object = nullptr;
-    if (ObjReconstructFromBytes(&object, bytes.data(), static_cast<int32_t>(bytes.size()))) return 1;
+    const bool read = ObjReconstructFromBytes(&object, bytes.data(), static_cast<int32_t>(bytes.size()));
+    ObjReleaseInternal(&object);
+    return read;
+}
+
+// A megabyte of objects of types never seen, each of its own magic; then
+// reads of 64 new types at a time up to the bound of the process.
+int readManyNewTypes() {
+    uint32_t count = UINT32_MAX;
+    fh::memResetBytesPeak();
+    const size_t before = fh::memBytesInUse();
+    const Bytes megabyte = listOfNewTypes(0xC9400000u, 1u << 20, count);
+    if (reads(megabyte) || !withinAllowance(before, megabyte.size())) return 1;
     int32_t made = 0;
     for (uint32_t magic = 0xC9400000u; magic < 0xC9400000u + count; ++magic)
         made += strcmp(ObjNameFromMagic(magic), "Unknown Object") != 0;
-    return made <= 64 ? 0 : 3;
+    if (made != OBJ_RECEIVE_NEW_TYPES_PER_READ || fh::objectForeignTemplates() != made) return 2;
+    uint32_t magic = 0xC9500000u;
+    for (;; magic += OBJ_RECEIVE_NEW_TYPES_PER_READ) {
+        count = OBJ_RECEIVE_NEW_TYPES_PER_READ;
+        if (!reads(listOfNewTypes(magic, SIZE_MAX, count))) break;
+    }
+    if (fh::objectForeignTemplates() != OBJ_RECEIVE_NEW_TYPES) return 3;
+    count = 1; // a type seen before is still read; one never seen is not
+    return reads(listOfNewTypes(0xC9400000u, SIZE_MAX, count)) && reads(hex("01 2af26cc9 03000000 693b00 05000000")) &&
+                   !reads(listOfNewTypes(0xC9600000u, SIZE_MAX, count))
+               ? 0
+               : 4;
 }
 
 TEST_F(SerialTest, AMegabyteFromOutsideStaysInItsMemory) {

@@ -441,6 +441,18 @@ size_t objectTemplateBytes(uint32_t magic, const char *format) {
            memBlockBytes(length + 1) + memBlockBytes(known != nullptr ? strlen(known) + 1 : kUnknownNameBytes);
 }
 
+void objectForgetUnusedForeignTemplates() {
+    int32_t kept = 0;
+    for (int32_t i = 0; i < gTableCount; ++i) {
+        ObjectTemplate *t = gTable[i];
+        if (t->Foreign && t->Instances == 0 && t->Next == nullptr)
+            objectTemplateFree(t);
+        else
+            gTable[kept++] = t;
+    }
+    gTableCount = kept;
+}
+
 int32_t objectInstanceSize(uint32_t magic) {
     auto [found, index] = findTemplate(magic);
     return found ? gTable[index]->Descriptor.ObjSize : 0;
