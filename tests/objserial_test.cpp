@@ -27,10 +27,10 @@ struct Node {
 };
 // The test declares Node, so bytes from elsewhere may make one only because
 // it says they may (its p component makes it name a check).
-bool anyNode(const void *) { return true; }
+BOOL anyNode(const void *) { return TRUE; }
 Node *newNode(int32_t value) {
     auto *node = static_cast<Node *>(ObjNewInternal(sizeof(Node), kNodeMagic, "i;o;ol;d;p;", nullptr, nullptr));
-    fh::objectReceivable(ObjGetTemplateFromObject(node), anyNode);
+    ObjTemplateSetReceivable(ObjGetTemplateFromObject(node), anyNode);
     node->value = value;
     return node;
 }
@@ -527,7 +527,7 @@ TEST_F(SerialTest, OutsideBytesCarryNoPointersAndMakeNoDeclaredType) {
 // A declared type arrives only as its module allows: with a check where its
 // fields must hold together, and never with a release callback unchecked.
 int gChecks = 0;
-bool countCheck(const void *object) {
+BOOL countCheck(const void *object) {
     ++gChecks;
     return *static_cast<const int32_t *>(object) >= 0;
 }
@@ -548,12 +548,12 @@ TEST_F(SerialTest, DeclaredTypesArriveOnlyAsTheirModuleAllows) {
 
     constexpr uint32_t kCounted = 0xC9C00010u;
     ObjectTemplate *counted = ObjTemplateNewInternal(sizeof(int32_t), kCounted, "i;", noteRelease);
-    fh::objectReceivable(counted); // a release callback needs a check
+    EXPECT_FALSE(ObjTemplateSetReceivable(counted, nullptr)); // a release callback needs a check
     EXPECT_TRUE(traced("OBJECT", 196, "Type Unknown object magic 0xc9c00010 cannot be received without a check of its own"));
     const Bytes seven = hex("01 1000c0c9 03000000 693b00 07000000"), minus = hex("01 1000c0c9 03000000 693b00 ffffffff");
     void *object = nullptr;
     EXPECT_FALSE(ObjReconstructFromBytes(&object, seven.data(), static_cast<int32_t>(seven.size())));
-    fh::objectReceivable(counted, countCheck);
+    ASSERT_TRUE(ObjTemplateSetReceivable(counted, countCheck));
     ASSERT_TRUE(ObjReconstructFromBytes(&object, seven.data(), static_cast<int32_t>(seven.size())));
     EXPECT_FALSE(ObjReconstructFromBytes(&text, minus.data(), static_cast<int32_t>(minus.size())));
     EXPECT_EQ(gChecks, 2);

@@ -80,6 +80,9 @@ typedef struct ObjectTemplate ObjectTemplate;
 
 /* Called with the object when it dies, while it is still whole. */
 typedef BOOL (*ObjReleaseCallback)(void *object);
+/* Looks at an object that a reader of bytes from elsewhere made of a
+ * receivable type, once its components are read; FALSE refuses it. */
+typedef BOOL (*ObjReceivedCheck)(const void *object);
 /* Converts a reconstructed object of an older shape, held in *objectVariable. */
 typedef int32_t (*ObjTranslator)(void **objectVariable);
 /* Comparisons of ObjQuickSort: exactly -1, 0 or 1. */
@@ -157,6 +160,13 @@ FHAPI BOOL ObjSetTranslatorInternal(int32_t size, uint32_t magic, const char *fo
 
 /* The translator of the object's template, or null. */
 FHAPI ObjTranslator ObjGetTranslator(const void *object);
+
+/* Lets the readers of bytes from elsewhere (objserial.h) make objects of a
+ * declared template; check, when given, vets each one. A template with a
+ * release callback or a p component needs a check. FALSE, traced, nothing
+ * changed, for a null template, one made from a received format, or one
+ * that needs a check and has none. */
+FHAPI BOOL ObjTemplateSetReceivable(ObjectTemplate *objectTemplate, ObjReceivedCheck check);
 
 /* Walking a format string: the first component is the format itself; the
  * next is behind the next ";" (the terminator at the end; null for null). */

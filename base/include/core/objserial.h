@@ -17,9 +17,9 @@
  *     other declared type is refused, in particular any type with a release
  *     callback, a p component or fields that must agree (MAP, OBJ_MAP,
  *     FILE_STREAM, STNZ_FILE, the list and tree nodes, the directory scans),
- *     unless its module marks it receivable with a check that vets each
- *     object read. A type received before this process declares it is taken
- *     over by the declaration (object.h).
+ *     unless its module marks it receivable (ObjTemplateSetReceivable)
+ *     with a check that vets each object read. A type received before this
+ *     process declares it is taken over by the declaration (object.h).
  *  3. Its memory is bounded by its input: at most OBJ_RECEIVE_BYTES_PER_BYTE
  *     pool bytes (block headers and guard words included) per input byte,
  *     plus OBJ_RECEIVE_FIXED_BYTES, counted over everything it allocates

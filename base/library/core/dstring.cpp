@@ -24,7 +24,7 @@ inline char *text(const OBJ_DSTRING *s) { return static_cast<char *>(s->oText.pD
 
 // What a dynamic string read from elsewhere must be: the invariants above,
 // and nothing in the reserved reference.
-bool holdsTogether(const void *object) {
+BOOL holdsTogether(const void *object) {
     const auto *s = static_cast<const OBJ_DSTRING *>(object);
     return s->oText.pData != nullptr && s->iUsed >= 1 && s->iUsed <= s->oText.iSize &&
            static_cast<const char *>(s->oText.pData)[s->iUsed - 1] == '\0' && s->oReserved == nullptr;

@@ -178,26 +178,21 @@ int32_t objectTemplateBlocks();
 //
 // A reader of bytes from elsewhere makes objects of two kinds of template
 // only: those made for a received format (Foreign, no release callback),
-// and declared ones that their module marked receivable. A receivable
-// template with a release callback or a p component, or with fields that
-// must agree, carries a check: it sees each object so made once its
-// components are read, and a false answer refuses the object.
-using ReceivedCheck = bool (*)(const void *object);
+// and declared ones that their module marked receivable
+// (ObjTemplateSetReceivable). A receivable template with a release
+// callback or a p component, or with fields that must agree, carries a
+// check: it sees each object so made once its components are read, and a
+// FALSE answer refuses the object.
 enum class Reception { kRefused, kPlain, kChecked };
 
-// Marks a declared template receivable. A template with a release callback
-// or a p component needs a check; marking one without it, or a Foreign
-// template, is a fault: traced, ProcCrash(0), nothing changed.
-void objectReceivable(ObjectTemplate *objectTemplate, ReceivedCheck check = nullptr);
-
-// How a module declares a type that may arrive from elsewhere: the template
-// as ObjTemplateCreateInternal gets it, marked receivable.
+// How a module declares a type that may arrive from elsewhere, in one call:
+// the template as ObjTemplateCreateInternal gets it, marked receivable.
 bool declareReceivable(ObjectTemplate **templateVariable, int32_t size, uint32_t magic, const char *format,
-                       ReceivedCheck check = nullptr);
+                       ObjReceivedCheck check = nullptr);
 
 // What a reader of bytes from elsewhere may do with a template, and the
 // check it runs (null for kPlain).
-Reception objectReception(const ObjectTemplate *objectTemplate, ReceivedCheck *check);
+Reception objectReception(const ObjectTemplate *objectTemplate, ObjReceivedCheck *check);
 
 // The template that (magic, format) names now, without making one: the
 // table's, or another shape behind it; null when getting it would build one

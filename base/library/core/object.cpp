@@ -72,7 +72,7 @@ size_t gForeignBytes = 0;      // and the pool bytes they hold
 // A template and what this module keeps beside it; the entries follow.
 struct TemplateBlock {
     ObjectTemplate t;
-    fh::ReceivedCheck check; // for a receivable template; may be null
+    ObjReceivedCheck check; // for a receivable template; may be null
     bool receivable;         // its module said it may come from elsewhere
     bool retired;            // a declaration took its magic over
 };
@@ -204,6 +204,13 @@ Layout layOut(const char *format, ComponentEntry *entries) {
     return layout;
 }
 
+// The pool bytes of a template's three blocks: itself with its entries, its
+// format and its name.
+size_t poolBytesOf(const ObjectTemplate *t) {
+    return fh::memBlockBytes(sizeof(TemplateBlock) + t->Descriptor.FieldCount * sizeof(ComponentEntry)) +
+           fh::memBlockBytes(strlen(t->Descriptor.Format) + 1) + fh::memBlockBytes(strlen(t->Name) + 1);
+}
+
 ObjectTemplate *buildTemplate(int32_t size, uint32_t magic, const char *format, ObjReleaseCallback releaseCallback) {
     const Layout counted = layOut(format, nullptr);
     if (counted.payload > kLargestPayload || (size != -1 && size != counted.payload)) {
@@ -231,8 +238,7 @@ ObjectTemplate *buildTemplate(int32_t size, uint32_t magic, const char *format, 
     gTemplateBlocks += 3;
     if (t->Foreign) {
         ++gForeignTemplates;
-        gForeignBytes += fh::memBlockBytes(sizeof(TemplateBlock) + d.FieldCount * sizeof(ComponentEntry)) +
-                         fh::memBlockBytes(strlen(d.Format) + 1) + fh::memBlockBytes(strlen(t->Name) + 1);
+        gForeignBytes += poolBytesOf(t);
     }
     trace(79, 0, 3, "FieldCount %ld ObjSize %ld DbSize %ld InvalidDb %s", static_cast<long>(d.FieldCount),
           static_cast<long>(d.ObjSize), static_cast<long>(d.DbSize), fh::boolText(d.InvalidDb));
@@ -388,29 +394,13 @@ namespace fh {
 
 int32_t objectTemplateBlocks() { return gTemplateBlocks; }
 
-void objectReceivable(ObjectTemplate *t, ReceivedCheck check) {
-    bool hasPointer = false;
-    for (const ComponentEntry &e : std::span(t != nullptr ? t->Descriptor.Entries : nullptr,
-                                             t != nullptr ? t->Descriptor.FieldCount : 0))
-        hasPointer = hasPointer || e.Datatype == eObjPointer;
-    if (t == nullptr || t->Foreign || ((t->ReleaseCallback != nullptr || hasPointer) && check == nullptr)) {
-        trace(kIdNotReceivable, 0, -1, "Type %s cannot be received without a check of its own",
-              t != nullptr ? t->Name : "(null)");
-        ProcCrash(0);
-        return;
-    }
-    blockOf(t).receivable = true;
-    blockOf(t).check = check;
-}
-
 bool declareReceivable(ObjectTemplate **templateVariable, int32_t size, uint32_t magic, const char *format,
-                       ReceivedCheck check) {
-    if (!ObjTemplateCreateInternal(templateVariable, size, magic, format, nullptr)) return false;
-    objectReceivable(*templateVariable, check);
-    return blockOf(*templateVariable).receivable;
+                       ObjReceivedCheck check) {
+    return ObjTemplateCreateInternal(templateVariable, size, magic, format, nullptr) &&
+           ObjTemplateSetReceivable(*templateVariable, check);
 }
 
-Reception objectReception(const ObjectTemplate *t, ReceivedCheck *check) {
+Reception objectReception(const ObjectTemplate *t, ObjReceivedCheck *check) {
     const TemplateBlock &b = blockOf(t);
     *check = nullptr;
     if (b.retired) return Reception::kRefused;
@@ -466,9 +456,7 @@ void objectTemplateFree(ObjectTemplate *objectTemplate) {
     if (objectTemplate == nullptr) return;
     if (objectTemplate->Foreign) {
         --gForeignTemplates;
-        gForeignBytes -= memBlockBytes(sizeof(TemplateBlock) + objectTemplate->Descriptor.FieldCount * sizeof(ComponentEntry)) +
-                         memBlockBytes(strlen(objectTemplate->Descriptor.Format) + 1) +
-                         memBlockBytes(strlen(objectTemplate->Name) + 1);
+        gForeignBytes -= poolBytesOf(objectTemplate);
     }
     MemFreeInternal(&objectTemplate->Name);
     MemFreeInternal(&objectTemplate->Descriptor.Format);
@@ -734,6 +722,22 @@ BOOL ObjSetTranslatorInternal(int32_t size, uint32_t magic, const char *format, 
         return FALSE;
     }
     t->Translator = translator;
+    return TRUE;
+}
+
+BOOL ObjTemplateSetReceivable(ObjectTemplate *t, ObjReceivedCheck check) {
+    bool hasPointer = false;
+    for (const ComponentEntry &e : std::span(t != nullptr ? t->Descriptor.Entries : nullptr,
+                                             t != nullptr ? t->Descriptor.FieldCount : 0))
+        hasPointer = hasPointer || e.Datatype == eObjPointer;
+    if (t == nullptr || t->Foreign || ((t->ReleaseCallback != nullptr || hasPointer) && check == nullptr)) {
+        trace(kIdNotReceivable, 0, -1, "Type %s cannot be received without a check of its own",
+              t != nullptr ? t->Name : "(null)");
+        ProcCrash(0);
+        return FALSE;
+    }
+    blockOf(t).receivable = true;
+    blockOf(t).check = check;
     return TRUE;
 }
 

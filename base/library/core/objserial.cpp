@@ -673,7 +673,7 @@ ObjectTemplate *templateFor(Reader &r, uint32_t magic, const char *format) {
 
 // Whether a bounded reader may make objects of t, and the check it runs on
 // each (objserial.h tells which types those are).
-bool receivable(Reader &r, const ObjectTemplate *t, fh::ReceivedCheck &check) {
+bool receivable(Reader &r, const ObjectTemplate *t, ObjReceivedCheck &check) {
     check = nullptr;
     if (!r.bounded() || fh::objectReception(t, &check) != fh::Reception::kRefused) return true;
     trace(kIdNotReceivable, 1, -1, "Refused a received %s %lx: a type of this process that may not arrive", t->Name,
@@ -690,7 +690,7 @@ bool readSimple(Reader &r, uint32_t magic, int32_t id, void **out) {
     }
     ObjectTemplate *t = templateFor(r, magic, format);
     MemFreeInternal(&owned);
-    fh::ReceivedCheck check = nullptr;
+    ObjReceivedCheck check = nullptr;
     void *object = t != nullptr && receivable(r, t, check) && r.plausible(r.leastBytesOfLast()) &&
                            r.chargeBlock(static_cast<size_t>(t->Descriptor.ObjSize))
                        ? ObjTemplateNewInstanceFromPool(t, pool())
