@@ -66,6 +66,7 @@ int32_t gTableCount = 0;
 int32_t gTableCapacity = 0;
 constexpr int32_t kTableGrowth = 516;
 int32_t gTemplateBlocks = 0; // blocks that templates and their table hold for good
+ObjectTemplate *gRetired = nullptr; // retired templates, linked through Next
 int32_t gForeignTemplates = 0; // templates made for received formats
 size_t gForeignBytes = 0;      // and the pool bytes they hold
 
@@ -279,6 +280,8 @@ ObjectTemplate *takeOver(int32_t index, int32_t size, const char *format, ObjRel
     } else {
         declared->Next = received->Next;
         blockOf(received).retired = true;
+        received->Next = gRetired; // kept, as every template is, for the objects that use it
+        gRetired = received;
     }
     gTable[index] = declared;
     trace(kIdTakeOver, 0, 1, "Type %s %lx declared as '%s' over the shape '%s' received before (%ld objects of it live)",
