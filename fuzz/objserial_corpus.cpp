@@ -6,8 +6,8 @@
 // Each type gets "<name>.zero", the body of an instance whose components
 // are all zero or empty, built from its magic and format (so types that the
 // writer cannot encode, like the list and tree nodes, are there too), and
-// the types that can be made through the interface also get "<name>", the
-// writer's own encoding of a real object: pointers, callbacks and all, as a
+// the types that can be made through the interface also get "<name>.made",
+// the writer's own encoding of a real object: pointers, callbacks and all, as a
 // peer could send them. Two hand-made inputs stand beside them: a MAP whose
 // release would call 0x41414141, and an OBJ_MAP whose entry array holds that
 // address.
@@ -60,7 +60,7 @@ void saveEncoding(const std::string &name, void *object) {
     Bytes b(static_cast<size_t>(ObjSerializedSizeLocal(object)));
     int32_t length = 0;
     if (!ObjSerializeLocal(object, b.data(), &length)) abort();
-    save(name, b);
+    save(name + ".made", b);
     ObjReleaseInternal(&object);
 }
 
