@@ -31,7 +31,9 @@ LIST *gMessage = nullptr;
 ObjBufferDescriptor *gFrame = nullptr;
 msgpack_sbuffer gPacked;
 
+// The record type is declared here, and may arrive from elsewhere.
 LIST *makeMessage() {
+    ObjTemplateSetReceivable(ObjTemplateNewInternal(sizeof(Record), kRecordMagic, "i;i;I;s;", nullptr), nullptr);
     LIST *list = ListNewFromPool(kRecordMagic, nullptr);
     for (int i = 0; i < kRecords; ++i) {
         auto *record = static_cast<Record *>(ObjNewInternal(sizeof(Record), kRecordMagic, "i;i;I;s;", nullptr, nullptr));

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <string>
 
@@ -133,6 +134,22 @@ TEST_F(ConfigTest, SettersKeepTheFormAndWriteExactText) {
     EXPECT_FALSE(CfgSetInteger("made.cfg", nullptr, "I", 1));
     EXPECT_FALSE(CfgSetInteger("made.cfg", "S", nullptr, 1));
     EXPECT_FALSE(CfgSetInteger(nullptr, "S", "I", 1));
+}
+
+// A set rewrites the file with one stanza of the section's name; any other
+// stanza of that name goes, and each is traced with its keys for the operator.
+TEST_F(ConfigTest, ASetTracesTheNamesakesItDrops) {
+    write("net.cfg", "[Net]\nPort=1\n[Other]\nx=1\n[NET]\nLost=yes\nGone=a,b\n[Net]\n");
+    ASSERT_TRUE(CfgSetInteger("net.cfg", "Net", "Port", 3));
+    EXPECT_EQ(read("net.cfg"), "[Other]\nx=1\n\n\n[Net]\nPort=3\n\n");
+    const std::string file = path("net.cfg");
+    for (const auto &[id, text] : {std::pair{11, "Dropped another stanza [NET] of that name from '" + file + "'"},
+                                   {12, std::string("Dropped with [NET]: Lost=yes")},
+                                   {12, std::string("Dropped with [NET]: Gone=a,b")},
+                                   {11, "Dropped another stanza [Net] of that name from '" + file + "'"}})
+        EXPECT_TRUE(traced("STANZA", id, text)) << text;
+    const auto texts = traceTexts();
+    EXPECT_EQ(std::count_if(texts.begin(), texts.end(), [](const std::string &t) { return t.find("Dropped") == 0; }), 4);
 }
 
 TEST_F(ConfigTest, ValueListEntries) {

@@ -191,6 +191,58 @@ TEST_F(FileStreamTest, RewriteThatFailsToFlushIsNotCommitted) {
     EXPECT_FALSE(FileExists((path + ".new").c_str()));
 }
 
+// The system calls of a commit, in order, with the file or directory each
+// one acted on.
+std::vector<std::string> gCalls;
+std::string pathOf(int fd) {
+    char link[64], target[4096];
+    snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    const ssize_t n = readlink(link, target, sizeof target - 1);
+    return std::string(target, n > 0 ? static_cast<size_t>(n) : 0);
+}
+int recordFsync(int fd) {
+    gCalls.push_back("fsync " + pathOf(fd));
+    return fh::platformCalls().fsync(fd);
+}
+int failFsync(int) {
+    errno = EIO;
+    return -1;
+}
+int recordRename(const char *from, const char *to) {
+    gCalls.push_back(std::string("rename ") + from + " " + to);
+    return fh::platformCalls().rename(from, to);
+}
+
+// A commit puts the new data on the disk before the rename, and the
+// directory after it; data that does not reach the disk is not committed.
+TEST_F(FileStreamTest, ACommitReachesTheDiskAroundItsRename) {
+    const std::string path = home() + "/data", fresh = path + ".new";
+    std::ofstream(path) << "old\n";
+    fh::sys().fsync = recordFsync;
+    fh::sys().rename = recordRename;
+    FILE_STREAM *stream = nullptr;
+    ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), kUpdate));
+    ASSERT_TRUE(rewriteTo(stream, "new\n"));
+    const std::vector<std::string> commit = {"fsync " + fresh, "rename " + fresh + " " + path, "fsync " + home()};
+    EXPECT_EQ(gCalls, commit);
+    gCalls.clear();
+    ASSERT_TRUE(FileStreamStartRewrite(stream) && FileStreamWrite(stream, "closed\n", 7));
+    EXPECT_TRUE(FileStreamClose(&stream)); // a close in the midst of a rewrite commits it the same way
+    EXPECT_EQ(gCalls, commit);
+    EXPECT_EQ(read(path), "closed\n");
+
+    fh::sys().fsync = failFsync;
+    ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), kUpdate));
+    ASSERT_TRUE(FileStreamStartRewrite(stream) && FileStreamWrite(stream, "lost\n", 5));
+    EXPECT_FALSE(FileStreamCloseOutput(stream));
+    EXPECT_TRUE(traced("FILE", 48, "Failed to flush '" + fresh + "' to the disk: " + strerror(EIO)));
+    EXPECT_TRUE(FileStreamCancelRewrite(stream));
+    EXPECT_TRUE(FileStreamClose(&stream));
+    EXPECT_EQ(read(path), "closed\n");
+    EXPECT_FALSE(FileExists(fresh.c_str()));
+    fh::sys() = fh::platformCalls();
+}
+
 TEST_F(FileStreamTest, CharactersThroughAStream) {
     const std::string path = home() + "/text";
     std::ofstream(path, std::ios::binary) << "ab\x81\x41\r\n\r\nabcdef\n\xE0\x40xyz\nlast\x81";

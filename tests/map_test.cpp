@@ -1,5 +1,6 @@
 // Maps: the sorted array under MAP and OBJ_MAP, growth, the comparisons,
 // ReleaseEntry and the references an object map holds.
+#include <climits>
 #include <algorithm>
 #include <random>
 #include <set>
@@ -62,6 +63,23 @@ TEST_F(MapTest, CreationRules) {
     EXPECT_EQ(ObjMapSize(objects), 0);
     ObjReleaseInternal(&objects);
     ObjReleaseInternal(&map);
+}
+
+// Sizes computed from the arguments are checked before anything is made.
+TEST_F(MapTest, SizesThatDoNotFitAreRefused) {
+    const struct {
+        int32_t entrySize, growBy;
+    } cases[] = {{INT_MAX / 2, INT_MAX}, {INT_MAX, 0}, {1 << 16, 1 << 16}, {8, INT_MAX}};
+    for (const auto &c : cases) {
+        MAP *map = nullptr;
+        OBJ_MAP *objects = nullptr;
+        EXPECT_FALSE(MapCreate(&map, c.entrySize, c.growBy, locatePair, nullptr, nullptr)) << c.entrySize;
+        EXPECT_EQ(map, nullptr);
+        if (c.entrySize == 8) {
+            EXPECT_FALSE(ObjMapCreateInternal(&objects, kItem, c.growBy, locatePair, nullptr, nullptr));
+            EXPECT_EQ(objects, nullptr);
+        }
+    }
 }
 
 TEST_F(MapTest, EntriesStaySortedAndUniqueAcrossGrowth) {

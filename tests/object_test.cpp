@@ -141,6 +141,72 @@ TEST_F(ObjectTest, DamagedAndStaleObjectsAreReportedNotReleased) {
     gKept.clear();
 }
 
+// Bytes of a damaged block are never followed: zeroed memory where an
+// object should be, and end pointers that lie outside the block.
+TEST_F(ObjectTest, DamagedBlocksAreNotReadThroughTheirEndPointer) {
+    auto *block = static_cast<char *>(MemAllocateFromPool(sizeof(ObjectHeader) + 16, nullptr));
+    void *object = block + sizeof(ObjectHeader);
+    ObjectHeader *header = headerOf(object);
+    uint32_t outside = kThing;
+    uint32_t *ends[] = {nullptr, &outside, reinterpret_cast<uint32_t *>(block + sizeof(ObjectHeader) + 16),
+                        reinterpret_cast<uint32_t *>(block) + 1};
+    for (uint32_t *end : ends) {
+        header->StartMagic = end == nullptr ? 0 : kThing;
+        header->EndMagic = end;
+        uint32_t magic = 1;
+        EXPECT_FALSE(ObjGetMagic(object, &magic));
+        EXPECT_EQ(magic, 0u);
+        EXPECT_FALSE(ObjHasValidGlobalMagic(object));
+        void *pointer = object;
+        EXPECT_FALSE(ObjReleaseInternal(&pointer));
+    }
+    EXPECT_TRUE(traced("OBJECT", 28, "Start/end magic disagree - object is corrupt 0 0"));
+    char text[80];
+    snprintf(text, sizeof text, "Start/end magic disagree - object is corrupt %lx 0", static_cast<unsigned long>(kThing));
+    EXPECT_TRUE(traced("OBJECT", 28, text));
+    MemFreeInternal(&block);
+}
+
+// A type that arrived from elsewhere before this process declared it: the
+// declaration takes the magic over, whatever shape arrived, and keeps its
+// release callback; what was received keeps its own shape.
+TEST_F(ObjectTest, ADeclarationTakesTheMagicFromAReceivedShape) {
+    struct Late {
+        char *text;
+        void *child;
+    };
+    constexpr uint32_t kLate = 0xC8001005, kSame = 0xC8001006;
+    const unsigned char other[] = {0x01, 0x05, 0x10, 0x00, 0xC8, 0x03, 0, 0, 0, 'i', ';', 0, 7, 0, 0, 0};
+    const unsigned char same[] = {0x01, 0x06, 0x10, 0x00, 0xC8, 0x03, 0, 0, 0, 'i', ';', 0, 7, 0, 0, 0};
+    void *received = nullptr, *sameShape = nullptr;
+    ASSERT_TRUE(ObjReconstructFromBytes(&received, other, sizeof other));
+    ASSERT_TRUE(ObjReconstructFromBytes(&sameShape, same, sizeof same));
+    EXPECT_TRUE(ObjCheckTypeInternal(received, kLate));
+
+    gReleases = 0;
+    auto *late = static_cast<Late *>(ObjNewInternal(sizeof(Late), kLate, "s;o;", countRelease, nullptr));
+    auto *declared = static_cast<int32_t *>(ObjNewInternal(sizeof(int32_t), kSame, "i;", countRelease, nullptr));
+    ASSERT_NE(late, nullptr);
+    ASSERT_NE(declared, nullptr);
+    EXPECT_EQ(ObjGetInstanceCount(kLate), 1);
+    EXPECT_STREQ(ObjGetDescriptor(late), "s;o;");
+    EXPECT_STREQ(ObjGetDescriptor(received), "i;");
+    EXPECT_FALSE(ObjCheckTypeInternal(received, kLate)); // no longer taken for the declared type
+    EXPECT_FALSE(ObjCheckTypeInternal(sameShape, kSame));
+    EXPECT_TRUE(ObjCheckTypeInternal(late, kLate));
+    EXPECT_EQ(*static_cast<int32_t *>(received), 7);
+    ObjReleaseInternal(&late);
+    ObjReleaseInternal(&declared);
+    EXPECT_EQ(gReleases, 2);
+    ObjReleaseInternal(&received);
+    ObjReleaseInternal(&sameShape);
+    EXPECT_EQ(gReleases, 2);
+
+    // The old shape now arrives as another shape of a declared type.
+    EXPECT_FALSE(ObjReconstructFromBytes(&received, other, sizeof other));
+    EXPECT_EQ(received, nullptr);
+}
+
 namespace {
 struct Node {
     void *next;

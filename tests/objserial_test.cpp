@@ -2,6 +2,10 @@
 // components, frames, translators, files, the bounded reader, and the walker.
 #include "fixture.h"
 
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstring>
 #include <random>
@@ -21,8 +25,12 @@ struct Node {
     ObjData data;
     void *pointer;
 };
+// The test declares Node, so bytes from elsewhere may make one only because
+// it says they may (its p component makes it name a check).
+BOOL anyNode(const void *) { return TRUE; }
 Node *newNode(int32_t value) {
     auto *node = static_cast<Node *>(ObjNewInternal(sizeof(Node), kNodeMagic, "i;o;ol;d;p;", nullptr, nullptr));
+    ObjTemplateSetReceivable(ObjGetTemplateFromObject(node), anyNode);
     node->value = value;
     return node;
 }
@@ -33,6 +41,20 @@ Bytes encode(const void *object, bool local = false) {
     EXPECT_TRUE(local ? ObjSerializeLocal(object, bytes.data(), &length)
                       : ObjSerializeToMemory(object, bytes.data(), &length));
     EXPECT_EQ(length, static_cast<int32_t>(bytes.size()));
+    return bytes;
+}
+
+// Bytes written as hex digits; anything else between them is ignored.
+Bytes hex(const char *text) {
+    Bytes bytes;
+    for (const char *p = text; p[0] != '\0' && p[1] != '\0';) {
+        if (!isxdigit(static_cast<unsigned char>(p[0]))) {
+            ++p;
+            continue;
+        }
+        bytes.push_back(static_cast<unsigned char>(std::stoi(std::string(p, 2), nullptr, 16)));
+        p += 2;
+    }
     return bytes;
 }
 
@@ -107,7 +129,8 @@ TEST_F(SerialTest, ComponentsLocalDataAndPointers) {
 
     // A p component: an in-process copy keeps the whole pointer, a pointer
     // above 4 GiB too; bytes that leave the process keep its low 32 bits,
-    // which on a 32-bit build are all of it.
+    // which on a 32-bit build are all of it, and no reader of bytes from
+    // elsewhere takes one that is not null.
     node->data = {3, MemAllocateFromPool(3, nullptr)};
     memcpy(node->data.pData, "xyz", 3);
     const uintptr_t pointers[] = {0, 0x7FFFFFFF, 0x80000000, UINTPTR_MAX,
@@ -123,8 +146,17 @@ TEST_F(SerialTest, ComponentsLocalDataAndPointers) {
         EXPECT_TRUE(ObjCompare(node, copy));
         static_cast<Node *>(copy->next)->value = 4;
         EXPECT_FALSE(ObjCompare(node, copy));
-        auto *wire = static_cast<Node *>(decode(encode(node)));
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(wire->pointer), static_cast<uint32_t>(pointer));
+        const Bytes bytes = encode(node);
+        const auto low = static_cast<uint32_t>(pointer);
+        Node *wire = nullptr;
+        EXPECT_EQ(ObjReconstructFromBytes(reinterpret_cast<void **>(&wire), bytes.data(),
+                                          static_cast<int32_t>(bytes.size())),
+                  low == 0 ? TRUE : FALSE);
+        if (low != 0) {
+            EXPECT_TRUE(traced("OBJECT", 190, "Refused bytes: pointer " + std::to_string(low)));
+            ASSERT_TRUE(ObjReconstructFromMemory(reinterpret_cast<void **>(&wire), bytes.data()));
+        }
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(wire->pointer), low);
         for (Node *n : {copy, wire}) ObjReleaseInternal(&n);
     }
     ObjReleaseInternal(&node);
@@ -455,6 +487,202 @@ TEST_F(SerialTest, WalkerVisitsEachObjectOnce) {
     top.onTarget = eObjWalkRelease;
     ASSERT_TRUE(ObjWalk(reinterpret_cast<void **>(&list), record, &top, 0));
     EXPECT_EQ(list, nullptr);
+}
+
+// What arrives from outside never steers the process: no pointer from the
+// bytes is kept, and no type that this process declared is made from them
+// unless its module said it may arrive.
+TEST_F(SerialTest, OutsideBytesCarryNoPointersAndMakeNoDeclaredType) {
+    const struct {
+        const char *name;
+        Bytes bytes;
+        int32_t id;
+        const char *text;
+    } refused[] = {
+        // A MAP whose release would call 0x41414141, and its OBJ_MAP twin
+        // holding an address in its entry array.
+        {"map",
+         hex("0127e038c911000000693b693b693b693b703b703b703b643b0008000000010000000100000001000000"
+             "000000000000000041414141080000000102030405060708"),
+         122, "Failed to create new object"},
+        {"object map",
+         hex("012f10d3ca11000000693b693b693b693b703b703b703b643b002af26cc9010000000100000001000000"
+             "000000000000000000000000080000004141414100000000"),
+         122, "Failed to create new object"},
+        // A declared type without a release callback or pointer, but with
+        // fields that belong together: a stanza file scan.
+        {"stanza file", hex("01a60b23c90f000000 6f3b693b733b733b733b733b693b00 00 00000000 00000000 00000000"
+                            "00000000 00000000 00000000"),
+         122, "Failed to create new object"},
+        // A type this process never declared may come, but not with a pointer.
+        {"foreign pointer", hex("01 0100c0c9 05000000 693b703b00 07000000 41414141"), 190,
+         "Refused bytes: pointer 1094795585"},
+    };
+    for (const auto &c : refused) {
+        void *object = &object;
+        EXPECT_FALSE(ObjReconstructFromBytes(&object, c.bytes.data(), static_cast<int32_t>(c.bytes.size()))) << c.name;
+        EXPECT_EQ(object, nullptr) << c.name;
+        EXPECT_TRUE(traced("OBJECT", c.id, c.text)) << c.name;
+        EXPECT_TRUE(traced("OBJECT", 54, "ObjReconstruct failed")) << c.name;
+    }
+    // The same foreign type with a null pointer, and a plain value type.
+    for (const Bytes &bytes : {hex("01 0100c0c9 05000000 693b703b00 07000000 00000000"),
+                               hex("01 2af26cc9 03000000 693b00 05000000")}) {
+        void *object = nullptr;
+        ASSERT_TRUE(ObjReconstructFromBytes(&object, bytes.data(), static_cast<int32_t>(bytes.size())));
+        ObjReleaseInternal(&object);
+    }
+
+    // Files and streams are bytes from elsewhere too.
+    const std::string path = home() + "/map";
+    FILE *file = fopen(path.c_str(), "wb");
+    fwrite(refused[0].bytes.data(), 1, refused[0].bytes.size(), file);
+    fclose(file);
+    void *object = nullptr;
+    EXPECT_FALSE(ObjReconstructFromFile(&object, path.c_str()));
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const Bytes huge = hex("01 0100c1c9 03000000 643b00 00000040 616263"); // a gigabyte of data, three bytes of it
+    ASSERT_EQ(write(ends[1], huge.data(), huge.size()), static_cast<ssize_t>(huge.size()));
+    close(ends[1]);
+    FILE *stream = fdopen(ends[0], "rb");
+    EXPECT_FALSE(ObjReconstructFromFP(&object, stream));
+    fclose(stream);
+    EXPECT_TRUE(traced("OBJECT", 198, "Refused bytes: 16 bytes of input may not take more than 66048 bytes of memory"));
+    EXPECT_EQ(object, nullptr);
+}
+
+// A declared type arrives only as its module allows: with a check where its
+// fields must hold together, and never with a release callback unchecked.
+int gChecks = 0;
+BOOL countCheck(const void *object) {
+    ++gChecks;
+    return *static_cast<const int32_t *>(object) >= 0;
+}
+BOOL noteRelease(void *) { return TRUE; }
+TEST_F(SerialTest, DeclaredTypesArriveOnlyAsTheirModuleAllows) {
+    OBJ_DSTRING *local = ObjDStringNew("x"); // declares the type
+    ObjReleaseInternal(&local);
+    const Bytes good = hex("01 cef398c8 07000000 643b693b6f3b00 04000000 61620000 03000000 00");
+    void *text = nullptr;
+    ASSERT_TRUE(ObjReconstructFromBytes(&text, good.data(), static_cast<int32_t>(good.size())));
+    EXPECT_STREQ(DStringAppendSized(static_cast<OBJ_DSTRING *>(text), "c", 1), "abc");
+    ObjReleaseInternal(&text);
+    for (const char *used : {"05000000", "00000000", "02000000"}) { // beyond, before, and not on the terminator
+        const Bytes bad = hex(("01 cef398c8 07000000 643b693b6f3b00 04000000 61620000" + std::string(used) + "00").c_str());
+        EXPECT_FALSE(ObjReconstructFromBytes(&text, bad.data(), static_cast<int32_t>(bad.size()))) << used;
+    }
+    EXPECT_TRUE(traced("OBJECT", 200, "Refused a received Unknown object magic 0xc898f3ce c898f3ce: its fields do not hold together"));
+
+    constexpr uint32_t kCounted = 0xC9C00010u;
+    ObjectTemplate *counted = ObjTemplateNewInternal(sizeof(int32_t), kCounted, "i;", noteRelease);
+    EXPECT_FALSE(ObjTemplateSetReceivable(counted, nullptr)); // a release callback needs a check
+    EXPECT_TRUE(traced("OBJECT", 196, "Type Unknown object magic 0xc9c00010 cannot be received without a check of its own"));
+    const Bytes seven = hex("01 1000c0c9 03000000 693b00 07000000"), minus = hex("01 1000c0c9 03000000 693b00 ffffffff");
+    void *object = nullptr;
+    EXPECT_FALSE(ObjReconstructFromBytes(&object, seven.data(), static_cast<int32_t>(seven.size())));
+    ASSERT_TRUE(ObjTemplateSetReceivable(counted, countCheck));
+    ASSERT_TRUE(ObjReconstructFromBytes(&object, seven.data(), static_cast<int32_t>(seven.size())));
+    EXPECT_FALSE(ObjReconstructFromBytes(&text, minus.data(), static_cast<int32_t>(minus.size())));
+    EXPECT_EQ(gChecks, 2);
+    ObjReleaseInternal(&object);
+}
+
+// Runs body in a child whose address space may grow by at most 256 MiB
+// beyond what it has; true when the child ended with status 0.
+bool inLimitedChild(int (*body)()) {
+    const pid_t child = fork();
+    if (child == 0) {
+        long pages = 0;
+        FILE *statm = fopen("/proc/self/statm", "r");
+        if (statm == nullptr || fscanf(statm, "%ld", &pages) != 1) _exit(90);
+        fclose(statm);
+        const rlim_t bytes = static_cast<rlim_t>(pages) * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (rlim_t{256} << 20);
+        const rlimit limit{bytes, bytes};
+        if (setrlimit(RLIMIT_AS, &limit) != 0) _exit(91);
+        _exit(body());
+    }
+    int status = 0;
+    return waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// Whether the pool bytes held at the peak of a read stayed within the
+// reader's allowance for its input.
+bool withinAllowance(size_t before, size_t input) {
+    return fh::memBytesPeak() - before <= input * OBJ_RECEIVE_BYTES_PER_BYTE + OBJ_RECEIVE_FIXED_BYTES;
+}
+
+// A megabyte of stanza keys that each ask for 4,096 value slots.
+int readGreedyStanza() {
+    constexpr uint32_t kKeys = (1 << 20) / 14;
+    Bytes bytes = hex("01 d4ee6cc9 03000000 7a3b00 01 00000000");
+    for (int i = 0; i < 2; ++i)
+        for (int shift = 0; shift < 32; shift += 8) bytes.push_back(static_cast<unsigned char>(kKeys >> shift));
+    const Bytes key = hex("02000000 6b00 00000000 00100000");
+    for (uint32_t i = 0; i < kKeys; ++i) bytes.insert(bytes.end(), key.begin(), key.end());
+    void *object = nullptr;
+    fh::memResetBytesPeak();
+    const size_t before = fh::memBytesInUse();
+    if (!ObjReconstructFromBytes(&object, bytes.data(), static_cast<int32_t>(bytes.size()))) return 1;
+    if (!withinAllowance(before, bytes.size())) return 2;
+    const Stanza *stanza = ObjGetStanza(object);
+    const bool whole = stanza != nullptr && stanza->keyCount == static_cast<int32_t>(kKeys) &&
+                       stanza->keys[0]->valueCapacity == 1;
+    ObjReleaseInternal(&object);
+    return whole ? 0 : 3;
+}
+
+// A list of objects of the magics from first on, each of a type never seen,
+// up to size bytes or count objects.
+Bytes listOfNewTypes(uint32_t first, size_t size, uint32_t &count) {
+    Bytes item = hex("01 00000000 01000000 00");
+    Bytes bytes = hex("01 b9f9a2c8 00000000 00000000 00");
+    uint32_t made = 0;
+    for (uint32_t magic = first; bytes.size() < size && made < count; ++magic, ++made) {
+        for (int shift = 0; shift < 32; shift += 8) item[1 + shift / 8] = static_cast<unsigned char>(magic >> shift);
+        bytes.insert(bytes.end(), item.begin(), item.end());
+    }
+    for (int shift = 0; shift < 32; shift += 8) bytes[9 + shift / 8] = static_cast<unsigned char>(made >> shift);
+    bytes.insert(bytes.end(), {0xB9, 0xF9, 0xA2, 0xC8});
+    count = made;
+    return bytes;
+}
+
+bool reads(const Bytes &bytes) {
+    void *object = nullptr;
+    const bool read = ObjReconstructFromBytes(&object, bytes.data(), static_cast<int32_t>(bytes.size()));
+    ObjReleaseInternal(&object);
+    return read;
+}
+
+// A megabyte of objects of types never seen, each of its own magic; then
+// reads of 64 new types at a time up to the bound of the process.
+int readManyNewTypes() {
+    uint32_t count = UINT32_MAX;
+    fh::memResetBytesPeak();
+    const size_t before = fh::memBytesInUse();
+    const Bytes megabyte = listOfNewTypes(0xC9400000u, 1u << 20, count);
+    if (reads(megabyte) || !withinAllowance(before, megabyte.size())) return 1;
+    int32_t made = 0;
+    for (uint32_t magic = 0xC9400000u; magic < 0xC9400000u + count; ++magic)
+        made += strcmp(ObjNameFromMagic(magic), "Unknown Object") != 0;
+    if (made != OBJ_RECEIVE_NEW_TYPES_PER_READ || fh::objectForeignTemplates() != made) return 2;
+    uint32_t magic = 0xC9500000u;
+    for (;; magic += OBJ_RECEIVE_NEW_TYPES_PER_READ) {
+        count = OBJ_RECEIVE_NEW_TYPES_PER_READ;
+        if (!reads(listOfNewTypes(magic, SIZE_MAX, count))) break;
+    }
+    if (fh::objectForeignTemplates() != OBJ_RECEIVE_NEW_TYPES) return 3;
+    count = 1; // a type seen before is still read; one never seen is not
+    return reads(listOfNewTypes(0xC9400000u, SIZE_MAX, count)) && reads(hex("01 2af26cc9 03000000 693b00 05000000")) &&
+                   !reads(listOfNewTypes(0xC9600000u, SIZE_MAX, count))
+               ? 0
+               : 4;
+}
+
+TEST_F(SerialTest, AMegabyteFromOutsideStaysInItsMemory) {
+    EXPECT_TRUE(inLimitedChild(readGreedyStanza));
+    EXPECT_TRUE(inLimitedChild(readManyNewTypes));
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 // release, byte form).
 #include "fixture.h"
 
+#include <climits>
 #include <string>
 #include <vector>
 
@@ -60,6 +61,26 @@ TEST_F(StanzaTest, KeysGrowReplaceAndGo) {
     StnzReleaseKey(&found);
     StnzRelease(&stanza);
     EXPECT_EQ(stanza, nullptr);
+    StnzRelease(&stanza);
+}
+
+// Capacities beyond the bound are refused before anything is allocated.
+TEST_F(StanzaTest, CapacitiesHaveABound) {
+    for (const int32_t capacity : {INT_MAX, STNZ_MAX_SLOTS + 1}) {
+        Stanza *stanza = nullptr;
+        StanzaKey *key = nullptr;
+        EXPECT_FALSE(StnzCreate(&stanza, nullptr, "t", capacity));
+        EXPECT_FALSE(StnzCreateKey(&key, "k", capacity));
+        EXPECT_EQ(stanza, nullptr);
+        EXPECT_EQ(key, nullptr);
+    }
+    char text[96];
+    snprintf(text, sizeof text, "A capacity of %ld slots is beyond the bound of %ld", static_cast<long>(INT_MAX),
+             static_cast<long>(STNZ_MAX_SLOTS));
+    EXPECT_TRUE(traced("STANZA", 2, text));
+    Stanza *stanza = nullptr;
+    ASSERT_TRUE(StnzCreate(&stanza, nullptr, "t", STNZ_MAX_SLOTS));
+    EXPECT_EQ(stanza->keyCapacity, STNZ_MAX_SLOTS);
     StnzRelease(&stanza);
 }
 

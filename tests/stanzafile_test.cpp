@@ -448,6 +448,55 @@ TEST_F(StanzaFileTest, WritersRefuseNamesThatWouldNotReadBack) {
     StnzRelease(&stanza);
 }
 
+// Names with the escape character and commas are copied as they were read:
+// from the second rewrite on, a copied stanza comes back byte for byte, and
+// no rewrite loses a stanza it was not asked to remove.
+TEST_F(StanzaFileTest, FiftyRewritesKeepEveryCopiedStanza) {
+    const std::string path = home() + "/bangs.cfg";
+    write(path, "[a!b]\nk!x=v!,w\n[c,d:e!!f]\n,=1\n");
+    std::string second;
+    for (int rewrite = 1; rewrite <= 50; ++rewrite) {
+        Stanza *stanza = stanzaOf(nullptr, "Other", {{"n", std::to_string(rewrite).c_str()}});
+        ASSERT_TRUE(StnzReplaceStanzaInFile(stanza, path.c_str())) << rewrite;
+        StnzRelease(&stanza);
+        const std::string text = read(path);
+        const std::string copied = text.substr(0, text.find("[Other]"));
+        if (rewrite == 2) second = copied;
+        if (rewrite > 2) {
+            ASSERT_EQ(copied, second) << rewrite;
+        }
+    }
+    EXPECT_EQ(second, "[a!b]\nk!x=v!,w\n\n[c,d:e!!f]\n,=1\n\n\n");
+    StanzaKey *key = nullptr;
+    ASSERT_TRUE(StnzLoadKeyFromFile(&key, path.c_str(), nullptr, "a!b", "k!x"));
+    EXPECT_EQ(values(key), "v,w");
+    StnzReleaseKey(&key);
+    ASSERT_TRUE(StnzLoadKeyFromFile(&key, path.c_str(), "c,d", "e!!f", ","));
+    StnzReleaseKey(&key);
+
+    // A value cut short by a NUL after a lead byte cannot be copied: that
+    // byte would take the line feed, and the next title with it. The rewrite
+    // fails rather than lose [T].
+    const char cut[] = "k=a\x81\0rest\n[T]\nx=1\n";
+    write(path, std::string(cut, sizeof cut - 1));
+    EXPECT_FALSE(StnzRemoveStanzaFromFile(nullptr, "none", path.c_str()));
+    EXPECT_EQ(read(path), std::string(cut, sizeof cut - 1));
+    EXPECT_TRUE(traced("STANZA", 13, "A rewrite stops at a line that would not read back as itself: k"));
+    write(path, "[a!b]\nk!x=v!,w\n[c,d:e!!f]\n,=1\n");
+
+    // A record that would not read back as itself is not written.
+    STNZ_FILE *file = nullptr;
+    ASSERT_TRUE(StnzOpenFile(&file, path.c_str(), STNZ_MODE_APPEND));
+    const std::string before = read(path);
+    StnzLineRecord records[] = {{nullptr, const_cast<char *>("x]\n[y"), nullptr, nullptr},
+                                {const_cast<char *>("a:b"), const_cast<char *>("t"), nullptr, nullptr},
+                                {nullptr, nullptr, const_cast<char *>("k=j"), const_cast<char *>("v")},
+                                {nullptr, nullptr, const_cast<char *>("k"), const_cast<char *>("v\n[z]")}};
+    for (const StnzLineRecord &record : records) EXPECT_FALSE(StnzWriteRecord(file, &record));
+    StnzCloseFile(&file);
+    EXPECT_EQ(read(path), before);
+}
+
 // A rewrite that cannot write its ".new" in full (the file size limit stands
 // in for a full disk) fails and leaves the file exactly as it was.
 TEST_F(StanzaFileTest, FailedRewriteLeavesTheFileWhole) {

@@ -16,6 +16,14 @@
  *
  * The FromList forms address the same settings in a stanza list that a
  * caller holds (CfgGetStanzaList); keys they give are borrowed from it.
+ *
+ * Setters (and CfgReplaceStanza) rewrite the file with one stanza of the
+ * section's name, at its end. When a file holds several stanzas of that
+ * name, getters only ever see the first, and a set drops the others with
+ * all their keys: each dropped stanza and each of its keys is traced at
+ * level 0 ("Dropped another stanza [Net] of that name from '...'",
+ * "Dropped with [Net]: keyword=value"), so that an operator can find what
+ * went. Every rewrite reaches the disk before it replaces the file.
  */
 #ifndef FHCORE_CONFIG_H
 #define FHCORE_CONFIG_H

@@ -12,6 +12,16 @@
  * machine: each component is placed at the next multiple of its alignment
  * and the payload is rounded up to the largest alignment in it.
  *
+ * A type may arrive from elsewhere before this process declares it: its
+ * template is then made from the received format (Foreign). A declaration
+ * of that magic takes it over, whatever shape arrived, so bytes from a peer
+ * can never make a declaration fail or lose its release callback. Objects
+ * read before the declaration keep the template they were read with: they
+ * are released, copied, serialised and walked in that shape, and they no
+ * longer pass ObjCheckTypeInternal for the magic (code that relies on a
+ * start magic alone should not meet them: declare a type before reading
+ * bytes that may hold it).
+ *
  *   letter  datatype  payload                         owned
  *   b       1         int32_t (truth value)           no
  *   i       2         int32_t                         no
@@ -70,6 +80,9 @@ typedef struct ObjectTemplate ObjectTemplate;
 
 /* Called with the object when it dies, while it is still whole. */
 typedef BOOL (*ObjReleaseCallback)(void *object);
+/* Looks at an object that a reader of bytes from elsewhere made of a
+ * receivable type, once its components are read; FALSE refuses it. */
+typedef BOOL (*ObjReceivedCheck)(const void *object);
 /* Converts a reconstructed object of an older shape, held in *objectVariable. */
 typedef int32_t (*ObjTranslator)(void **objectVariable);
 /* Comparisons of ObjQuickSort: exactly -1, 0 or 1. */
@@ -148,6 +161,13 @@ FHAPI BOOL ObjSetTranslatorInternal(int32_t size, uint32_t magic, const char *fo
 /* The translator of the object's template, or null. */
 FHAPI ObjTranslator ObjGetTranslator(const void *object);
 
+/* Lets the readers of bytes from elsewhere (objserial.h) make objects of a
+ * declared template; check, when given, vets each one. A template with a
+ * release callback or a p component needs a check. FALSE, traced, nothing
+ * changed, for a null template, one made from a received format, or one
+ * that needs a check and has none. */
+FHAPI BOOL ObjTemplateSetReceivable(ObjectTemplate *objectTemplate, ObjReceivedCheck check);
+
 /* Walking a format string: the first component is the format itself; the
  * next is behind the next ";" (the terminator at the end; null for null). */
 FHAPI const char *ObjFirstComponent(const char *format);
@@ -176,8 +196,12 @@ FHAPI void ObjRemoveFromLog(void);
  * object is traced and ProcCrash(0) is called. */
 FHAPI void ObjCheck(const void *object);
 
-/* The object's magic in *magic. FALSE and 0 for null or a damaged object;
- * FALSE with nothing written for a null out pointer. */
+/* The object's magic in *magic. FALSE and 0 for null or a damaged object
+ * (an end pointer that is null or lies outside the object's block is never
+ * read through: it counts as magics that differ); FALSE with nothing
+ * written for a null out pointer. ObjCheckTypeInternal is TRUE for the
+ * object's magic, unless the object was read before its type's declaration
+ * took the magic over. */
 FHAPI BOOL ObjGetMagic(const void *object, uint32_t *magic);
 FHAPI BOOL ObjHasValidGlobalMagic(const void *object);
 FHAPI BOOL ObjCheckTypeInternal(const void *object, uint32_t magic);

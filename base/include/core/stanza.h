@@ -17,6 +17,10 @@
  *
  * Getters with a default never fail on the data: a missing key or a value
  * that does not convert gives the default, with TRUE.
+ *
+ * A stanza holds at most STNZ_MAX_SLOTS keys and a key at most that many
+ * values (8 MiB of slots on a 64-bit machine): a larger capacity is refused
+ * with a trace, and so is an addition that would grow a record beyond it.
  */
 #ifndef FHCORE_STANZA_H
 #define FHCORE_STANZA_H
@@ -26,6 +30,9 @@
 #include "types.h"
 
 FH_BEGIN_DECLS
+
+/* The most slots a stanza (keys) or a key (values) may have. */
+#define STNZ_MAX_SLOTS (1 << 20)
 
 typedef struct StanzaKey {
     char *keyword;         /* never null */
@@ -47,7 +54,8 @@ struct Stanza {
 typedef BOOL (*StnzWalkFunction)(void *cookie, StanzaKey **slot);
 
 /* A new stanza with copies of the names and room for capacity keys (0 means
- * 1). FALSE for a null out or a negative capacity. */
+ * 1). FALSE for a null out, a negative capacity or one beyond
+ * STNZ_MAX_SLOTS (traced). */
 FHAPI BOOL StnzCreate(Stanza **out, const char *category, const char *title, int32_t capacity);
 
 /* Releases every key, both names and the record, and clears the pointer. A
@@ -55,7 +63,8 @@ FHAPI BOOL StnzCreate(Stanza **out, const char *category, const char *title, int
 FHAPI void StnzRelease(Stanza **stanzaAddress);
 
 /* A new key without values and room for capacity (0 means 1). FALSE for a
- * null out, a null keyword or a negative capacity. */
+ * null out, a null keyword, a negative capacity or one beyond
+ * STNZ_MAX_SLOTS (traced). */
 FHAPI BOOL StnzCreateKey(StanzaKey **out, const char *keyword, int32_t capacity);
 
 /* Releases every value, the keyword and the record, and clears the pointer. */
@@ -97,7 +106,8 @@ FHAPI BOOL StnzGetValueList(const Stanza *stanza, const char *keyword, LIST **ou
 FHAPI BOOL StnzKeyGetValueList(const StanzaKey *key, LIST **out);
 
 /* Appends *keyAddress to the stanza, which takes it over (the variable is
- * cleared), even when that keyword is there already. */
+ * cleared), even when that keyword is there already. FALSE, nothing
+ * changed, when the stanza holds STNZ_MAX_SLOTS keys. */
 FHAPI BOOL StnzAddKeyToStanza(Stanza **stanzaAddress, StanzaKey **keyAddress);
 
 /* Releases every key of the new key's keyword, then appends it as above. */
@@ -110,7 +120,8 @@ FHAPI BOOL StnzDeleteKeywordFromStanza(Stanza *stanza, const char *keyword, BOOL
 /* Takes the key at that very address out of the stanza, without releasing it. */
 FHAPI void StnzRemoveKeyFromStanza(Stanza *stanza, const StanzaKey *key);
 
-/* Appends a copy of value (null is stored as an empty value). */
+/* Appends a copy of value (null is stored as an empty value); FALSE when
+ * the key holds STNZ_MAX_SLOTS values. */
 FHAPI BOOL StnzAddValueToKey(StanzaKey **keyAddress, const char *value);
 
 /* Releases the first value equal to value (case counts), or every one when

@@ -34,11 +34,23 @@
  * behind it along on reading.
  *
  * Rewrites (remove, replace, save) copy the lines they keep rebuilt from
- * their parts: "[" escaped category ":" escaped title "]" for a title, the
- * escaped keyword, "=" and the argument exactly as read for a key. Spacing,
- * text behind ']' and skipped lines do not survive; value text never
- * changes. A rewrite goes through path".new" (filestream.h): the file is at
- * every moment its complete old or complete new contents.
+ * their parts, names exactly as they were read: "[" category ":" title "]"
+ * for a title, keyword "=" argument for a key. Spacing, text behind ']' and
+ * skipped lines do not survive the first rewrite; from the second on, a
+ * copied stanza comes back byte for byte, whatever '!' or ',' its names
+ * hold. (Copied names are not escaped: since no reader undoes an escape in
+ * a name, escaping on each copy would double every '!' and ',' of every
+ * other stanza on every rewrite, until its title line passed the longest
+ * line and the stanza was lost.) A rewrite never drops a stanza it was not
+ * asked to remove: a line that would not read back as itself (only a
+ * caller's record to StnzWriteRecord can be one) fails the rewrite and
+ * leaves the file as it was. A replace takes every stanza of the replaced
+ * name with it; each one after the first is traced at level 0 with its
+ * keys ("Dropped another stanza [%s] of that name from '%s'", then "Dropped
+ * with [%s]: keyword=argument"), once the rewrite is committed. A rewrite
+ * goes through path".new" (filestream.h): the file is at every moment its
+ * complete old or complete new contents, and the new contents are on the
+ * disk before the rename makes them the file.
  *
  * Offsets are 32-bit: a stanza file is smaller than 2 GiB. A STNZ_FILE
  * belongs to one thread; between processes, every open holds the stream's

@@ -2,9 +2,13 @@
 //
 // Invariants: 1 <= iUsed <= oText.iSize and the byte at iUsed - 1 is NUL.
 // Every append goes through makeRoom, which, when the text plus what comes
-// does not fit, moves it to a new buffer of twice the size then needed.
+// does not fit, moves it to a new buffer of twice the size then needed (at
+// most what the 32-bit capacity holds). A dynamic string may arrive from
+// elsewhere: the reader of such bytes makes one only if these invariants
+// hold for it.
 #include <cstdio>
 #include <cstring>
+#include <optional>
 
 #include "internal.h"
 
@@ -12,11 +16,29 @@ namespace {
 
 constexpr fh::ModuleTracer trace{"STRDYNAM        "};
 
-enum TraceId : int32_t { kIdNew = 1 };
+enum TraceId : int32_t { kIdNew = 1, kIdTooLong = 2 };
 
 ObjectTemplate *gTemplate = nullptr;
 
 inline char *text(const OBJ_DSTRING *s) { return static_cast<char *>(s->oText.pData); }
+
+// What a dynamic string read from elsewhere must be: the invariants above,
+// and nothing in the reserved reference.
+BOOL holdsTogether(const void *object) {
+    const auto *s = static_cast<const OBJ_DSTRING *>(object);
+    return s->oText.pData != nullptr && s->iUsed >= 1 && s->iUsed <= s->oText.iSize &&
+           static_cast<const char *>(s->oText.pData)[s->iUsed - 1] == '\0' && s->oReserved == nullptr;
+}
+
+// The capacity for a text of needed bytes: twice that, or what the 32-bit
+// capacity holds. A text that cannot fit at all is exhausted memory.
+int32_t capacityFor(int64_t needed) {
+    if (const std::optional<size_t> doubled = fh::checkedSize(needed, 2)) return static_cast<int32_t>(*doubled);
+    if (needed >= 0 && needed <= INT32_MAX) return INT32_MAX;
+    trace(kIdTooLong, 0, -1, "A dynamic string of %lld bytes does not fit its capacity", static_cast<long long>(needed));
+    ProcCrash(1);
+    return INT32_MAX;
+}
 
 // Moves the text to a buffer of capacity bytes (the text and its
 // terminator are kept) and gives the old buffer, which the caller frees once
@@ -31,9 +53,9 @@ void *moveTo(OBJ_DSTRING *s, int64_t capacity) {
 
 // Room for extra more bytes: twice the new size when they don't fit. Gives
 // the old buffer to free after the append, or null.
-void *makeRoom(OBJ_DSTRING *s, int32_t extra) {
+void *makeRoom(OBJ_DSTRING *s, int64_t extra) {
     const int64_t needed = int64_t{s->iUsed} + extra;
-    return needed > s->oText.iSize ? moveTo(s, 2 * needed) : nullptr;
+    return needed > s->oText.iSize ? moveTo(s, capacityFor(needed)) : nullptr;
 }
 
 // Writes count bytes over the terminator, and the terminator behind them.
@@ -59,12 +81,14 @@ int32_t lastCharSize(const OBJ_DSTRING *s) {
 
 OBJ_DSTRING *ObjDStringNewSized(const char *initial, int32_t minimum) {
     if (gTemplate == nullptr)
-        ObjTemplateCreateInternal(&gTemplate, sizeof(OBJ_DSTRING), OBJ_DSTRING_MAGIC, OBJ_DSTRING_FORMAT, nullptr);
+        fh::declareReceivable(&gTemplate, sizeof(OBJ_DSTRING), OBJ_DSTRING_MAGIC, OBJ_DSTRING_FORMAT, holdsTogether);
     const char *from = initial != nullptr ? initial : "";
     trace(kIdNew, 0, 3, "Creating new dstring '%s'", from);
+    const int64_t length = static_cast<int64_t>(strlen(from));
+    const int32_t doubled = capacityFor(length + 1);
     auto *s = static_cast<OBJ_DSTRING *>(ObjTemplateNewInstanceFromPool(gTemplate, nullptr));
-    const auto used = static_cast<int32_t>(strlen(from) + 1);
-    const int32_t capacity = 2 * used > minimum ? 2 * used : minimum;
+    const auto used = static_cast<int32_t>(length + 1);
+    const int32_t capacity = doubled > minimum ? doubled : minimum;
     s->oText = {capacity, MemAllocateFromPool(static_cast<size_t>(capacity), nullptr)};
     memcpy(text(s), from, static_cast<size_t>(used));
     s->iUsed = used;
@@ -86,11 +110,12 @@ char *DStringAppendSized(OBJ_DSTRING *string, const void *bytes, int32_t count) 
 void DStringSetSized(OBJ_DSTRING *string, const void *bytes, int32_t count) {
     if (bytes == nullptr || count <= 0) count = 0;
     void *buffer = string->oText.pData;
-    if (count >= string->oText.iSize) buffer = MemAllocateFromPool(static_cast<size_t>(2 + 2 * count), nullptr);
+    const int32_t capacity = count >= string->oText.iSize ? capacityFor(int64_t{count} + 1) : string->oText.iSize;
+    if (count >= string->oText.iSize) buffer = MemAllocateFromPool(static_cast<size_t>(capacity), nullptr);
     if (count > 0) memmove(buffer, bytes, static_cast<size_t>(count)); // bytes may lie in the old buffer
     if (buffer != string->oText.pData) {
         MemFreeInternal(&string->oText.pData);
-        string->oText = {2 + 2 * count, buffer};
+        string->oText = {capacity, buffer};
     }
     text(string)[count] = '\0';
     string->iUsed = count + 1;
@@ -99,7 +124,7 @@ void DStringSetSized(OBJ_DSTRING *string, const void *bytes, int32_t count) {
 void DStringAppendCharNTimes(OBJ_DSTRING *string, int32_t value, int32_t count) {
     if (count <= 0) return;
     const int32_t width = value > 255 ? 2 : 1;
-    void *old = makeRoom(string, width * count);
+    void *old = makeRoom(string, int64_t{width} * count);
     MemFreeInternal(&old);
     char *at = text(string) + string->iUsed - 1;
     for (int32_t i = 0; i < count; ++i) StrPutChar(&at, value);

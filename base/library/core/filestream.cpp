@@ -8,10 +8,16 @@
 // output from the open on; mode 1 never has one. The lock handle on
 // path".lck" lives as long as the stream and is closed last, after a
 // pending rename, so that no locked reader ever sees a half-done rewrite.
+//
+// A commit flushes the ".new" file's data to the disk before the rename,
+// and the directory after it: after a power loss the name holds the old
+// contents or the new ones, never a name without its data. New contents
+// that do not reach the disk are not committed.
 #include <cstdarg>
 #include <cstring>
 
 #include "internal.h"
+#include "syscalls.h"
 
 namespace {
 
@@ -26,6 +32,8 @@ enum TraceId : int32_t {
     kIdWriteByte = 45,
     kIdWrite = 46,
     kIdClose = 47,
+    kIdFlush = 48,
+    kIdFlushDirectory = 49,
 };
 
 struct OpenArgs {
@@ -52,6 +60,34 @@ inline int32_t kindOf(const FILE_STREAM *s) { return isText(s) ? FILE_MODE_TEXT 
 char *withSuffix(const char *path, const char *suffix) { return StrCat(path, suffix, static_cast<char *>(nullptr)); }
 
 bool closeStream(FILE *&f) { return f == nullptr || FileSysFClose(&f); }
+
+// The output's data, through the C library's buffer, on the disk.
+bool flushToDisk(FILE *output, const char *path) {
+    if (fflush(output) == 0 && fh::retried([&] { return fh::sys().fsync(fileno(output)); }) == 0) return true;
+    fh::traceFailure(trace, kIdFlush, "Failed to flush '%s' to the disk: %s", path);
+    return false;
+}
+
+// The directory entry of path on the disk: what makes a rename last. A
+// failure is traced; the rename has happened all the same.
+void flushDirectoryOf(const char *path) {
+    const char *slash = strrchr(path, '/');
+    const size_t length = slash == nullptr ? 1 : slash == path ? 1 : static_cast<size_t>(slash - path);
+    auto *directory = static_cast<char *>(MemAllocateFromPool(length + 1, nullptr));
+    memcpy(directory, slash == nullptr ? "." : slash == path ? "/" : path, length);
+    const int fd = fh::retried([&] { return fh::sys().open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0); });
+    if (fd == -1 || fh::retried([&] { return fh::sys().fsync(fd); }) != 0)
+        fh::traceFailure(trace, kIdFlushDirectory, "Failed to flush the directory '%s' to the disk: %s", directory);
+    if (fd != -1) fh::sys().close(fd);
+    MemFreeInternal(&directory);
+}
+
+// Makes the rewrite's ".new" the file, and that rename last.
+bool renameNew(FILE_STREAM *s) {
+    const bool renamed = fh::retried([&] { return fh::sys().rename(s->pszNewPath, s->pszPath); }) == 0;
+    if (renamed) flushDirectoryOf(s->pszPath);
+    return renamed;
+}
 
 bool lockTheFile(FILE_STREAM *s, const char *path, int32_t access) {
     char *lockPath = withSuffix(path, ".lck");
@@ -121,9 +157,11 @@ BOOL FileStreamOpenTags(FILE_STREAM **out, int32_t first, ...) {
 BOOL FileStreamClose(FILE_STREAM **streamAddress) {
     if (streamAddress == nullptr || *streamAddress == nullptr) return FALSE;
     FILE_STREAM *s = *streamAddress;
+    const bool rewriting = s->pszNewPath != nullptr && s->pszPath != nullptr;
+    if (rewriting && s->pOutput != nullptr) flushToDisk(s->pOutput, s->pszNewPath);
     const bool outputClosed = closeStream(s->pOutput);
     const bool inputClosed = closeStream(s->pInput);
-    if (s->pszNewPath != nullptr && s->pszPath != nullptr) rename(s->pszNewPath, s->pszPath);
+    if (rewriting) renameNew(s);
     MemFreeInternal(&s->pszNewPath);
     MemFreeInternal(&s->pszPath);
     if (s->iLockHandle >= 0) FileSysClose(&s->iLockHandle); // only after the rename
@@ -170,9 +208,9 @@ BOOL FileStreamCloseOutput(FILE_STREAM *stream) {
     }
     // New contents that did not reach the disk whole (a failed flush) are
     // not committed: the rewrite stays pending for the caller to cancel.
-    if (!closeStream(stream->pOutput)) return FALSE;
+    if (!flushToDisk(stream->pOutput, stream->pszNewPath) || !closeStream(stream->pOutput)) return FALSE;
     closeStream(stream->pInput);
-    const bool renamed = rename(stream->pszNewPath, stream->pszPath) == 0;
+    const bool renamed = renameNew(stream);
     if (!renamed) FileDelete(stream->pszNewPath); // the file keeps its old contents
     MemFreeInternal(&stream->pszNewPath);
     return FileSysFOpen(&stream->pInput, stream->pszPath, kindOf(stream) | FILE_MODE_READ) && renamed;

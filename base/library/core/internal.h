@@ -6,7 +6,10 @@
 #ifndef FHCORE_INTERNAL_H
 #define FHCORE_INTERNAL_H
 
+#include <climits>
+#include <cstddef>
 #include <ctime>
+#include <optional>
 
 #include "core/fhcore.h"
 
@@ -119,6 +122,32 @@ constexpr int64_t formatPayloadSize(const char *format) {
     return (payload + largestAlign - 1) / largestAlign * largestAlign;
 }
 
+// The largest size computed from arguments or received values: what the
+// 32-bit size fields of records and byte forms hold.
+inline constexpr size_t kLargestComputedSize = INT32_MAX;
+
+// The bytes of count things of unit bytes behind a head of extra bytes, or
+// nothing for a negative count or a size beyond limit. The product and the
+// sum are checked, so no overflow passes for a small size. Every size that
+// is computed from arguments or received values goes through here.
+constexpr std::optional<size_t> checkedSize(int64_t count, size_t unit, size_t extra = 0,
+                                            size_t limit = kLargestComputedSize) {
+    size_t product = 0, total = 0;
+    if (count < 0 || __builtin_mul_overflow(static_cast<uint64_t>(count), unit, &product) ||
+        __builtin_add_overflow(product, extra, &total) || total > limit)
+        return std::nullopt;
+    return total;
+}
+
+// Pool bytes: what a block of size user bytes takes (header, user area as
+// the pool rounds it, guard word), the bytes of all blocks in use, and the
+// highest that has been since the last reset of the peak. A reader of bytes
+// from elsewhere counts its allocations in the same unit.
+size_t memBlockBytes(size_t size);
+size_t memBytesInUse();
+size_t memBytesPeak();
+void memResetBytesPeak();
+
 // Byte forms carry seconds as a 32-bit count. The value is cut deliberately
 // here and nowhere else; in memory the same value stays a time_t.
 inline int32_t secondsToWire(time_t seconds) { return static_cast<int32_t>(static_cast<uint32_t>(seconds)); }
@@ -150,10 +179,44 @@ void processEntryStore(size_t offset, int32_t value);
 // the process ends; a leak check leaves them out.
 int32_t objectTemplateBlocks();
 
-// Templates in the table, and whether a magic has one: a reader of bytes
-// from elsewhere bounds the types it lets them make.
-int32_t objectTemplateCount();
-bool objectTemplateKnown(uint32_t magic);
+// ---- Bytes from elsewhere (objserial.h states the rules)
+//
+// A reader of bytes from elsewhere makes objects of two kinds of template
+// only: those made for a received format (Foreign, no release callback),
+// and declared ones that their module marked receivable
+// (ObjTemplateSetReceivable). A receivable template with a release
+// callback or a p component, or with fields that must agree, carries a
+// check: it sees each object so made once its components are read, and a
+// FALSE answer refuses the object.
+enum class Reception { kRefused, kPlain, kChecked };
+
+// How a module declares a type that may arrive from elsewhere, in one call:
+// the template as ObjTemplateCreateInternal gets it, marked receivable.
+bool declareReceivable(ObjectTemplate **templateVariable, int32_t size, uint32_t magic, const char *format,
+                       ObjReceivedCheck check = nullptr);
+
+// What a reader of bytes from elsewhere may do with a template, and the
+// check it runs (null for kPlain).
+Reception objectReception(const ObjectTemplate *objectTemplate, ObjReceivedCheck *check);
+
+// The template that (magic, format) names now, without making one: the
+// table's, or another shape behind it; null when getting it would build one
+// (or fail).
+ObjectTemplate *objectTemplateFind(uint32_t magic, const char *format);
+
+// Templates made for received formats in this process, the pool bytes they
+// hold, and the pool bytes a template for (magic, format) would take.
+int32_t objectForeignTemplates();
+size_t objectForeignTemplateBytes();
+size_t objectTemplateBytes(uint32_t magic, const char *format);
+
+// The bytes of an instance of the declared type of magic (0 when none).
+int32_t objectInstanceSize(uint32_t magic);
+
+// Test seam for the fuzz target: takes out of the table and frees every
+// template made for a received format that no object uses, so that a long
+// run keeps meeting new types rather than the bound of the process.
+void objectForgetUnusedForeignTemplates();
 
 // Builds a template outside the table and frees it again: how a format that
 // arrived from elsewhere is parsed, for the fuzz target.

@@ -4,7 +4,11 @@
 // The array is sorted by Locate and holds no two entries that compare equal.
 // Insertion moves the tail up by one entry; removal moves it down. Find must
 // order keys as Locate orders entries, so one binary search serves both.
+// The array's size (Capacity entries of the entry size) always fits the
+// 32-bit size of its data component: a map that would pass it is not made,
+// and an insertion that would grow it beyond fails.
 #include <cstring>
+#include <optional>
 
 #include "internal.h"
 #include "mapcore.h"
@@ -15,6 +19,8 @@ constexpr fh::ModuleTracer trace{"MAP        "};
 MemPool *gPool = nullptr;
 ObjectTemplate *gMapTemplate = nullptr;
 constexpr int32_t kDefaultGrowth = 64;
+
+enum TraceId : int32_t { kIdTooLarge = 6 };
 
 static_assert(sizeof(MAP) == sizeof(OBJ_MAP) && offsetof(MAP, oData) == offsetof(OBJ_MAP, oData),
               "MAP and OBJ_MAP share one layout");
@@ -47,21 +53,32 @@ MapSlot mapSearch(const MAP *map, int32_t entrySize, bool indirect, MapCompareFu
     return {false, c > 0 ? middle + 1 : middle};
 }
 
-void mapInsertAt(MAP *map, int32_t entrySize, int32_t index, const void *entry) {
+// The bytes of an array of capacity entries, traced when they do not fit.
+std::optional<size_t> arrayBytes(int64_t capacity, int32_t entrySize) {
+    const std::optional<size_t> bytes = checkedSize(capacity, static_cast<size_t>(entrySize));
+    if (!bytes)
+        trace(kIdTooLarge, 0, -1, "A map of %lld entries of %ld bytes is too large", static_cast<long long>(capacity),
+              static_cast<long>(entrySize));
+    return bytes;
+}
+
+bool mapInsertAt(MAP *map, int32_t entrySize, int32_t index, const void *entry) {
     if (map->iCount == map->iCapacity) {
-        const int32_t capacity = map->iCapacity + map->iGrowBy;
-        const size_t bytes = static_cast<size_t>(capacity) * entrySize;
-        void *grown = MemAllocateFromPool(bytes, pool());
+        const int64_t capacity = int64_t{map->iCapacity} + map->iGrowBy;
+        const std::optional<size_t> bytes = arrayBytes(capacity, entrySize);
+        if (!bytes) return false;
+        void *grown = MemAllocateFromPool(*bytes, pool());
         MemCopy(grown, map->oData.pData, static_cast<size_t>(map->iCount) * entrySize);
         MemFreeInternal(&map->oData.pData);
         map->oData.pData = grown;
-        map->oData.iSize = static_cast<int32_t>(bytes);
-        map->iCapacity = capacity;
+        map->oData.iSize = static_cast<int32_t>(*bytes);
+        map->iCapacity = static_cast<int32_t>(capacity);
     }
     char *at = static_cast<char *>(mapEntryAt(map, entrySize, index));
     MemCopy(at + entrySize, at, static_cast<size_t>(map->iCount - index) * entrySize);
     memcpy(at, entry, static_cast<size_t>(entrySize));
     ++map->iCount;
+    return true;
 }
 
 void mapRemoveAt(MAP *map, int32_t entrySize, int32_t index) {
@@ -72,14 +89,20 @@ void mapRemoveAt(MAP *map, int32_t entrySize, int32_t index) {
 
 bool mapSetUp(MAP *map, int32_t firstWord, int32_t entrySize, int32_t growBy, MapCompareFunction locate,
               MapCompareFunction find, MapReleaseEntryFunction releaseEntry) {
+    const int32_t growth = growBy != 0 ? growBy : kDefaultGrowth;
+    const std::optional<size_t> bytes = arrayBytes(growth, entrySize);
+    if (!bytes) {
+        ProcCrash(0);
+        return false;
+    }
     map->iEntrySize = firstWord;
-    map->iGrowBy = growBy != 0 ? growBy : kDefaultGrowth;
-    map->iCapacity = map->iGrowBy;
+    map->iGrowBy = growth;
+    map->iCapacity = growth;
     map->pfnLocate = locate;
     map->pfnFind = find;
     map->pfnReleaseEntry = releaseEntry;
-    map->oData.iSize = map->iCapacity * entrySize;
-    map->oData.pData = MemAllocateFromPool(static_cast<size_t>(map->oData.iSize), pool());
+    map->oData.iSize = static_cast<int32_t>(*bytes);
+    map->oData.pData = MemAllocateFromPool(*bytes, pool());
     return true;
 }
 
@@ -93,8 +116,10 @@ BOOL MapCreate(MAP **out, int32_t entrySize, int32_t growBy, MapCompareFunction 
         if (map == nullptr) {
             trace(2, 0, 3, "Failed to create MAP object");
             ok = FALSE;
+        } else if (!fh::mapSetUp(map, entrySize, entrySize, growBy, locate, find, releaseEntry)) {
+            ObjReleaseInternal(&map);
+            ok = FALSE;
         } else {
-            fh::mapSetUp(map, entrySize, entrySize, growBy, locate, find, releaseEntry);
             *out = map;
         }
     }
@@ -113,17 +138,13 @@ BOOL MapInsertEntry(MAP *map, const void *entry) {
         trace(5, 0, 3, "Entry is already in map");
         return FALSE;
     }
-    fh::mapInsertAt(map, map->iEntrySize, slot.index, entry);
-    return TRUE;
+    return fh::mapInsertAt(map, map->iEntrySize, slot.index, entry);
 }
 
 BOOL MapUpdateEntry(MAP *map, const void *entry) {
     if (!isMap(map) || entry == nullptr) return FALSE;
     const fh::MapSlot slot = fh::mapSearch(map, map->iEntrySize, false, map->pfnLocate, entry);
-    if (!slot.found) {
-        fh::mapInsertAt(map, map->iEntrySize, slot.index, entry);
-        return TRUE;
-    }
+    if (!slot.found) return fh::mapInsertAt(map, map->iEntrySize, slot.index, entry);
     void *stored = fh::mapEntryAt(map, map->iEntrySize, slot.index);
     releaseEntry(map, stored);
     memcpy(stored, entry, static_cast<size_t>(map->iEntrySize));

@@ -25,13 +25,15 @@ inline void *mapEntryAt(const MAP *map, int32_t entrySize, int32_t index) {
 MapSlot mapSearch(const MAP *map, int32_t entrySize, bool indirect, MapCompareFunction compare,
                   const void *argument);
 
-// Copies entry in at index, growing the array when it is full.
-void mapInsertAt(MAP *map, int32_t entrySize, int32_t index, const void *entry);
+// Copies entry in at index, growing the array when it is full; false, with
+// nothing changed, when the grown array would not fit (traced).
+bool mapInsertAt(MAP *map, int32_t entrySize, int32_t index, const void *entry);
 
 // Closes the gap at index; the caller has released the entry.
 void mapRemoveAt(MAP *map, int32_t entrySize, int32_t index);
 
-// Fills a new map object's fields; FALSE for bad arguments.
+// Fills a new map object's fields; false, traced, when its first array
+// would not fit.
 bool mapSetUp(MAP *map, int32_t firstWord, int32_t entrySize, int32_t growBy, MapCompareFunction locate,
               MapCompareFunction find, MapReleaseEntryFunction releaseEntry);
 

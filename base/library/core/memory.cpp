@@ -20,7 +20,9 @@
 //
 // Counters: blocks in use, the highest value that has ever had (it never
 // falls) and all allocations, copied to the process table entry when one is
-// set.
+// set; and the pool bytes of the blocks in use (headers, user areas as
+// rounded, guard words) with their highest value since a reset, by which
+// the readers of bytes from elsewhere are held to their bound.
 #include <pthread.h>
 
 #include <array>
@@ -134,6 +136,14 @@ inline uint32_t guardAt(const uint32_t *guard) {
     return word;
 }
 
+size_t gBytesInUse = 0;
+size_t gBytesPeak = 0;
+
+inline size_t rawBytes(size_t rounded) {
+    const size_t area = kCacheBlocks && rounded <= kCachedLargest ? (classOf(rounded) + 1) * kClassBytes : rounded;
+    return kHeaderSize + area + kGuardSize;
+}
+
 void countAllocation() {
     LmContext &c = gtLmContext;
     if (++c.iMemUsed > c.iMemMax) c.iMemMax = c.iMemUsed;
@@ -194,6 +204,8 @@ inline void *allocate(size_t size, MemPool *pool) {
         ProcCrash(1);
         return nullptr;
     }
+    gBytesInUse += rawBytes(rounded);
+    if (gBytesInUse > gBytesPeak) gBytesPeak = gBytesInUse;
     auto *header = reinterpret_cast<MemBlockHeader *>(raw);
     char *user = raw + kHeaderSize;
     header->Guard = reinterpret_cast<uint32_t *>(user + rounded);
@@ -227,8 +239,10 @@ BOOL MemFreeInternal(void *pointerAddress) {
     memset(header->Guard, 0, kGuardSize);
     MemPool *pool = header->Pool;
     BOOL result = TRUE;
+    const auto rounded = static_cast<size_t>(reinterpret_cast<char *>(header->Guard) - static_cast<char *>(*slot));
+    gBytesInUse -= rawBytes(rounded);
     if (pool == nullptr || pool == &gDefaultPool)
-        heapRelease(header, static_cast<size_t>(reinterpret_cast<char *>(header->Guard) - static_cast<char *>(*slot)));
+        heapRelease(header, rounded);
     else
         result = pool->Operations->Free(header);
     *slot = nullptr;
@@ -302,6 +316,11 @@ void *MemCat(void *first, int32_t firstLength, const void *second, int32_t secon
     MemFreeInternal(&first);
     return joined;
 }
+
+size_t fh::memBlockBytes(size_t size) { return rawBytes(size <= kLargestRequest ? (size + 3) & ~size_t{3} : size); }
+size_t fh::memBytesInUse() { return gBytesInUse; }
+size_t fh::memBytesPeak() { return gBytesPeak; }
+void fh::memResetBytesPeak() { gBytesPeak = gBytesInUse; }
 
 int32_t MemUsedCount(void) { return gtLmContext.iMemUsed; }
 int32_t MemMax(void) { return gtLmContext.iMemMax; }

@@ -876,8 +876,7 @@ BOOL NetCheckSelect(const NetSelectMask *mask) {
 
 // Run again after a failed ladder, it keeps the list it made.
 BOOL NetInitialize(void) {
-    if (!ObjTemplateCreateInternal(&gAddressTemplate, sizeof(NetAddressT), NET_ADDRESS_MAGIC, NET_ADDRESS_FORMAT,
-                                   nullptr))
+    if (!fh::declareReceivable(&gAddressTemplate, sizeof(NetAddressT), NET_ADDRESS_MAGIC, NET_ADDRESS_FORMAT))
         return FALSE;
     if (gUnresolvable == nullptr) gUnresolvable = ListNewFromPool(NET_ADDRESS_MAGIC, pool());
     return gUnresolvable != nullptr;

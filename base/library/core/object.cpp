@@ -4,7 +4,19 @@
 // only grows (by 516 entries) and is kept sorted by insertion, never sorted
 // again. Templates live until the process ends. A template holds the parsed
 // format: one ComponentEntry per component with its payload offset, laid out
-// as the C struct of the same fields would be on this machine.
+// as the C struct of the same fields would be on this machine. Behind the
+// public fields, in the same block, a template keeps what readers of bytes
+// from elsewhere need: whether its module marked it receivable (and the
+// check it runs), and whether it was retired.
+//
+// A type received before it is declared has a Foreign template in the
+// table. Its declaration takes the table's place over, whatever shape was
+// received (a peer cannot make a later declaration fail), and the received
+// template is retired: its live objects keep it, so their release, copy,
+// byte form and walk follow the shape they were read in, and none of them
+// passes ObjCheckTypeInternal for the magic again. (With a translator, a
+// received template of another shape stays behind the declared one as an
+// older shape instead.)
 //
 // Objects. Block header, ObjectHeader, payload, end magic, guard word. The
 // start and end magic agree while an object lives; the start magic is
@@ -22,6 +34,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <span>
 
 #include "core/map.h"
@@ -39,6 +52,9 @@ using fh::DatatypeInfo;
 using fh::datatypeOfLetter;
 using fh::kDatatypes;
 
+// Trace ids of this module beside the fixed ones.
+enum TraceId : int32_t { kIdTakeOver = 195, kIdNotReceivable = 196 };
+
 // The largest payload a format may describe; formats also arrive from peers.
 constexpr int64_t kLargestPayload = int64_t{1} << 28;
 constexpr size_t kHeaderSize = sizeof(ObjectHeader);
@@ -50,6 +66,23 @@ int32_t gTableCount = 0;
 int32_t gTableCapacity = 0;
 constexpr int32_t kTableGrowth = 516;
 int32_t gTemplateBlocks = 0; // blocks that templates and their table hold for good
+ObjectTemplate *gRetired = nullptr; // retired templates, linked through Next
+int32_t gForeignTemplates = 0; // templates made for received formats
+size_t gForeignBytes = 0;      // and the pool bytes they hold
+
+// A template and what this module keeps beside it; the entries follow.
+struct TemplateBlock {
+    ObjectTemplate t;
+    ObjReceivedCheck check; // for a receivable template; may be null
+    bool receivable;         // its module said it may come from elsewhere
+    bool retired;            // a declaration took its magic over
+};
+inline TemplateBlock &blockOf(const ObjectTemplate *t) {
+    return *reinterpret_cast<TemplateBlock *>(const_cast<ObjectTemplate *>(t));
+}
+
+// The name a new template of magic gets.
+constexpr size_t kUnknownNameBytes = 48;
 
 // Names given at run time: entries of (magic, name) in a MAP.
 struct NameEntry {
@@ -64,7 +97,15 @@ inline ObjectHeader *headerOf(const void *object) {
 
 inline char *payloadOf(ObjectHeader *header) { return reinterpret_cast<char *>(header) + kHeaderSize; }
 
-inline uint32_t endMagicOf(const ObjectHeader *header) {
+// The end magic, read only where the end pointer lies inside the object's
+// block: behind the header and in front of the block's guard word. A damaged
+// block gives nothing, which counts as magics that differ.
+std::optional<uint32_t> endMagicOf(const ObjectHeader *header) {
+    const auto *block = reinterpret_cast<const MemBlockHeader *>(header) - 1;
+    const auto end = reinterpret_cast<uintptr_t>(header->EndMagic);
+    const auto payload = reinterpret_cast<uintptr_t>(header + 1);
+    const auto guard = reinterpret_cast<uintptr_t>(block->Guard);
+    if (end < payload || guard < end || guard - end < sizeof(uint32_t)) return std::nullopt;
     uint32_t magic;
     memcpy(&magic, header->EndMagic, sizeof magic);
     return magic;
@@ -95,7 +136,13 @@ std::pair<bool, int32_t> findTemplate(uint32_t magic) {
 void insertTemplate(int32_t index, ObjectTemplate *objectTemplate) {
     if (gTableCount == gTableCapacity) {
         const int32_t capacity = gTableCapacity + kTableGrowth;
-        auto **table = static_cast<ObjectTemplate **>(MemAllocateFromPool(capacity * sizeof(ObjectTemplate *), pool()));
+        const std::optional<size_t> bytes = fh::checkedSize(capacity, sizeof(ObjectTemplate *));
+        if (!bytes) {
+            trace(67, 0, -1, "Failed to get a template, die horribly");
+            ProcCrash(1);
+            return;
+        }
+        auto **table = static_cast<ObjectTemplate **>(MemAllocateFromPool(*bytes, pool()));
         if (gTable != nullptr) MemCopy(table, gTable, gTableCount * sizeof *table);
         if (!MemFreeInternal(&gTable)) ++gTemplateBlocks;
         gTable = table;
@@ -114,7 +161,7 @@ const char *nameFromNameMap(uint32_t magic) {
 
 char *newTemplateName(uint32_t magic) {
     if (const char *known = nameFromNameMap(magic)) return StrDuplicateIntoPool(known, pool());
-    char unknown[48];
+    char unknown[kUnknownNameBytes];
     snprintf(unknown, sizeof unknown, "Unknown object magic 0x%08lx", static_cast<unsigned long>(magic));
     return StrDuplicateIntoPool(unknown, pool());
 }
@@ -158,6 +205,13 @@ Layout layOut(const char *format, ComponentEntry *entries) {
     return layout;
 }
 
+// The pool bytes of a template's three blocks: itself with its entries, its
+// format and its name.
+size_t poolBytesOf(const ObjectTemplate *t) {
+    return fh::memBlockBytes(sizeof(TemplateBlock) + t->Descriptor.FieldCount * sizeof(ComponentEntry)) +
+           fh::memBlockBytes(strlen(t->Descriptor.Format) + 1) + fh::memBlockBytes(strlen(t->Name) + 1);
+}
+
 ObjectTemplate *buildTemplate(int32_t size, uint32_t magic, const char *format, ObjReleaseCallback releaseCallback) {
     const Layout counted = layOut(format, nullptr);
     if (counted.payload > kLargestPayload || (size != -1 && size != counted.payload)) {
@@ -165,10 +219,11 @@ ObjectTemplate *buildTemplate(int32_t size, uint32_t magic, const char *format, 
               static_cast<long>(std::min(counted.payload, kLargestPayload)), static_cast<long>(size), format);
         return nullptr;
     }
-    auto *t = static_cast<ObjectTemplate *>(
-        MemAllocateFromPool(sizeof(ObjectTemplate) + counted.fieldCount * sizeof(ComponentEntry), pool()));
+    auto *block = static_cast<TemplateBlock *>(
+        MemAllocateFromPool(sizeof(TemplateBlock) + counted.fieldCount * sizeof(ComponentEntry), pool()));
+    ObjectTemplate *t = &block->t;
     ObjectDescriptor &d = t->Descriptor;
-    d.Entries = reinterpret_cast<ComponentEntry *>(t + 1);
+    d.Entries = reinterpret_cast<ComponentEntry *>(block + 1);
     const Layout layout = layOut(format, d.Entries);
     t->Magic = magic;
     t->Name = newTemplateName(magic);
@@ -182,6 +237,10 @@ ObjectTemplate *buildTemplate(int32_t size, uint32_t magic, const char *format, 
     d.DbSize = layout.dbSize;
     d.InvalidDb = layout.invalidDb;
     gTemplateBlocks += 3;
+    if (t->Foreign) {
+        ++gForeignTemplates;
+        gForeignBytes += poolBytesOf(t);
+    }
     trace(79, 0, 3, "FieldCount %ld ObjSize %ld DbSize %ld InvalidDb %s", static_cast<long>(d.FieldCount),
           static_cast<long>(d.ObjSize), static_cast<long>(d.DbSize), fh::boolText(d.InvalidDb));
     return t;
@@ -209,6 +268,28 @@ ObjectTemplate *otherShape(int32_t index, int32_t size, const char *format, ObjR
     return t;
 }
 
+// A declaration of a magic whose table template was made for a received
+// format: the declared template takes the table's place (see the top).
+ObjectTemplate *takeOver(int32_t index, int32_t size, const char *format, ObjReleaseCallback releaseCallback) {
+    ObjectTemplate *received = gTable[index];
+    ObjectTemplate *declared = buildTemplate(size, received->Magic, format, releaseCallback);
+    if (declared == nullptr) return nullptr;
+    declared->Translator = received->Translator;
+    if (received->Translator != nullptr && strcmp(received->Descriptor.Format, format) != 0) {
+        declared->Next = received;
+    } else {
+        declared->Next = received->Next;
+        blockOf(received).retired = true;
+        received->Next = gRetired; // kept, as every template is, for the objects that use it
+        gRetired = received;
+    }
+    gTable[index] = declared;
+    trace(kIdTakeOver, 0, 1, "Type %s %lx declared as '%s' over the shape '%s' received before (%ld objects of it live)",
+          declared->Name, static_cast<unsigned long>(declared->Magic), format, received->Descriptor.Format,
+          static_cast<long>(received->Instances));
+    return declared;
+}
+
 ObjectTemplate *getTemplate(int32_t size, uint32_t magic, const char *format, ObjReleaseCallback releaseCallback) {
     if (!OBJ_VALID_MAGIC(magic) || format == nullptr) return nullptr;
     auto [found, index] = findTemplate(magic);
@@ -216,6 +297,8 @@ ObjectTemplate *getTemplate(int32_t size, uint32_t magic, const char *format, Ob
     if (!found) {
         result = buildTemplate(size, magic, format, releaseCallback);
         if (result != nullptr) insertTemplate(index, result);
+    } else if (size != -1 && gTable[index]->Foreign) {
+        result = takeOver(index, size, format, releaseCallback);
     } else if (ObjectTemplate *t = gTable[index]; strcmp(t->Descriptor.Format, format) == 0) {
         result = t;
     } else if (t->Translator == nullptr) {
@@ -236,7 +319,7 @@ bool releasable(void *object) {
     ObjectHeader *h = headerOf(object);
     if (!OBJ_VALID_MAGIC(h->StartMagic)) {
         trace(72, 0, 2, "ObjRelease - Invalid Magic for object at %p", object);
-    } else if (h->StartMagic != endMagicOf(h)) {
+    } else if (endMagicOf(h) != h->StartMagic) {
         trace(71, 0, 2, "ObjRelease - Corrupt object at %p", object);
     } else {
         return true;
@@ -313,8 +396,60 @@ bool releaseComponents(ObjectHeader *h, ObjectHeader *&dying) {
 namespace fh {
 
 int32_t objectTemplateBlocks() { return gTemplateBlocks; }
-int32_t objectTemplateCount() { return gTableCount; }
-bool objectTemplateKnown(uint32_t magic) { return findTemplate(magic).first; }
+
+bool declareReceivable(ObjectTemplate **templateVariable, int32_t size, uint32_t magic, const char *format,
+                       ObjReceivedCheck check) {
+    return ObjTemplateCreateInternal(templateVariable, size, magic, format, nullptr) &&
+           ObjTemplateSetReceivable(*templateVariable, check);
+}
+
+Reception objectReception(const ObjectTemplate *t, ObjReceivedCheck *check) {
+    const TemplateBlock &b = blockOf(t);
+    *check = nullptr;
+    if (b.retired) return Reception::kRefused;
+    if (b.receivable) {
+        *check = b.check;
+        return b.check != nullptr ? Reception::kChecked : Reception::kPlain;
+    }
+    return t->Foreign && t->ReleaseCallback == nullptr ? Reception::kPlain : Reception::kRefused;
+}
+
+ObjectTemplate *objectTemplateFind(uint32_t magic, const char *format) {
+    auto [found, index] = findTemplate(magic);
+    if (!found || format == nullptr) return nullptr;
+    for (ObjectTemplate *t = gTable[index]; t != nullptr; t = t->Translator != nullptr ? t->Next : nullptr)
+        if (strcmp(t->Descriptor.Format, format) == 0) return t;
+    return nullptr;
+}
+
+int32_t objectForeignTemplates() { return gForeignTemplates; }
+size_t objectForeignTemplateBytes() { return gForeignBytes; }
+
+// At most what a template for format takes: a component is at least one
+// letter and a separator, so there are at most half the bytes plus one.
+size_t objectTemplateBytes(uint32_t magic, const char *format) {
+    const size_t length = strlen(format);
+    const char *known = nameFromNameMap(magic);
+    return memBlockBytes(sizeof(TemplateBlock) + (length / 2 + 1) * sizeof(ComponentEntry)) +
+           memBlockBytes(length + 1) + memBlockBytes(known != nullptr ? strlen(known) + 1 : kUnknownNameBytes);
+}
+
+void objectForgetUnusedForeignTemplates() {
+    int32_t kept = 0;
+    for (int32_t i = 0; i < gTableCount; ++i) {
+        ObjectTemplate *t = gTable[i];
+        if (t->Foreign && t->Instances == 0 && t->Next == nullptr)
+            objectTemplateFree(t);
+        else
+            gTable[kept++] = t;
+    }
+    gTableCount = kept;
+}
+
+int32_t objectInstanceSize(uint32_t magic) {
+    auto [found, index] = findTemplate(magic);
+    return found ? gTable[index]->Descriptor.ObjSize : 0;
+}
 
 ObjectTemplate *objectTemplateBuild(int32_t size, uint32_t magic, const char *format) {
     return buildTemplate(size, magic, format, nullptr);
@@ -322,6 +457,10 @@ ObjectTemplate *objectTemplateBuild(int32_t size, uint32_t magic, const char *fo
 
 void objectTemplateFree(ObjectTemplate *objectTemplate) {
     if (objectTemplate == nullptr) return;
+    if (objectTemplate->Foreign) {
+        --gForeignTemplates;
+        gForeignBytes -= poolBytesOf(objectTemplate);
+    }
     MemFreeInternal(&objectTemplate->Name);
     MemFreeInternal(&objectTemplate->Descriptor.Format);
     MemFreeInternal(&objectTemplate);
@@ -589,6 +728,22 @@ BOOL ObjSetTranslatorInternal(int32_t size, uint32_t magic, const char *format, 
     return TRUE;
 }
 
+BOOL ObjTemplateSetReceivable(ObjectTemplate *t, ObjReceivedCheck check) {
+    bool hasPointer = false;
+    for (const ComponentEntry &e : std::span(t != nullptr ? t->Descriptor.Entries : nullptr,
+                                             t != nullptr ? t->Descriptor.FieldCount : 0))
+        hasPointer = hasPointer || e.Datatype == eObjPointer;
+    if (t == nullptr || t->Foreign || ((t->ReleaseCallback != nullptr || hasPointer) && check == nullptr)) {
+        trace(kIdNotReceivable, 0, -1, "Type %s cannot be received without a check of its own",
+              t != nullptr ? t->Name : "(null)");
+        ProcCrash(0);
+        return FALSE;
+    }
+    blockOf(t).receivable = true;
+    blockOf(t).check = check;
+    return TRUE;
+}
+
 ObjTranslator ObjGetTranslator(const void *object) {
     const ObjectTemplate *t = ObjGetTemplateFromObject(object);
     return t != nullptr ? t->Translator : nullptr;
@@ -675,7 +830,7 @@ void ObjCheck(const void *object) {
     const ObjectHeader *h = headerOf(object);
     if (!OBJ_VALID_MAGIC(h->StartMagic)) {
         trace(147, 0, -1, "ObjCheck - Invalid Magic for object at %p", object);
-    } else if (h->StartMagic != endMagicOf(h)) {
+    } else if (endMagicOf(h) != h->StartMagic) {
         trace(146, 0, -1, "ObjCheck - Corrupt object at %p", object);
     } else {
         MemCheck(h);
@@ -690,9 +845,9 @@ BOOL ObjGetMagic(const void *object, uint32_t *magic) {
     if (object == nullptr) return FALSE;
     const ObjectHeader *h = headerOf(object);
     const uint32_t start = h->StartMagic;
-    if (start != endMagicOf(h)) {
+    if (const std::optional<uint32_t> end = endMagicOf(h); end != start) {
         trace(28, 1, -1, "Start/end magic disagree - object is corrupt %lx %lx", static_cast<unsigned long>(start),
-              static_cast<unsigned long>(endMagicOf(h)));
+              static_cast<unsigned long>(end.value_or(0)));
         return FALSE;
     }
     if (!OBJ_VALID_MAGIC(start)) {
@@ -710,7 +865,7 @@ BOOL ObjHasValidGlobalMagic(const void *object) {
 
 BOOL ObjCheckTypeInternal(const void *object, uint32_t magic) {
     uint32_t actual;
-    return ObjGetMagic(object, &actual) && actual == magic;
+    return ObjGetMagic(object, &actual) && actual == magic && !blockOf(headerOf(object)->Template).retired;
 }
 
 const char *ObjNameFromObject(const void *object) {

@@ -59,8 +59,11 @@ BOOL ObjMapCreateInternal(OBJ_MAP **out, uint32_t itemMagic, int32_t growBy, Map
         if (map == nullptr) {
             trace(2, 0, 3, "Failed to create OBJ_MAP object");
             ok = FALSE;
+        } else if (!fh::mapSetUp(fh::asMap(map), static_cast<int32_t>(itemMagic), kEntry, growBy, locate, find,
+                                 releaseEntry)) {
+            ObjReleaseInternal(&map);
+            ok = FALSE;
         } else {
-            fh::mapSetUp(fh::asMap(map), static_cast<int32_t>(itemMagic), kEntry, growBy, locate, find, releaseEntry);
             *out = map;
         }
     }
@@ -79,19 +82,20 @@ BOOL ObjMapInsert(OBJ_MAP *map, void *object) {
         trace(5, 0, -1, "Object is already in map");
         return FALSE;
     }
+    if (!fh::mapInsertAt(fh::asMap(map), kEntry, slot.index, &object)) return FALSE;
     ObjIncRefCount(object);
-    fh::mapInsertAt(fh::asMap(map), kEntry, slot.index, &object);
     return TRUE;
 }
 
 BOOL ObjMapUpdate(OBJ_MAP *map, void *object) {
     if (!holdsItem(map, object)) return FALSE;
     const fh::MapSlot slot = search(map, map->pfnLocate, object);
-    ObjIncRefCount(object);
     if (!slot.found) {
-        fh::mapInsertAt(fh::asMap(map), kEntry, slot.index, &object);
+        if (!fh::mapInsertAt(fh::asMap(map), kEntry, slot.index, &object)) return FALSE;
+        ObjIncRefCount(object);
         return TRUE;
     }
+    ObjIncRefCount(object);
     void *old = objectAt(map, slot.index);
     objectAt(map, slot.index) = object;
     letGo(map, old);

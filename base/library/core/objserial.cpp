@@ -49,12 +49,14 @@ enum TraceId : int32_t {
     kIdTooManyTypes = 192,
     kIdOpenBackReference = 193,
     kIdDuplicateId = 194,
+    kIdNotReceivable = 197,
+    kIdOverBudget = 198,
+    kIdTooManyNewTypes = 199,
+    kIdDoesNotHold = 200,
 };
 
-// What a bounded reader accepts: nesting depth, and new types made from
-// received formats while the table holds this many.
+// How deep a bounded reader lets objects nest.
 constexpr int32_t kMaxDepth = 200;
-constexpr int32_t kMaxTemplates = 4096;
 
 MemPool *gPool = nullptr;
 MemPool *pool() {
@@ -345,13 +347,21 @@ bool writeStanza(Writer &w, const Stanza *stanza) {
 
 // ------------------------------------------------------------------ reader
 
+// The pool bytes of an instance of a type the reader makes by its own code.
+size_t instanceBytes(uint32_t magic) {
+    return fh::memBlockBytes(static_cast<size_t>(fh::objectInstanceSize(magic)));
+}
+
 class Reader {
   public:
     // Memory: budget is the byte count that may be read (SIZE_MAX: trusted).
     Reader(ObjStream &s, const void *memory, size_t budget, bool bounded)
-        : s_(s), at_(static_cast<const Byte *>(memory)), left_(budget), budget_(budget), bounded_(bounded) {}
-    // Through Transfer, with the bytes that may still come.
-    Reader(ObjStream &s, size_t budget) : s_(s), budget_(budget) {}
+        : s_(s), at_(static_cast<const Byte *>(memory)), left_(budget), budget_(budget), bounded_(bounded),
+          lengthKnown_(true), length_(budget) {}
+    // Through Transfer, with the bytes that may still come (SIZE_MAX: not
+    // known, and then a bounded reader's memory grows with what it read).
+    Reader(ObjStream &s, size_t budget, bool bounded)
+        : s_(s), budget_(budget), bounded_(bounded), lengthKnown_(budget != SIZE_MAX), length_(budget) {}
 
     bool bytes(void *to, size_t n) {
         if (n <= left_) {
@@ -359,10 +369,12 @@ class Reader {
             at_ += n;
             left_ -= n;
             budget_ -= n;
+            consumed_ += n;
             return true;
         }
         if (s_.Transfer == nullptr || n > budget_ || n > INT32_MAX) return false;
         budget_ -= n;
+        consumed_ += n;
         return n == 0 || s_.Transfer(s_.Cookie, to, static_cast<int32_t>(n)) != FALSE;
     }
     bool byte(Byte &b) { return bytes(&b, 1); }
@@ -372,10 +384,12 @@ class Reader {
         v = readLe32(b);
         return true;
     }
+    // A p component: a bounded reader takes none but null.
     bool pointer(void *&p) {
         if (!s_.InProcess) {
             uint32_t v = 0;
             if (!u32(v)) return false;
+            if (bounded_ && v != 0) return refuse("pointer", v);
             p = reinterpret_cast<void *>(static_cast<uintptr_t>(v));
             return true;
         }
@@ -389,6 +403,26 @@ class Reader {
     // A count of things of at least unit bytes each that the rest can hold.
     bool plausible(uint64_t count, size_t unit = 1) const { return count <= budget_ / unit; }
 
+    // Memory a bounded reader is about to allocate, in pool bytes: refused,
+    // with a trace, when it would take the reader past its allowance (see
+    // objserial.h). Charges are never given back, so the allowance bounds
+    // the peak of what the read holds.
+    bool charge(size_t poolBytes) {
+        if (!bounded_) return true;
+        const size_t basis = lengthKnown_ ? length_ : consumed_;
+        const size_t limit = basis > (SIZE_MAX - OBJ_RECEIVE_FIXED_BYTES) / OBJ_RECEIVE_BYTES_PER_BYTE
+                                 ? SIZE_MAX
+                                 : basis * OBJ_RECEIVE_BYTES_PER_BYTE + OBJ_RECEIVE_FIXED_BYTES;
+        if (poolBytes <= limit - charged_) {
+            charged_ += poolBytes;
+            return true;
+        }
+        trace(kIdOverBudget, 1, -1, "Refused bytes: %lu bytes of input may not take more than %lu bytes of memory",
+              static_cast<unsigned long>(basis), static_cast<unsigned long>(limit));
+        return false;
+    }
+    bool chargeBlock(size_t userBytes) { return charge(fh::memBlockBytes(userBytes)); }
+
     // A string: u32 size, then the bytes with their NUL; size 0 is null.
     bool string(char *&out) {
         uint32_t size = 0;
@@ -396,6 +430,7 @@ class Reader {
         if (!u32(size)) return false;
         if (size == 0) return true;
         if (!plausible(size)) return refuse("string of %lu bytes", size);
+        if (!chargeBlock(size)) return false;
         auto *text = static_cast<char *>(MemAllocateFromPool(size, pool()));
         if (!bytes(text, size) || text[size - 1] != 0) {
             MemFreeInternal(&text);
@@ -417,9 +452,10 @@ class Reader {
             at_ += size;
             left_ -= size;
             budget_ -= size;
+            consumed_ += size;
             return in;
         }
-        if (!plausible(size)) return nullptr;
+        if (!plausible(size) || !chargeBlock(size)) return nullptr;
         owned = static_cast<char *>(MemAllocateFromPool(size, pool()));
         if (!bytes(owned, size) || owned[size - 1] != 0) MemFreeInternal(&owned);
         return owned;
@@ -431,6 +467,27 @@ class Reader {
         lastTemplate_ = t;
         leastBytes_ = leastBytes;
     }
+
+    // Whether a bounded reader may make a template for a received format:
+    // within the types one read may add and those the process may hold,
+    // and within its allowance. Traced when not.
+    bool mayMakeType(uint32_t magic, const char *format) {
+        if (!bounded_) return true;
+        const size_t bytes = fh::objectTemplateBytes(magic, format);
+        if (newTypes_ >= OBJ_RECEIVE_NEW_TYPES_PER_READ) {
+            trace(kIdTooManyNewTypes, 1, -1, "Refused a new type %lx: %ld new types in one read",
+                  static_cast<unsigned long>(magic), static_cast<long>(newTypes_));
+            return false;
+        }
+        if (fh::objectForeignTemplates() >= OBJ_RECEIVE_NEW_TYPES ||
+            fh::objectForeignTemplateBytes() + bytes > OBJ_RECEIVE_NEW_TYPE_BYTES) {
+            trace(kIdTooManyTypes, 1, -1, "Refused a new type %lx: %ld received types known",
+                  static_cast<unsigned long>(magic), static_cast<long>(fh::objectForeignTemplates()));
+            return false;
+        }
+        return charge(bytes);
+    }
+    void madeType() { ++newTypes_; }
 
     bool refuse(const char *what, unsigned long value) {
         if (bounded_) trace(kIdBoundedRefused, 1, -1, "Refused bytes: %s %lu", what, value);
@@ -459,6 +516,11 @@ class Reader {
     size_t left_ = 0;
     size_t budget_;
     bool bounded_ = false;
+    bool lengthKnown_;
+    size_t length_;        // of the whole input, when known
+    size_t consumed_ = 0;  // bytes read so far
+    size_t charged_ = 0;   // pool bytes the read has allocated
+    int32_t newTypes_ = 0; // templates this read made
     int32_t depth_ = 0;
     ObjectTemplate *lastTemplate_ = nullptr;
     uint64_t leastBytes_ = 0;
@@ -473,7 +535,9 @@ bool remember(Reader &r, int32_t id, void *object) {
     if (id == 0) return true;
     ObjStream &s = r.stream();
     const ObjMapAddressEntry entry{id, object};
-    if (!ensureSeen(s, false)) return false;
+    // The map, and room for each entry while the array grows beside the old one.
+    if (s.Seen == nullptr && !(r.charge(instanceBytes(MAP_MAGIC)) && r.chargeBlock(16 * sizeof entry))) return false;
+    if (!r.charge(2 * sizeof entry) || !ensureSeen(s, false)) return false;
     if (r.bounded() && MapFindEntry(nullptr, s.Seen, &id)) {
         trace(kIdDuplicateId, 1, -1, "Id %ld given twice", static_cast<long>(id));
         return false;
@@ -509,6 +573,7 @@ bool readComponent(Reader &r, void *object, const ComponentEntry &e) {
         if (!r.u32(size)) return false;
         if (size == 0) return true;
         if (size > INT32_MAX || !r.plausible(size)) return r.refuse("data of bytes", size);
+        if (!r.chargeBlock(size)) return false;
         data.pData = MemAllocateFromPool(size, pool());
         data.iSize = static_cast<int32_t>(size);
         return r.bytes(data.pData, size);
@@ -591,19 +656,31 @@ uint64_t leastBytes(const ObjectTemplate *t) {
 
 // The template of a received magic and format. The reader keeps the last
 // one, as the objects of one message tend to be of one type; templates live
-// until the process ends.
+// until the process ends, so a bounded reader makes new ones only within
+// its bounds.
 ObjectTemplate *templateFor(Reader &r, uint32_t magic, const char *format) {
     if (ObjectTemplate *last = r.lastTemplate(); last != nullptr && last->Magic == magic &&
                                                  strcmp(last->Descriptor.Format, format) == 0)
         return last;
-    if (r.bounded() && !fh::objectTemplateKnown(magic) && fh::objectTemplateCount() >= kMaxTemplates) {
-        trace(kIdTooManyTypes, 1, -1, "Refused a new type %lx: %ld types known", static_cast<unsigned long>(magic),
-              static_cast<long>(fh::objectTemplateCount()));
-        return nullptr;
+    ObjectTemplate *t = fh::objectTemplateFind(magic, format);
+    if (t == nullptr) {
+        if (!r.mayMakeType(magic, format)) return nullptr;
+        const int32_t before = fh::objectForeignTemplates();
+        t = ObjTemplateNewInternal(-1, magic, format, nullptr);
+        if (fh::objectForeignTemplates() != before) r.madeType();
     }
-    ObjectTemplate *t = ObjTemplateNewInternal(-1, magic, format, nullptr);
     if (t != nullptr) r.keepTemplate(t, leastBytes(t));
     return t;
+}
+
+// Whether a bounded reader may make objects of t, and the check it runs on
+// each (objserial.h tells which types those are).
+bool receivable(Reader &r, const ObjectTemplate *t, ObjReceivedCheck &check) {
+    check = nullptr;
+    if (!r.bounded() || fh::objectReception(t, &check) != fh::Reception::kRefused) return true;
+    trace(kIdNotReceivable, 1, -1, "Refused a received %s %lx: a type of this process that may not arrive", t->Name,
+          static_cast<unsigned long>(t->Magic));
+    return false;
 }
 
 bool readSimple(Reader &r, uint32_t magic, int32_t id, void **out) {
@@ -615,7 +692,11 @@ bool readSimple(Reader &r, uint32_t magic, int32_t id, void **out) {
     }
     ObjectTemplate *t = templateFor(r, magic, format);
     MemFreeInternal(&owned);
-    void *object = t != nullptr && r.plausible(r.leastBytesOfLast()) ? ObjTemplateNewInstanceFromPool(t, pool()) : nullptr;
+    ObjReceivedCheck check = nullptr;
+    void *object = t != nullptr && receivable(r, t, check) && r.plausible(r.leastBytesOfLast()) &&
+                           r.chargeBlock(static_cast<size_t>(t->Descriptor.ObjSize))
+                       ? ObjTemplateNewInstanceFromPool(t, pool())
+                       : nullptr;
     if (object == nullptr) {
         trace(122, 0, -1, "Failed to create new object");
         return false;
@@ -634,6 +715,11 @@ bool readSimple(Reader &r, uint32_t magic, int32_t id, void **out) {
             ++index;
         }
         r.leave();
+    }
+    if (ok && check != nullptr && !check(object)) {
+        trace(kIdDoesNotHold, 1, -1, "Refused a received %s %lx: its fields do not hold together", t->Name,
+              static_cast<unsigned long>(magic));
+        ok = false;
     }
     if (!ok) {
         forget(r, id);
@@ -661,18 +747,19 @@ bool readList(Reader &r, int32_t id, void **out) {
         return false;
     }
     LIST *list = nullptr;
-    bool ok = ListCreateFromPool(&list, itemMagic, pool()) != FALSE;
+    bool ok = r.charge(instanceBytes(LIST_MAGIC)) && ListCreateFromPool(&list, itemMagic, pool()) != FALSE;
     if (ok) ListSetCookie(list, cookie);
     ObjReleaseInternal(&cookie);
     if (!ok) return false;
     const bool entered = remember(r, id, list) && r.enter(list);
     ok = entered;
+    const size_t nodeBytes = instanceBytes(LISTNODE_MAGIC);
     for (uint32_t i = 0; ok && i < count; ++i) {
         void *item = nullptr;
         if (!readObject(r, &item)) {
             trace(128, 0, -1, "Failed to reconstruct list item");
             ok = false;
-        } else if (!ListPushLastItemInternal(list, &item)) {
+        } else if (!r.charge(nodeBytes) || !ListPushLastItemInternal(list, &item)) {
             ObjReleaseInternal(&item);
             trace(127, 0, -1, "Failed to push list item");
             ok = false;
@@ -700,6 +787,7 @@ bool readList(Reader &r, int32_t id, void **out) {
 // The chain of children of parent (or the roots, for a null parent).
 bool readChain(Reader &r, TREE *tree, TREENODE *parent) {
     if (!r.enter(parent != nullptr ? static_cast<void *>(parent) : tree)) return false;
+    const size_t nodeBytes = instanceBytes(TREENODE_MAGIC);
     bool ok = true;
     for (TREENODE *last = nullptr;;) {
         Byte present = 0, open = 0;
@@ -709,7 +797,8 @@ bool readChain(Reader &r, TREE *tree, TREENODE *parent) {
         }
         if (present == 0) break;
         void *item = nullptr;
-        if (!r.byte(open) || !readObject(r, &item)) {
+        if (!r.byte(open) || !readObject(r, &item) || !r.charge(nodeBytes)) {
+            ObjReleaseInternal(&item);
             ok = false;
             break;
         }
@@ -727,6 +816,7 @@ bool readChain(Reader &r, TREE *tree, TREENODE *parent) {
 }
 
 bool readTree(Reader &r, int32_t id, void **out) {
+    if (!r.charge(instanceBytes(TREE_MAGIC))) return false;
     TREE *tree = TreeNewFromPool(pool());
     void *cookie = nullptr;
     uint32_t end = 0;
@@ -793,29 +883,34 @@ bool readObject(Reader &r, void **out) {
     return readSimple(r, magic, static_cast<int32_t>(id), out);
 }
 
-// A count and a capacity of slots: the count within the capacity and within
-// what the bytes left can hold (each counted thing takes at least unit
-// bytes). A spare slot takes no bytes at all, so a bounded reader allows a
-// fixed number of them, far above what stanzas have (they grow by one key
-// and four values at a time).
-constexpr uint32_t kSpareSlots = 4096;
+// A count and a capacity of slots: the count within the capacity, within
+// the bound of a stanza record and within what the bytes left can hold
+// (each counted thing takes at least unit bytes). A spare slot takes no
+// bytes at all, so to a bounded reader the capacity is a hint: it keeps a
+// few spare slots (far above what stanzas have: they grow by one key and
+// four values at a time) and no more.
+constexpr uint32_t kSpareSlots = 16;
 bool readSlots(Reader &r, uint32_t &count, uint32_t &capacity, size_t unit) {
     if (!r.u32(count) || !r.u32(capacity)) return false;
-    if (count > capacity || capacity > INT32_MAX || !r.plausible(count, unit) ||
-        (r.bounded() && capacity - count > kSpareSlots))
-        return r.refuse("slots", capacity);
+    if (count > capacity || count > STNZ_MAX_SLOTS || !r.plausible(count, unit)) return r.refuse("slots", count);
+    if (r.bounded() && capacity - count > kSpareSlots) capacity = count;
+    if (capacity > STNZ_MAX_SLOTS) return r.refuse("slots", capacity);
     return true;
+}
+
+// The pool bytes of a stanza or key record with capacity slots.
+template <typename R> size_t recordBytes(uint32_t capacity) {
+    return fh::memBlockBytes(sizeof(R) + std::max<size_t>(capacity, 1) * sizeof(void *));
 }
 
 bool readKey(Reader &r, StanzaKey **out) {
     char *keyword = nullptr;
     uint32_t count = 0, capacity = 0;
-    if (!r.string(keyword) || keyword == nullptr || !readSlots(r, count, capacity, 4)) {
-        MemFreeInternal(&keyword);
-        return false;
-    }
-    StnzCreateKey(out, keyword, static_cast<int32_t>(capacity));
+    const bool ok = r.string(keyword) && keyword != nullptr && readSlots(r, count, capacity, 4) &&
+                    r.chargeBlock(strlen(keyword) + 1) && r.charge(recordBytes<StanzaKey>(capacity)) &&
+                    StnzCreateKey(out, keyword, static_cast<int32_t>(capacity));
     MemFreeInternal(&keyword);
+    if (!ok) return false;
     for (StanzaKey *key = *out; key->valueCount < static_cast<int32_t>(count); ++key->valueCount)
         if (!r.string(key->values[key->valueCount])) return false;
     return true;
@@ -834,9 +929,13 @@ bool readStanza(Reader &r, Stanza **out) {
     }
     char *colon = title != nullptr ? strchr(title, ':') : nullptr;
     if (colon != nullptr) *colon = '\0';
-    StnzCreate(out, colon != nullptr ? title : nullptr, colon != nullptr ? colon + 1 : title,
-               static_cast<int32_t>(capacity));
+    const bool made = (title == nullptr || r.chargeBlock(strlen(title) + 1)) &&
+                      (colon == nullptr || r.chargeBlock(strlen(colon + 1) + 1)) &&
+                      r.charge(recordBytes<Stanza>(capacity)) &&
+                      StnzCreate(out, colon != nullptr ? title : nullptr, colon != nullptr ? colon + 1 : title,
+                                 static_cast<int32_t>(capacity));
     MemFreeInternal(&title);
+    if (!made) return false;
     for (Stanza *stanza = *out; stanza->keyCount < static_cast<int32_t>(count); ++stanza->keyCount) {
         if (!readKey(r, &stanza->keys[stanza->keyCount])) {
             StnzReleaseKey(&stanza->keys[stanza->keyCount]);
@@ -1002,11 +1101,12 @@ bool serializeToFile(const void *object, FILE *file) {
     return writeObject(w, object) && w.finish();
 }
 
+// A file is bytes from elsewhere: the bounded reader reads it.
 bool reconstructFromFile(void **out, FILE *file) {
     OwnStream own(false, false);
     own.s.Transfer = fileRead;
     own.s.Cookie = file;
-    Reader r(own.s, bytesLeftIn(file));
+    Reader r(own.s, bytesLeftIn(file), true);
     return reconstructTop(r, out);
 }
 
@@ -1075,7 +1175,7 @@ BOOL ObjReconstruct(void **out, ObjStream *stream) {
         ProcCrash(0);
         return FALSE;
     }
-    Reader r(*stream, SIZE_MAX);
+    Reader r(*stream, SIZE_MAX, false);
     return reconstructTop(r, out);
 }
 

@@ -9,7 +9,8 @@
 //
 // None of the types has a release callback: release, copying and the byte
 // form all come from the format. A string, data block or stanza that a
-// payload points at belongs to the object.
+// payload points at belongs to the object. Any bytes make a valid value of
+// each, so all eight may arrive from elsewhere (objserial.h).
 #include <cstring>
 #include <iterator>
 #include <tuple>
@@ -285,8 +286,7 @@ BOOL ObjGetValue(void *out, const void *object) {
 BOOL ObjWrappersInitialize(void) {
     for (size_t i = 0; i < std::size(kTypes); ++i) {
         const SimpleType &type = kTypes[i];
-        if (!ObjTemplateCreateInternal(&gTemplates[i], static_cast<int32_t>(type.size), type.magic, type.format,
-                                       nullptr))
+        if (!fh::declareReceivable(&gTemplates[i], static_cast<int32_t>(type.size), type.magic, type.format))
             return FALSE;
     }
     return TRUE;

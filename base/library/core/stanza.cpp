@@ -8,10 +8,13 @@
 // over those helpers and over the two look-ups: the first key of a keyword
 // (no case) and the first value equal to a text (case counts).
 //
-// Invariants: count <= capacity, capacity >= 1, keyword and title-less
-// category aside every name is a private copy from the default pool.
+// Invariants: count <= capacity, 1 <= capacity <= STNZ_MAX_SLOTS, keyword
+// and title-less category aside every name is a private copy from the
+// default pool.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 
 #include "internal.h"
 
@@ -19,7 +22,7 @@ namespace {
 
 constexpr fh::ModuleTracer trace{"STANZA        "};
 
-enum TraceId : int32_t { kIdNotAString = 1 };
+enum TraceId : int32_t { kIdNotAString = 1, kIdTooManySlots = 2 };
 
 constexpr int32_t kValueGrowth = 4;
 constexpr int32_t kKeyGrowth = 1;
@@ -47,29 +50,42 @@ template <> struct Slots<StanzaKey> {
     static Slot *at(StanzaKey *k) { return k->values; }
 };
 
-template <typename R> R *allocate(int32_t capacity) {
+// A record of capacity slots (at least 1); null, traced, beyond the bound.
+template <typename R> R *allocate(int64_t capacity) {
     capacity = capacity < 1 ? 1 : capacity;
-    auto *r = static_cast<R *>(
-        MemAllocateFromPool(sizeof(R) + static_cast<size_t>(capacity) * sizeof(typename Slots<R>::Slot), pool()));
-    Slots<R>::capacity(r) = capacity;
+    const std::optional<size_t> bytes = capacity <= STNZ_MAX_SLOTS
+                                            ? fh::checkedSize(capacity, sizeof(typename Slots<R>::Slot), sizeof(R))
+                                            : std::nullopt;
+    if (!bytes) {
+        trace(kIdTooManySlots, 0, 1, "A capacity of %lld slots is beyond the bound of %ld",
+              static_cast<long long>(capacity), static_cast<long>(STNZ_MAX_SLOTS));
+        return nullptr;
+    }
+    auto *r = static_cast<R *>(MemAllocateFromPool(*bytes, pool()));
+    Slots<R>::capacity(r) = static_cast<int32_t>(capacity);
     return r;
 }
 
-// Room for one more slot, growing by step; the record may move.
-template <typename R> void makeRoom(R *&r, int32_t step) {
+// Room for one more slot, growing by step (not beyond the bound); the
+// record may move. False, with the record as it was, when it is full.
+template <typename R> bool makeRoom(R *&r, int32_t step) {
     using S = Slots<R>;
-    if (S::count(r) < S::capacity(r)) return;
-    R *grown = allocate<R>(S::capacity(r) + step);
+    if (S::count(r) < S::capacity(r)) return true;
+    const int64_t wanted = int64_t{S::capacity(r)} + step; // a full record asks beyond the bound, and fails
+    R *grown = allocate<R>(S::capacity(r) < STNZ_MAX_SLOTS ? std::min<int64_t>(wanted, STNZ_MAX_SLOTS) : wanted);
+    if (grown == nullptr) return false;
     const int32_t capacity = S::capacity(grown);
     memcpy(grown, r, sizeof(R) + static_cast<size_t>(S::count(r)) * sizeof(typename S::Slot));
     S::capacity(grown) = capacity;
     MemFreeInternal(&r);
     r = grown;
+    return true;
 }
 
-template <typename R> void append(R *&r, typename Slots<R>::Slot slot, int32_t step) {
-    makeRoom(r, step);
+template <typename R> bool append(R *&r, typename Slots<R>::Slot slot, int32_t step) {
+    if (!makeRoom(r, step)) return false;
     Slots<R>::at(r)[Slots<R>::count(r)++] = slot;
+    return true;
 }
 
 template <typename R> void closeGap(R *r, int32_t index) {
@@ -114,6 +130,7 @@ template <typename Make> BOOL setKeyword(Stanza **stanzaAddress, const char *key
 BOOL StnzCreate(Stanza **out, const char *category, const char *title, int32_t capacity) {
     if (out == nullptr || capacity < 0) return FALSE;
     Stanza *stanza = allocate<Stanza>(capacity);
+    if (stanza == nullptr) return FALSE;
     stanza->category = copyOf(category);
     stanza->title = copyOf(title);
     *out = stanza;
@@ -132,6 +149,7 @@ void StnzRelease(Stanza **stanzaAddress) {
 BOOL StnzCreateKey(StanzaKey **out, const char *keyword, int32_t capacity) {
     if (out == nullptr || keyword == nullptr || capacity < 0) return FALSE;
     StanzaKey *key = allocate<StanzaKey>(capacity);
+    if (key == nullptr) return FALSE;
     key->keyword = copyOf(keyword);
     *out = key;
     return TRUE;
@@ -239,7 +257,7 @@ BOOL StnzKeyGetValueList(const StanzaKey *key, LIST **out) {
 BOOL StnzAddKeyToStanza(Stanza **stanzaAddress, StanzaKey **keyAddress) {
     if (stanzaAddress == nullptr || *stanzaAddress == nullptr || keyAddress == nullptr || *keyAddress == nullptr)
         return FALSE;
-    append(*stanzaAddress, *keyAddress, kKeyGrowth);
+    if (!append(*stanzaAddress, *keyAddress, kKeyGrowth)) return FALSE;
     *keyAddress = nullptr;
     return TRUE;
 }
@@ -273,8 +291,10 @@ void StnzRemoveKeyFromStanza(Stanza *stanza, const StanzaKey *key) {
 
 BOOL StnzAddValueToKey(StanzaKey **keyAddress, const char *value) {
     if (keyAddress == nullptr || *keyAddress == nullptr) return FALSE;
-    append(*keyAddress, copyOf(value), kValueGrowth);
-    return TRUE;
+    char *copy = copyOf(value);
+    if (append(*keyAddress, copy, kValueGrowth)) return TRUE;
+    MemFreeInternal(&copy);
+    return FALSE;
 }
 
 BOOL StnzDeleteValueFromKey(StanzaKey *key, const char *value, BOOL all) {

@@ -12,13 +12,15 @@
 // One writer serves every output: an Output gathers the bytes of a stanza or
 // of a rewrite and hands them to the stream in large pieces. Rewrites share
 // one discipline: start the rewrite, copy the lines kept (rebuilt from their
-// parts), write what is new, commit; any failure cancels, so the file is
-// the old contents or the new, never a mixture.
+// parts, names as they were read), write what is new, commit; any failure,
+// a line that would not read back as itself included, cancels, so the file
+// is the old contents or the new, never a mixture.
 //
 // A STNZ_FILE's scan position is its stream's input offset plus the current
 // stanza (names and the offset behind its title line) and current key. Every
 // find remembers the offset first and, when it fails, goes back to it with
 // nothing current changed.
+#include <cstdio>
 #include <cstring>
 #include <optional>
 #include <string_view>
@@ -44,6 +46,9 @@ enum TraceId : int32_t {
     kIdReplaceFailed = 8,
     kIdBadName = 9,
     kIdWrongMode = 10,
+    kIdDroppedStanza = 11,
+    kIdDroppedKey = 12,
+    kIdBadCopy = 13,
 };
 
 static_assert(fh::formatPayloadSize(STNZ_FILE_FORMAT) == sizeof(STNZ_FILE));
@@ -301,19 +306,30 @@ template <typename Put> void escape(View text, Put &&put) {
 
 enum class NameKind { kKeyword, kCategory, kTitle, kTitleAlone };
 
+// How a name goes into a line: by the stanza writer, which keeps the old
+// limits ('!' and ',' refused), or copied by a rewrite exactly as a reader
+// took it from a line. Line ends never pass; the name's first character
+// may be ']' only where a reader takes it as the first of a name.
+enum class Written { kByWriter, kCopied };
+
 // Whether name reads back the same from the line a writer makes of it.
-bool keepsLimits(const char *name, NameKind kind) {
-    if (name == nullptr || *name == '\0' || isBlank(*name)) return false;
-    if (kind == NameKind::kKeyword && *name == '[') return false;
-    const char *forbidden = kind == NameKind::kKeyword    ? "!,\n\r="
-                            : kind == NameKind::kCategory ? "!,\n\r:]"
-                            : kind == NameKind::kTitle    ? "!,\n\r]"
-                                                          : "!,\n\r]:";
-    int bytes = 1;
-    for (const char *p = name; *p != '\0'; p += bytes) {
-        bytes = charBytes(p);
-        if (bytes == 1 && (strchr(forbidden, *p) != nullptr || (p[1] == '\0' && isBlank(*p)))) return false;
-        if (bytes == 1 && p[1] == '\0' && fh::isLeadByte(static_cast<unsigned char>(*p))) return false;
+bool keepsLimits(View name, NameKind kind, Written written = Written::kByWriter) {
+    if (name.empty() || isBlank(name[0])) return false;
+    if ((kind == NameKind::kKeyword && name[0] == '[') ||
+        ((kind == NameKind::kCategory || kind == NameKind::kTitleAlone) && name[0] == ':'))
+        return false;
+    const char *forbidden = kind == NameKind::kKeyword    ? "\n\r="
+                            : kind == NameKind::kCategory ? "\n\r:]"
+                            : kind == NameKind::kTitle    ? "\n\r]"
+                                                          : "\n\r]:";
+    const bool bracketFirst = written == Written::kCopied && kind != NameKind::kKeyword && kind != NameKind::kTitle;
+    for (size_t i = 0, bytes = 1; i < name.size(); i += bytes) {
+        bytes = charBytes(name, i);
+        if (bytes == 2) continue;
+        const char c = name[i];
+        const bool escapeChar = written == Written::kByWriter && (c == '!' || c == ',');
+        if (escapeChar || (strchr(forbidden, c) != nullptr && !(i == 0 && c == ']' && bracketFirst))) return false;
+        if (i + 1 == name.size() && (isBlank(c) || fh::isLeadByte(static_cast<unsigned char>(c)))) return false;
     }
     return true;
 }
@@ -342,11 +358,11 @@ bool keyLineReadsBack(const StanzaKey *key) {
 bool stanzaKeepsLimits(const Stanza *stanza) {
     const bool hasCategory = stanza->category != nullptr;
     if (hasCategory && !keepsLimits(stanza->category, NameKind::kCategory)) return false;
-    if (!keepsLimits(stanza->title, hasCategory ? NameKind::kTitle : NameKind::kTitleAlone)) return false;
+    if (!keepsLimits(viewOf(stanza->title), hasCategory ? NameKind::kTitle : NameKind::kTitleAlone)) return false;
     const size_t titleLine = strlen(stanza->title) + 2 + (hasCategory ? strlen(stanza->category) + 1 : 0);
     if (titleLine > STNZ_LINE_MAX) return false;
     for (int32_t k = 0; k < stanza->keyCount; ++k)
-        if (!keepsLimits(stanza->keys[k]->keyword, NameKind::kKeyword) || !keyLineReadsBack(stanza->keys[k]))
+        if (!keepsLimits(viewOf(stanza->keys[k]->keyword), NameKind::kKeyword) || !keyLineReadsBack(stanza->keys[k]))
             return false;
     return true;
 }
@@ -375,6 +391,8 @@ class Output {
     void putEscaped(View text) {
         escape(text, [this](const char *bytes, size_t count) { put(bytes, count); });
     }
+    // Takes nothing more: the rewrite this output serves will not commit.
+    void fail() { ok_ = false; }
     bool flush() {
         if (ok_ && used_ > 0) ok_ = FileStreamWrite(stream_, buffer_, static_cast<int32_t>(used_));
         used_ = 0;
@@ -388,22 +406,59 @@ class Output {
     char buffer_[8192];
 };
 
-// A line as a rewrite copies it: rebuilt from its parts.
-void putCopied(Output &out, const Line &line) {
+// Whether text holds a line end of its own (not the byte behind a lead byte).
+bool holdsLineEnd(View text) {
+    for (size_t i = 0, bytes = 1; i < text.size(); i += bytes) {
+        bytes = charBytes(text, i);
+        if (bytes == 1 && (text[i] == '\n' || text[i] == '\r')) return true;
+    }
+    return false;
+}
+
+// Whether a line rebuilt from these parts reads back as the same parts,
+// within the longest line. A line that a reader took from a file does,
+// unless its argument ends in a lone lead byte (at the end of the file, or
+// before a NUL): written out, that byte would take the line feed behind it
+// and the next line with it.
+bool copyReadsBack(const Line &line) {
+    if (line.isTitle) {
+        const TitleLine &t = line.title;
+        return (!t.hasCategory || keepsLimits(t.category, NameKind::kCategory, Written::kCopied)) &&
+               keepsLimits(t.title, t.hasCategory ? NameKind::kTitle : NameKind::kTitleAlone, Written::kCopied) &&
+               t.category.size() + t.title.size() + 3 <= STNZ_LINE_MAX;
+    }
+    const KeyLine &k = line.key;
+    return keepsLimits(k.keyword, NameKind::kKeyword, Written::kCopied) &&
+           !holdsLineEnd(k.argument) && !endsInLoneLead(k.argument) &&
+           k.keyword.size() + k.argument.size() + 1 <= STNZ_LINE_MAX;
+}
+
+// A line as a rewrite copies it: rebuilt from its parts, with the names as
+// they were read (readers undo no escape in a name, so escaping one again
+// would change it on every copy). False, with nothing written, for parts
+// that would not read back as themselves.
+bool putCopied(Output &out, const Line &line) {
+    if (!copyReadsBack(line)) {
+        const View first = line.isTitle ? line.title.title : line.key.keyword;
+        trace(kIdBadCopy, 0, 0, "A rewrite stops at a line that would not read back as itself: %.*s",
+              static_cast<int>(first.size()), first.data());
+        return false;
+    }
     if (line.isTitle) {
         out.put("[");
         if (line.title.hasCategory) {
-            out.putEscaped(line.title.category);
+            out.put(line.title.category);
             out.put(":");
         }
-        out.putEscaped(line.title.title);
+        out.put(line.title.title);
         out.put("]\n");
     } else {
-        out.putEscaped(line.key.keyword);
+        out.put(line.key.keyword);
         out.put("=");
         out.put(line.key.argument);
         out.put("\n");
     }
+    return true;
 }
 
 void putStanza(Output &out, const Stanza *stanza) {
@@ -590,6 +645,50 @@ bool endsMidLine(FILE_STREAM *input) {
 
 bool isStanzaObject(const void *item) { return ObjCheckTypeInternal(item, OBJ_STANZA_MAGIC); }
 
+// The stanzas of a replaced stanza's name after the first: a replace drops
+// them with it. Their lines are noted as the rewrite passes them and traced
+// for the operator once it is committed, so that what a person wrote there
+// can be found again.
+class Namesakes {
+  public:
+    Namesakes() : lines_(ListNewFromPool(OBJ_STRING_MAGIC, nullptr)) {}
+    ~Namesakes() { ObjReleaseInternal(&lines_); }
+    Namesakes(const Namesakes &) = delete;
+    Namesakes &operator=(const Namesakes &) = delete;
+
+    // A line of a stanza of the replaced name.
+    void pass(const Line &line) {
+        if (line.isTitle) ++seen_;
+        if (seen_ < 2) return;
+        char text[STNZ_LINE_MAX + 4];
+        const View first = line.isTitle ? line.title.category : line.key.keyword;
+        const View second = line.isTitle ? line.title.title : line.key.argument;
+        snprintf(text, sizeof text, line.isTitle ? "[%.*s%s%.*s]" : "%.*s%s%.*s", static_cast<int>(first.size()),
+                 first.data(), line.isTitle ? (line.title.hasCategory ? ":" : "") : "=", static_cast<int>(second.size()),
+                 second.data());
+        OBJ_STRING *item = ObjStringNew(text);
+        ListPushLastItemInternal(lines_, &item);
+    }
+
+    void report(const FILE_STREAM *stream) const {
+        const char *path = nullptr, *stanza = "";
+        FileStreamGetPath(&path, stream);
+        for (const LISTNODE *node = lines_->oFirst; node != nullptr; node = node->oNext) {
+            const char *text = ObjGetString(node->oItem);
+            if (*text == '[') {
+                stanza = text;
+                trace(kIdDroppedStanza, 0, 0, "Dropped another stanza %s of that name from '%s'", stanza, path);
+            } else {
+                trace(kIdDroppedKey, 0, 0, "Dropped with %s: %s", stanza, text);
+            }
+        }
+    }
+
+  private:
+    LIST *lines_;
+    int32_t seen_ = 0;
+};
+
 } // namespace
 
 // ---- Lines ------------------------------------------------------------------
@@ -688,8 +787,7 @@ BOOL StnzWriteRecord(STNZ_FILE *file, const StnzLineRecord *record) {
         return FALSE;
     }
     Output out(file->pStream);
-    putCopied(out, line);
-    return out.flush();
+    return putCopied(out, line) && out.flush();
 }
 
 // ---- An open file ----------------------------------------------------------
@@ -862,7 +960,7 @@ BOOL StnzFileRemoveStanza(STNZ_FILE *file, const char *category, const char *tit
         file,
         [&](Output &out, const Line &line) {
             if (line.isTitle) skipping = titleMatches(line.title, category, title);
-            if (!skipping) putCopied(out, line);
+            if (!skipping && !putCopied(out, line)) out.fail();
         },
         [](Output &) {});
 }
@@ -870,7 +968,8 @@ BOOL StnzFileRemoveStanza(STNZ_FILE *file, const char *category, const char *tit
 BOOL StnzFileReplaceStanza(STNZ_FILE *file, const Stanza *stanza) {
     if (!inUpdateMode(file) || !writable(stanza)) return FALSE;
     bool skipping = false, copiedTitle = false;
-    return rewriteFile(
+    Namesakes namesakes;
+    const BOOL replaced = rewriteFile(
         file,
         [&](Output &out, const Line &line) {
             if (line.isTitle) {
@@ -878,12 +977,15 @@ BOOL StnzFileReplaceStanza(STNZ_FILE *file, const Stanza *stanza) {
                 if (!skipping && copiedTitle) out.put("\n");
                 copiedTitle = copiedTitle || !skipping;
             }
-            if (!skipping) putCopied(out, line);
+            if (skipping) namesakes.pass(line);
+            else if (!putCopied(out, line)) out.fail();
         },
         [&](Output &out) {
             if (copiedTitle) out.put("\n\n");
             putStanza(out, stanza);
         });
+    if (replaced) namesakes.report(file->pStream);
+    return replaced;
 }
 
 BOOL StnzFileLoadStanzaList(LIST **out, STNZ_FILE *file) {

@@ -50,8 +50,8 @@ int fcntlFlags(int fd, int command, int flags) { return fcntl(fd, command, flags
 int fcntlLock(int fd, int command, struct flock *lock) { return fcntl(fd, command, lock); }
 
 constexpr fh::SystemCalls kPlatform = {
-    openFile, ::close, ::read,  ::write, ::lseek,   ::ftruncate, fcntlFlags,    fcntlLock, ::rename, ::unlink,
-    ::rmdir,  ::stat,  ::lstat, ::fstat, ::opendir, ::readdir,   ::gethostname, ::statvfs, ::putenv,
+    openFile, ::close,  ::read,  ::write, ::lseek, ::ftruncate, fcntlFlags,    fcntlLock, ::rename, ::fsync,
+    ::unlink, ::rmdir,  ::stat,  ::lstat, ::fstat, ::opendir,   ::readdir,     ::gethostname, ::statvfs, ::putenv,
 };
 fh::SystemCalls gCalls = kPlatform;
 

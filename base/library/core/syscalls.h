@@ -32,6 +32,7 @@ struct SystemCalls {
     int (*fcntlFlags)(int fd, int command, int flags); // F_GETFL, F_SETFL, F_SETFD
     int (*fcntlLock)(int fd, int command, struct flock *lock);
     int (*rename)(const char *from, const char *to);
+    int (*fsync)(int fd);
     int (*unlink)(const char *path);
     int (*rmdir)(const char *path);
     int (*stat)(const char *path, struct stat *status);

@@ -213,11 +213,11 @@ int64_t TimeNowAsInt64(void) {
     return int64_t{tv.tv_sec} * 1000 + tv.tv_usec / 1000;
 }
 
+// Timeouts and offsets are two plain words: any bytes make one, so both may
+// arrive from elsewhere.
 BOOL TimeInitialize(void) {
-    return ObjTemplateCreateInternal(&gTimeoutTemplate, sizeof(TIME_TIMEOUT), TIME_TIMEOUT_MAGIC, TIME_TIMEOUT_FORMAT,
-                                     nullptr) &&
-           ObjTemplateCreateInternal(&gOffsetTemplate, sizeof(TIME_OFFSET), TIME_OFFSET_MAGIC, TIME_OFFSET_FORMAT,
-                                     nullptr);
+    return fh::declareReceivable(&gTimeoutTemplate, sizeof(TIME_TIMEOUT), TIME_TIMEOUT_MAGIC, TIME_TIMEOUT_FORMAT) &&
+           fh::declareReceivable(&gOffsetTemplate, sizeof(TIME_OFFSET), TIME_OFFSET_MAGIC, TIME_OFFSET_FORMAT);
 }
 
 BOOL TimeInitializeThread(void) { return TRUE; }
