@@ -1,4 +1,4 @@
-// filewrap.cpp - whole files in memory: load, save and compare.
+// filewrappers.cpp - whole files in memory: load, save and compare.
 //
 // Load and save are one worker each, told by a small record of the kind
 // (text or binary) what mode to open in and which texts to trace; both read

@@ -1,4 +1,4 @@
-// strwrap.cpp - lists of values as one line of text, and back.
+// strwrappers.cpp - lists of values as one line of text, and back.
 //
 // Joining is one worker over the list: a function per family gives the text
 // of an item (or null to skip it) in a scratch area, the worker measures the

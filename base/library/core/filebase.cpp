@@ -1,4 +1,4 @@
-// file.cpp - whole files by name: delete, copy, move and status.
+// filebase.cpp - whole files by name: delete, copy, move and status.
 //
 // Each operation is a short sequence of calls of the layer below (or of the
 // system call table), retried while interrupted. The copy is the one worker

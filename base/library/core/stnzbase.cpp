@@ -1,4 +1,4 @@
-// stanza.cpp - stanzas and keys in memory.
+// stnzbase.cpp - stanzas and keys in memory.
 //
 // A stanza and a key are the same shape: a few fields, a count, a capacity
 // and an inline array of pointers (keys, values) at the end of one block.

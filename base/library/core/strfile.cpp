@@ -1,4 +1,4 @@
-// strstream.cpp - characters of the string layer through a file stream.
+// strfile.cpp - characters of the string layer through a file stream.
 //
 // The reader takes the bytes of the stream's input and pairs a lead byte
 // with the byte after it; carriage returns are dropped wherever they stand,

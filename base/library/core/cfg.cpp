@@ -1,4 +1,4 @@
-// config.cpp - the front end of configuration: each call decides between
+// cfg.cpp - the front end of configuration: each call decides between
 // this machine's files and the configuration server, and the settings of a
 // stanza list held in memory.
 //

@@ -1,4 +1,4 @@
-// stanzafile.cpp - stanza files: the text form of configuration, scanned by
+// stnzfile.cpp - stanza files: the text form of configuration, scanned by
 // position and rewritten through the file stream's ".new".
 //
 // One reader serves every scan: it takes the next line through
