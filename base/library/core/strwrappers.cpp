@@ -5,10 +5,18 @@
 // line in a first pass and fills it in a second. Splitting walks the line by
 // characters, so a double-byte character whose trail byte looks like a comma
 // or a blank stays whole.
+#include "core/strwrap.h"
+
 #include <cstdio>
 #include <cstring>
 
-#include "internal.h"
+#include "core/list.h"
+#include "core/memory.h"
+#include "core/object.h"
+#include "core/objwrappers.h"
+#include "core/strbase.h"
+#include "objcore.h"
+#include "tracer.h"
 
 namespace {
 
