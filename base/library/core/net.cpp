@@ -583,10 +583,8 @@ const fh::NetCalls &fh::netPlatformCalls() { return kPlatform; }
 
 BOOL NetOpen(int32_t *socket, int32_t kind) {
     if (socket == nullptr || (kind != NET_SOCKET_DATAGRAM && kind != NET_SOCKET_STREAM)) {
-        trace(kIdOpenArguments, kind, -1, "NetOpen(%p, %ld) - bad arguments", static_cast<void *>(socket),
+        return trace.fault(FALSE, kIdOpenArguments, kind, "NetOpen(%p, %ld) - bad arguments", static_cast<void *>(socket),
               static_cast<long>(kind));
-        ProcCrash(0);
-        return FALSE;
     }
     const bool datagram = kind == NET_SOCKET_DATAGRAM;
     const int type = (datagram ? SOCK_DGRAM : SOCK_STREAM) | SOCK_CLOEXEC;
@@ -657,10 +655,8 @@ BOOL NetAddressEqual(const NetAddressT *first, const NetAddressT *second, BOOL a
 BOOL NetBind(int32_t socket, const NetAddressT *address) {
     if (socket == -1) return FALSE;
     if (address == nullptr) {
-        trace(kIdBindArguments, 0, -1, "NetBind(%ld, %p) - no address", static_cast<long>(socket),
+        return trace.fault(FALSE, kIdBindArguments, 0, "NetBind(%ld, %p) - no address", static_cast<long>(socket),
               static_cast<const void *>(address));
-        ProcCrash(0);
-        return FALSE;
     }
     const sockaddr_in platform = toPlatform(address);
     if (calls().bind(socket, asSockaddr(platform), sizeof platform) == 0) return TRUE;
@@ -681,10 +677,8 @@ int32_t NetAccept(int32_t *newSocket, int32_t socket, NetAddressT *address) {
         return NET_ERROR_BAD_SOCKET;
     }
     if (newSocket == nullptr) {
-        trace(kIdAcceptArguments, 0, -1, "NetAccept(%p, %ld, %p) - nowhere to put the socket",
+        return trace.fault(NET_ERROR_FATAL, kIdAcceptArguments, 0, "NetAccept(%p, %ld, %p) - nowhere to put the socket",
               static_cast<void *>(newSocket), static_cast<long>(socket), static_cast<void *>(address));
-        ProcCrash(0);
-        return NET_ERROR_FATAL;
     }
     AddressRoom room;
     const int fd = repeated([&] { return calls().accept(socket, room.platform(), &room.length, SOCK_CLOEXEC); });

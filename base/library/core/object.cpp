@@ -482,9 +482,7 @@ namespace {
 
 void *newInstance(ObjectTemplate *t, MemPool *from) {
     if (t == nullptr) {
-        trace(88, 1, -1, "Invalid arguments");
-        ProcCrash(0);
-        return nullptr;
+        return trace.fault(nullptr, 88, 1, "Invalid arguments");
     }
     auto *h = static_cast<ObjectHeader *>(MemAllocateFromPool(t->Descriptor.ObjSize, from));
     char *object = payloadOf(h);
@@ -688,9 +686,7 @@ void *ObjTemplateNewInstanceFromPool(ObjectTemplate *objectTemplate, MemPool *fr
 
 BOOL ObjTemplateCreateInstanceFromPool(void **out, ObjectTemplate *objectTemplate, MemPool *from) {
     if (out == nullptr) {
-        trace(88, 1, -1, "Invalid arguments");
-        ProcCrash(0);
-        return FALSE;
+        return trace.fault(FALSE, 88, 1, "Invalid arguments");
     }
     *out = newInstance(objectTemplate, from);
     return *out != nullptr;
@@ -700,9 +696,7 @@ BOOL ObjCreateInternal(void **out, int32_t size, uint32_t magic, const char *for
                        ObjReleaseCallback releaseCallback, MemPool *from) {
     ObjectTemplate *t = out != nullptr ? getTemplate(size, magic, format, releaseCallback) : nullptr;
     if (t == nullptr) {
-        trace(10, 0, 2, "ObjCreate() failed");
-        ProcCrash(0);
-        return FALSE;
+        return trace.faultAt(2, FALSE, 10, 0, "ObjCreate() failed");
     }
     *out = newInstance(t, from);
     return TRUE;
@@ -712,9 +706,7 @@ void *ObjNewInternal(int32_t size, uint32_t magic, const char *format, ObjReleas
                      MemPool *from) {
     ObjectTemplate *t = getTemplate(size, magic, format, releaseCallback);
     if (t == nullptr) {
-        trace(81, 0, 2, "ObjNew() failed");
-        ProcCrash(0);
-        return nullptr;
+        return trace.faultAt(2, nullptr, 81, 0, "ObjNew() failed");
     }
     return newInstance(t, from);
 }
@@ -743,10 +735,8 @@ BOOL ObjTemplateSetReceivable(ObjectTemplate *t, ObjReceivedCheck check) {
                                              t != nullptr ? t->Descriptor.FieldCount : 0))
         hasPointer = hasPointer || e.Datatype == eObjPointer;
     if (t == nullptr || t->Foreign || ((t->ReleaseCallback != nullptr || hasPointer) && check == nullptr)) {
-        trace(kIdNotReceivable, 0, -1, "Type %s cannot be received without a check of its own",
+        return trace.fault(FALSE, kIdNotReceivable, 0, "Type %s cannot be received without a check of its own",
               t != nullptr ? t->Name : "(null)");
-        ProcCrash(0);
-        return FALSE;
     }
     blockOf(t).receivable = true;
     blockOf(t).check = check;
@@ -800,9 +790,7 @@ BOOL ObjIncRefCount(void *object) {
     if (object == nullptr) return FALSE;
     ObjectHeader *h = headerOf(object);
     if (!OBJ_VALID_MAGIC(h->StartMagic)) {
-        trace(26, 0, -1, "ObjIncRefCount - Invalid Magic for object at %p", object);
-        ProcCrash(0);
-        return FALSE;
+        return trace.fault(FALSE, 26, 0, "ObjIncRefCount - Invalid Magic for object at %p", object);
     }
     ++h->RefCount;
     return TRUE;
@@ -810,9 +798,7 @@ BOOL ObjIncRefCount(void *object) {
 
 BOOL ObjReleaseInternal(void *objectAddress) {
     if (objectAddress == nullptr) {
-        trace(74, 0, 3, "ObjRelease - Invalid pointer to Object");
-        ProcCrash(0);
-        return FALSE;
+        return trace.faultAt(3, FALSE, 74, 0, "ObjRelease - Invalid pointer to Object");
     }
     void *&slot = *static_cast<void **>(objectAddress);
     if (slot == nullptr) return FALSE;
