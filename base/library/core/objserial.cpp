@@ -644,16 +644,9 @@ bool translate(Reader &r, void *&object, int32_t id) {
 // reader refuses a type whose instance the bytes left cannot justify.
 uint64_t leastBytes(const ObjectTemplate *t) {
     uint64_t total = 0;
-    for (const ComponentEntry &e : entriesOf(t)) {
-        switch (e.Datatype) {
-        case eObjBoolean: case eObjObject: case eObjStanza: total += 1; break;
-        case eObjInline: total += 4 + static_cast<uint64_t>(e.InlineSize); break;
-        case eObjViewInfo: total += 9; break;
-        case eObjInt64: total += 8; break;
-        case eObjUnique: total += 32; break;
-        default: total += 4; break;
-        }
-    }
+    for (const ComponentEntry &e : entriesOf(t))
+        total += static_cast<uint64_t>(fh::kDatatypes[e.Datatype].leastStored) +
+                 (e.Datatype == eObjInline ? static_cast<uint64_t>(e.InlineSize) : 0);
     return total;
 }
 
