@@ -144,6 +144,11 @@ constexpr std::optional<size_t> checkedSize(int64_t count, size_t unit, size_t e
 // highest that has been since the last reset of the peak. A reader of bytes
 // from elsewhere counts its allocations in the same unit.
 size_t memBlockBytes(size_t size);
+
+// MemAllocateFromPool of size bytes that start as a copy of the filled bytes
+// at from, zero behind them: a grown array is not cleared where the copy of
+// the old one lands.
+void *memAllocateFilled(size_t size, MemPool *pool, const void *from, size_t filled);
 size_t memBytesInUse();
 size_t memBytesPeak();
 void memResetBytesPeak();
