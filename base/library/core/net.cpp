@@ -37,8 +37,15 @@
 #include <cstring>
 #include <span>
 
-#include "internal.h"
+#include "core/config.h"
+#include "core/context.h"
+#include "core/list.h"
+#include "core/memory.h"
+#include "core/object.h"
+#include "core/timeout.h"
 #include "netcalls.h"
+#include "objcore.h"
+#include "tracer.h"
 
 namespace {
 
