@@ -35,6 +35,7 @@
 #include "config.h"
 #include "path.h"
 #include "net.h"
+#include "nethost.h"
 #include "msg.h"
 
 #endif /* FHCORE_FHCORE_H */
