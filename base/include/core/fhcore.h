@@ -37,5 +37,6 @@
 #include "net.h"
 #include "nethost.h"
 #include "msg.h"
+#include "msgpacket.h"
 
 #endif /* FHCORE_FHCORE_H */
