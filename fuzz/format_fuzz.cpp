@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include "core/fhcore.h"
-#include "internal.h"
+#include "seams.h"
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     ContextInitialize();

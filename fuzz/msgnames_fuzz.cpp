@@ -16,7 +16,7 @@
 #include <string>
 
 #include "core/fhcore.h"
-#include "internal.h"
+#include "objcore.h"
 
 namespace {
 

@@ -22,8 +22,8 @@
 #include <string>
 
 #include "core/fhcore.h"
-#include "internal.h"
 #include "netcalls.h"
+#include "seams.h"
 
 namespace {
 

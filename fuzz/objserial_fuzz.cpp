@@ -17,7 +17,9 @@
 #include <vector>
 
 #include "core/fhcore.h"
-#include "internal.h"
+#include "objcore.h"
+#include "seams.h"
+#include "sizes.h"
 
 namespace {
 

@@ -10,7 +10,9 @@
 #include <cstring>
 #include <string>
 
-#include "internal.h"
+#include "core/fhcore.h"
+#include "objcore.h"
+#include "seams.h"
 
 namespace {
 

@@ -13,7 +13,13 @@
 #include <vector>
 
 #include "core/fhcore.h"
-#include "internal.h"
+#include "codec.h"
+#include "objcore.h"
+#include "proctable.h"
+#include "seams.h"
+#include "sizes.h"
+#include "text.h"
+#include "tracer.h"
 
 class LibraryTest : public ::testing::Test {
 protected:

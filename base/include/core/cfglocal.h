@@ -141,6 +141,10 @@ FHAPI BOOL CfgLocalRemoveValueFromKey(const char *file, const char *title, const
 /* Removes the first key of keyword; FALSE if the stanza or key is missing. */
 FHAPI BOOL CfgLocalRemoveKey(const char *file, const char *title, const char *keyword, const char *alternatePath);
 
+/* A new path "config/<file>" under the home directory (the directory itself
+ * for a null file); the caller frees it. */
+FHAPI char *CfgLocalBuildPath(const char *file);
+
 FH_END_DECLS
 
 #endif /* FHCORE_CFGLOCAL_H */

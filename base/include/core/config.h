@@ -28,6 +28,7 @@
 #ifndef FHCORE_CONFIG_H
 #define FHCORE_CONFIG_H
 
+#include "cfglocal.h" /* CfgLocalBuildPath and the local layer */
 #include "list.h"
 #include "stanza.h"
 #include "types.h"
@@ -94,10 +95,9 @@ FHAPI BOOL CfgRemoveKey(const char *file, const char *title, const char *keyword
 /* ---- Paths and routing ------------------------------------------------------ */
 
 /* New paths: "config/<file>" under the home directory (the directory
- * itself for a null file), or from CfgUtilBuildPath with an alternate path
+ * itself for a null file, as CfgLocalBuildPath), or from CfgUtilBuildPath with an alternate path
  * "<alternate path>/<file>" under it, and null, traced, for a null file. */
 FHAPI char *CfgBuildPath(const char *file);
-FHAPI char *CfgLocalBuildPath(const char *file);
 FHAPI char *CfgUtilBuildPath(const char *file, const char *alternatePath);
 
 /* TRUE when the call is to go remote; *client and *server then get new

@@ -15,6 +15,7 @@
 #include "map.h"
 #include "objmap.h"
 #include "objserial.h"
+#include "objwalk.h"
 #include "list.h"
 #include "tree.h"
 #include "objwrappers.h"

@@ -1,5 +1,6 @@
 /*
- * objserial.h - the byte form of objects, and the walker over object graphs.
+ * objserial.h - the byte form of objects (and, through objwalk.h, the
+ * walker over object graphs).
  *
  * Bytes from elsewhere. What another process, another machine or a file
  * hands this process is read by the bounded reader: ObjReconstructFromBytes,
@@ -69,6 +70,7 @@
 #include <stdio.h>
 
 #include "map.h"
+#include "objwalk.h"
 #include "types.h"
 
 FH_BEGIN_DECLS
@@ -179,28 +181,6 @@ FHAPI BOOL ObjReconstructFromFP(void **out, FILE *file);
  * deleted whatever the result by the second. */
 FHAPI BOOL ObjSerializeToTempFile(char **path, const char *owner, const void *object);
 FHAPI BOOL ObjReconstructFromTempFile(void **out, const char *path);
-
-/* The walker. The callback gets the cookie and the address of the variable
- * that holds an object, and answers: */
-enum ObjWalkResult {
-    eObjWalkAbort = 0,    /* end the walk */
-    eObjWalkEnter = 1,    /* go on, into this object */
-    eObjWalkSkip = 2,     /* go on, but not into this object */
-    eObjWalkRelease = 3   /* release this reference and go on */
-};
-typedef int32_t (*ObjWalkFunction)(void *cookie, void **slot);
-
-/* Visits every object reachable from *objectVariable once (shared objects
- * and cycles are safe), list and tree nodes included, which the callback
- * may not replace. FALSE for a non-zero reserved argument or a null first
- * or second argument, and when the walk ended on eObjWalkAbort or a fault. */
-FHAPI BOOL ObjWalk(void **objectVariable, ObjWalkFunction callback, void *cookie, int32_t reserved);
-
-/* The map of visited objects: objects with more than one reference. */
-FHAPI MAP *ObjWalkMapNew(void);
-FHAPI void ObjWalkMapRelease(MAP **mapAddress);
-FHAPI BOOL ObjWalkMapAddObject(MAP *map, void *object);
-FHAPI BOOL ObjWalkMapRemoveObject(MAP *map, void *object);
 
 FH_END_DECLS
 

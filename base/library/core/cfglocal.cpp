@@ -8,7 +8,18 @@
 // The value-list entry operations hold that lock from read to rewrite; the
 // key operations on [title] read under a shared lock and rewrite in a second
 // open, as cfglocal.h says.
-#include "internal.h"
+#include "core/cfglocal.h"
+
+#include "core/config.h"
+#include "core/list.h"
+#include "core/memory.h"
+#include "core/object.h"
+#include "core/objwrappers.h"
+#include "core/path.h"
+#include "core/stanza.h"
+#include "core/stanzafile.h"
+#include "core/strbase.h"
+#include "tracer.h"
 
 namespace {
 
@@ -382,3 +393,5 @@ BOOL CfgLocalRemoveKey(const char *file, const char *title, const char *keyword,
     return changeKey(file, title, keyword, alternatePath,
                      [&](Stanza *&stanza, StanzaKey *) { return StnzDeleteKeywordFromStanza(stanza, keyword, FALSE); });
 }
+
+char *CfgLocalBuildPath(const char *file) { return PathHomeBuild("config", file, static_cast<char *>(nullptr)); }

@@ -18,6 +18,8 @@
 //   Released         1, set,   released after ContextReleaseThread
 // ContextInitialize never creates per-context state twice: it does so only
 // when it is the call that set the marker.
+#include "core/context.h"
+
 #include <algorithm>
 #include <array>
 #include <csignal>
@@ -27,7 +29,26 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "internal.h"
+#include "core/list.h"
+#include "core/locale.h"
+#include "core/map.h"
+#include "core/memory.h"
+#include "core/msg.h"
+#include "core/net.h"
+#include "core/object.h"
+#include "core/objmap.h"
+#include "core/objwrappers.h"
+#include "core/path.h"
+#include "core/stanzafile.h"
+#include "core/strbase.h"
+#include "core/sys.h"
+#include "core/syssignal.h"
+#include "core/timeout.h"
+#include "core/trace.h"
+#include "core/tree.h"
+#include "proctable.h"
+#include "seams.h"
+#include "tracer.h"
 
 LmContext gtLmContext = {};
 

@@ -8,13 +8,20 @@
 // to read in a tree of DIR_SCAN_DIR objects: each node is a directory, its
 // path the names from the root down; stepping with TreeNextNodeAndBin frees
 // each directory once it and everything below it are done.
+#include "core/file.h"
+
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cstring>
 
-#include "internal.h"
+#include "core/memory.h"
+#include "core/object.h"
+#include "core/strbase.h"
+#include "core/sys.h"
+#include "core/tree.h"
 #include "syscalls.h"
+#include "tracer.h"
 
 namespace {
 

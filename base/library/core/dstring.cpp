@@ -6,11 +6,19 @@
 // most what the 32-bit capacity holds). A dynamic string may arrive from
 // elsewhere: the reader of such bytes makes one only if these invariants
 // hold for it.
+#include "core/dstring.h"
+
 #include <cstdio>
 #include <cstring>
 #include <optional>
 
-#include "internal.h"
+#include "core/context.h"
+#include "core/memory.h"
+#include "core/object.h"
+#include "core/strbase.h"
+#include "objcore.h"
+#include "sizes.h"
+#include "tracer.h"
 
 namespace {
 

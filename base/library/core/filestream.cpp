@@ -13,11 +13,18 @@
 // and the directory after it: after a power loss the name holds the old
 // contents or the new ones, never a name without its data. New contents
 // that do not reach the disk are not committed.
+#include "core/filestream.h"
+
 #include <cstdarg>
 #include <cstring>
 
-#include "internal.h"
+#include "core/file.h"
+#include "core/filesys.h"
+#include "core/memory.h"
+#include "core/object.h"
+#include "core/strbase.h"
 #include "syscalls.h"
+#include "tracer.h"
 
 namespace {
 

@@ -9,12 +9,18 @@
 //
 // The table kModes gives, per access mode, the open flags, the permission
 // bits on creation and the two stream modes.
+#include "core/filesys.h"
+
 #include <sys/stat.h>
 
 #include <cstring>
 
-#include "internal.h"
+#include "core/file.h"
+#include "core/memory.h"
+#include "core/strbase.h"
+#include "core/sys.h"
 #include "syscalls.h"
+#include "tracer.h"
 
 namespace {
 

@@ -20,10 +20,17 @@
 // Reports: a trace under the operation's id and, for a fault of the
 // caller, ProcCrash(0); then the failure value. A null list given to an add
 // is not reported.
+#include "core/list.h"
+
 #include <algorithm>
 #include <utility>
 
-#include "internal.h"
+#include "core/context.h"
+#include "core/memory.h"
+#include "core/object.h"
+#include "core/trace.h"
+#include "objcore.h"
+#include "tracer.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 // state and every look-up gives the built-in text.
 #include "core/locale.h"
 
-#include "internal.h"
+#include "core/context.h"
 
 const char *LocaleGetStaticString(const char *text, int32_t) { return text != nullptr ? text : ""; }
 

@@ -7,11 +7,18 @@
 // The array's size (Capacity entries of the entry size) always fits the
 // 32-bit size of its data component: a map that would pass it is not made,
 // and an insertion that would grow it beyond fails.
+#include "core/map.h"
+
 #include <cstring>
 #include <optional>
 
-#include "internal.h"
+#include "core/context.h"
+#include "core/memory.h"
+#include "core/object.h"
+#include "core/objmap.h"
 #include "mapcore.h"
+#include "sizes.h"
+#include "tracer.h"
 
 namespace {
 

@@ -23,6 +23,8 @@
 // set; and the pool bytes of the blocks in use (headers, user areas as
 // rounded, guard words) with their highest value since a reset, by which
 // the readers of bytes from elsewhere are held to their bound.
+#include "core/memory.h"
+
 #include <pthread.h>
 
 #include <array>
@@ -30,7 +32,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "internal.h"
+#include "core/context.h"
+#include "proctable.h"
+#include "sizes.h"
+#include "tracer.h"
 
 namespace {
 

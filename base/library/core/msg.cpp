@@ -19,10 +19,16 @@
 #include <cstring>
 #include <iterator>
 
-#include "internal.h"
+#include "core/context.h"
+#include "core/map.h"
+#include "core/memory.h"
+#include "core/object.h"
+#include "core/strbase.h"
 #include "messages/msgcatalogue.h"
 #include "msgchannel.h"
 #include "msgnames.h"
+#include "text.h"
+#include "tracer.h"
 
 namespace {
 

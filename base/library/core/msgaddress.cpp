@@ -20,8 +20,19 @@
 #include <cstring>
 #include <optional>
 
-#include "internal.h"
+#include "core/config.h"
+#include "core/context.h"
+#include "core/list.h"
+#include "core/memory.h"
+#include "core/nethost.h"
+#include "core/path.h"
+#include "core/stanza.h"
+#include "core/stanzafile.h"
+#include "core/strbase.h"
+#include "core/sys.h"
 #include "msgchannel.h"
+#include "objcore.h"
+#include "tracer.h"
 
 ObjectTemplate *gtObjTemplateAddress = nullptr;
 

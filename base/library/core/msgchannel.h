@@ -4,7 +4,9 @@
 #ifndef FHCORE_MSGCHANNEL_H
 #define FHCORE_MSGCHANNEL_H
 
-#include "core/fhcore.h"
+#include <cstdint>
+
+#include "core/context.h"
 #include "core/msgpacket.h"
 
 namespace fh {

@@ -16,8 +16,12 @@
 
 #include <cstring>
 
-#include "internal.h"
+#include "core/context.h"
+#include "core/memory.h"
+#include "core/objserial.h"
 #include "msgchannel.h"
+#include "objcore.h"
+#include "tracer.h"
 
 ObjectTemplate *gtObjTemplateMessage = nullptr;
 ObjectTemplate *gtObjTemplatePacket = nullptr;

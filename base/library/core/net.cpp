@@ -29,8 +29,8 @@
 
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <sys/ioctl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -39,8 +39,15 @@
 #include <cstring>
 #include <span>
 
-#include "internal.h"
+#include "core/config.h"
+#include "core/context.h"
+#include "core/list.h"
+#include "core/memory.h"
+#include "core/object.h"
+#include "core/timeout.h"
 #include "netcalls.h"
+#include "objcore.h"
+#include "tracer.h"
 
 namespace {
 

@@ -15,7 +15,6 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 
-#include "internal.h"
 
 namespace fh {
 

@@ -31,8 +31,17 @@
 #include <cstdio>
 #include <cstring>
 
-#include "internal.h"
+#include "core/config.h"
+#include "core/context.h"
+#include "core/list.h"
+#include "core/memory.h"
+#include "core/object.h"
+#include "core/objwrappers.h"
+#include "core/strbase.h"
+#include "core/strwrap.h"
 #include "netcalls.h"
+#include "objcore.h"
+#include "tracer.h"
 
 namespace {
 

@@ -31,17 +31,30 @@
 // references their components hold (which may make more objects dying) and
 // frees them. A list of a million nodes or a tree with a long sibling chain
 // is therefore released in constant stack.
+#include "core/object.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <optional>
 #include <span>
 
+#include "core/context.h"
+#include "core/list.h"
 #include "core/map.h"
+#include "core/memory.h"
+#include "core/stanza.h"
 #include "core/strbase.h"
-#include "internal.h"
+#include "core/tree.h"
+#include "objcore.h"
+#include "proctable.h"
+#include "seams.h"
+#include "sizes.h"
+#include "tracer.h"
 
 namespace {
+
+using fh::field;
 
 constexpr fh::ModuleTracer trace{"OBJECT        "};
 MemPool *gPool = nullptr;
@@ -109,10 +122,6 @@ std::optional<uint32_t> endMagicOf(const ObjectHeader *header) {
     uint32_t magic;
     memcpy(&magic, header->EndMagic, sizeof magic);
     return magic;
-}
-
-template <typename T> inline T &field(void *object, const ComponentEntry &entry) {
-    return *reinterpret_cast<T *>(static_cast<char *>(object) + entry.Offset);
 }
 
 void storeCounters() {

@@ -3,8 +3,14 @@
 // The entries are object pointers, each holding one reference of the map.
 // An object leaving the map goes through ReleaseEntry first and then has
 // that reference dropped; the map's own release does this for every entry.
-#include "internal.h"
+#include "core/objmap.h"
+
+#include "core/context.h"
+#include "core/map.h"
+#include "core/memory.h"
+#include "core/object.h"
 #include "mapcore.h"
+#include "tracer.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-// objserial.cpp - the byte form of objects, and the walker over object graphs.
+// objserial.cpp - the byte form of objects.
 //
 // One writer and one reader carry every operation. The writer puts bytes
 // into a window (the caller's memory, the descriptor's buffer, or a staging
@@ -21,10 +21,8 @@
 // ObjStream with InProcess set writes and reads it at pointer width (low
 // byte first); ObjDuplicate and ObjCompare use such streams, so a pointer
 // above 4 GiB survives a copy.
-//
-// The walker visits each object once, keeping in Visited the objects with
-// more than one reference (only those can be met twice); it walks lists and
-// trees by their own code and every other object by its components.
+#include "core/objserial.h"
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -35,7 +33,20 @@
 #include <cstring>
 #include <span>
 
-#include "internal.h"
+#include "core/context.h"
+#include "core/file.h"
+#include "core/filesys.h"
+#include "core/list.h"
+#include "core/map.h"
+#include "core/memory.h"
+#include "core/object.h"
+#include "core/objmap.h"
+#include "core/objwalk.h"
+#include "core/stanza.h"
+#include "core/tree.h"
+#include "objcore.h"
+#include "sizes.h"
+#include "tracer.h"
 
 namespace {
 
@@ -75,13 +86,9 @@ inline void writeLe32(Byte *p, uint32_t v) {
     p[3] = static_cast<Byte>(v >> 24);
 }
 
-template <typename T> inline T &field(void *object, const ComponentEntry &e) {
-    return *reinterpret_cast<T *>(static_cast<char *>(object) + e.Offset);
-}
-inline std::span<const ComponentEntry> entriesOf(const ObjectTemplate *t) {
-    return {t->Descriptor.Entries, static_cast<size_t>(t->Descriptor.FieldCount)};
-}
-inline int32_t refCount(const void *object) { return fh::objectHeader(object)->RefCount; }
+using fh::entriesOf;
+using fh::field;
+using fh::refCount;
 
 // ---------------------------------------------------------------- Seen maps
 
@@ -952,130 +959,6 @@ bool reconstructTop(Reader &r, void **out) {
     return false;
 }
 
-// ------------------------------------------------------------------ walker
-
-int32_t comparePointers(const void *a, const void *b) {
-    const auto x = *static_cast<const uintptr_t *>(a), y = *static_cast<const uintptr_t *>(b);
-    return x < y ? -1 : x > y ? 1 : 0;
-}
-
-struct Walk {
-    ObjWalkFunction callback;
-    void *cookie;
-    MAP *visited;
-};
-
-int32_t visitSlot(Walk &walk, void **slot);
-
-int32_t walkComponents(Walk &walk, void *object) {
-    for (const ComponentEntry &e : entriesOf(fh::objectHeader(object)->Template)) {
-        switch (e.Datatype) {
-        case eObjObject:
-            if (const int32_t result = visitSlot(walk, &field<void *>(object, e)); result != eObjWalkEnter)
-                return result;
-            break;
-        case eObjNone:
-            trace(121, 1, -1, "ObjWalker - Invalid component");
-            ProcCrash(0);
-            return eObjWalkAbort;
-        case eObjBackLink:
-            trace(120, 1, -1, "ObjWalker - Invalid component: BackwardLink");
-            ProcCrash(0);
-            return eObjWalkAbort;
-        default: break;
-        }
-    }
-    return eObjWalkEnter;
-}
-
-int32_t walkList(Walk &walk, LIST *list) {
-    if (visitSlot(walk, &list->oCookie) == eObjWalkAbort) return eObjWalkAbort;
-    for (LISTNODE *node = list->oFirst, *next = nullptr; node != nullptr; node = next) {
-        next = node->oNext;
-        void *variable = node;
-        switch (const int32_t result = walk.callback(walk.cookie, &variable)) {
-        case eObjWalkEnter: {
-            if (variable != node) {
-                trace(124, 1, -1, "Not allowed to modify ListNodeO objects");
-                ProcCrash(1);
-                return eObjWalkAbort;
-            }
-            const int32_t item = visitSlot(walk, &node->oItem);
-            if (item < eObjWalkEnter || item > eObjWalkRelease) return item;
-            if (node->oItem == nullptr) ListRemoveItem(node);
-            break;
-        }
-        case eObjWalkSkip: break;
-        case eObjWalkRelease: ListRemoveItem(node); break;
-        default: return result;
-        }
-    }
-    return eObjWalkEnter;
-}
-
-int32_t walkChain(Walk &walk, TREENODE *first) {
-    for (TREENODE *node = first, *next = nullptr; node != nullptr; node = next) {
-        next = node->oNextSibling;
-        void *variable = node;
-        switch (const int32_t result = walk.callback(walk.cookie, &variable)) {
-        case eObjWalkEnter: {
-            if (variable != node) {
-                trace(123, 1, -1, "Not allowed to modify TreeNodeO objects");
-                ProcCrash(1);
-                return eObjWalkAbort;
-            }
-            const int32_t item = visitSlot(walk, &node->oItem);
-            if (item < eObjWalkEnter || item > eObjWalkRelease) return item;
-            if (node->oItem == nullptr) {
-                TreePruneBranch(node);
-            } else if (const int32_t children = walkChain(walk, node->oFirstChild); children != eObjWalkEnter) {
-                return children;
-            }
-            break;
-        }
-        case eObjWalkSkip: break;
-        case eObjWalkRelease: TreePruneBranch(node); break;
-        default: return result;
-        }
-    }
-    return eObjWalkEnter;
-}
-
-int32_t visitSlot(Walk &walk, void **slot) {
-    void *object = *slot;
-    if (object == nullptr) return eObjWalkEnter;
-    if (MapFindEntry(nullptr, walk.visited, &object)) return eObjWalkEnter;
-    if (refCount(object) >= 2) MapUpdateEntry(walk.visited, &object);
-    switch (const int32_t result = walk.callback(walk.cookie, slot)) {
-    case eObjWalkAbort: return eObjWalkAbort;
-    case eObjWalkSkip: return eObjWalkEnter;
-    case eObjWalkRelease:
-        MapDeleteEntry(walk.visited, &object);
-        ObjReleaseInternal(slot);
-        return eObjWalkEnter;
-    case eObjWalkEnter: break;
-    default: return result;
-    }
-    if (*slot != object) {
-        MapDeleteEntry(walk.visited, &object);
-        object = *slot;
-        if (object == nullptr) return eObjWalkEnter;
-        MapUpdateEntry(walk.visited, &object);
-    }
-    uint32_t magic = 0;
-    if (!ObjGetMagic(object, &magic)) {
-        trace(127, 1, 0, "Failed to read magic from object at %p", object);
-        return eObjWalkAbort;
-    }
-    if (magic == LIST_MAGIC) return walkList(walk, static_cast<LIST *>(object));
-    if (magic == TREE_MAGIC) {
-        auto *tree = static_cast<TREE *>(object);
-        if (const int32_t cookie = visitSlot(walk, &tree->oCookie); cookie != eObjWalkEnter) return cookie;
-        return walkChain(walk, tree->oFirst);
-    }
-    return walkComponents(walk, object);
-}
-
 // ------------------------------------------------------------------ files
 
 BOOL fileWrite(void *cookie, void *address, int32_t count) {
@@ -1401,25 +1284,3 @@ BOOL ObjCompare(void *first, void *second) {
     ObjReleaseInternal(&second);
     return same;
 }
-
-BOOL ObjWalk(void **objectVariable, ObjWalkFunction callback, void *cookie, int32_t reserved) {
-    if (objectVariable == nullptr || callback == nullptr || reserved != 0) return FALSE;
-    Walk walk{callback, cookie, ObjWalkMapNew()};
-    const int32_t result = visitSlot(walk, objectVariable);
-    ObjWalkMapRelease(&walk.visited);
-    return result != eObjWalkAbort;
-}
-
-MAP *ObjWalkMapNew(void) {
-    MAP *map = nullptr;
-    MapCreate(&map, sizeof(void *), 16, comparePointers, nullptr, nullptr);
-    return map;
-}
-
-void ObjWalkMapRelease(MAP **mapAddress) {
-    if (mapAddress != nullptr && *mapAddress != nullptr) ObjReleaseInternal(mapAddress);
-}
-
-BOOL ObjWalkMapAddObject(MAP *map, void *object) { return MapUpdateEntry(map, &object); }
-
-BOOL ObjWalkMapRemoveObject(MAP *map, void *object) { return MapDeleteEntry(map, &object); }

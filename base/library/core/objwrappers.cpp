@@ -11,13 +11,21 @@
 // form all come from the format. A string, data block or stanza that a
 // payload points at belongs to the object. Any bytes make a valid value of
 // each, so all eight may arrive from elsewhere (objserial.h).
+#include "core/objwrappers.h"
+
 #include <cstring>
 #include <iterator>
 #include <tuple>
 #include <type_traits>
 #include <utility>
 
-#include "internal.h"
+#include "core/context.h"
+#include "core/memory.h"
+#include "core/object.h"
+#include "core/stanza.h"
+#include "core/strbase.h"
+#include "objcore.h"
+#include "tracer.h"
 
 namespace {
 

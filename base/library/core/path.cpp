@@ -7,12 +7,23 @@
 //
 // State: the home directory, one string fixed by PathInitialize, and the
 // name of the registry file it may come from (a seam for tests).
+#include "core/path.h"
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "internal.h"
+#include "core/context.h"
+#include "core/list.h"
+#include "core/memory.h"
+#include "core/object.h"
+#include "core/objwrappers.h"
+#include "core/stanza.h"
+#include "core/strbase.h"
+#include "objcore.h"
+#include "seams.h"
+#include "tracer.h"
 
 namespace {
 

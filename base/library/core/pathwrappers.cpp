@@ -6,6 +6,8 @@
 // through FileDestroy and FileDirDestroy). It decides "directory" by the
 // entry itself, never through a symbolic link, so a link to a directory is
 // removed as a link and nothing outside the tree is touched.
+#include "core/path.h"
+
 #include <mntent.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
@@ -14,7 +16,15 @@
 #include <cerrno>
 #include <cstring>
 
-#include "internal.h"
+#include "core/file.h"
+#include "core/filesys.h"
+#include "core/list.h"
+#include "core/memory.h"
+#include "core/object.h"
+#include "core/strbase.h"
+#include "objcore.h"
+#include "seams.h"
+#include "tracer.h"
 
 namespace {
 

@@ -26,6 +26,8 @@
 //
 // State: the default pool, cached on first need, and the two StrToken fields
 // of the context record (the cursor and the character it overwrote).
+#include "core/strbase.h"
+
 #include <algorithm>
 #include <array>
 #include <bit>
@@ -42,7 +44,11 @@
 #include <immintrin.h>
 #endif
 
-#include "internal.h"
+#include "core/context.h"
+#include "core/memory.h"
+#include "seams.h"
+#include "text.h"
+#include "tracer.h"
 
 namespace {
 

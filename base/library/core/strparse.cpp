@@ -6,7 +6,10 @@
 // trail of a double-byte one in the forward direction, since the walk
 // starts on a character boundary and stops at the first other byte; the
 // backward walk steps by characters.
-#include "internal.h"
+#include "core/strparse.h"
+
+#include "core/strbase.h"
+#include "tracer.h"
 
 namespace {
 

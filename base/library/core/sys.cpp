@@ -13,12 +13,21 @@
 #include <sys/select.h>
 
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 
+#include "core/config.h"
+#include "core/context.h"
+#include "core/file.h"
+#include "core/locale.h"
+#include "core/memory.h"
 #include "core/net.h"
-#include "internal.h"
+#include "core/object.h"
+#include "core/strbase.h"
+#include "seams.h"
 #include "syscalls.h"
+#include "tracer.h"
 
 namespace {
 

@@ -18,7 +18,7 @@
 #include <cstring>
 #include <type_traits>
 
-#include "internal.h"
+#include "tracer.h"
 
 namespace fh {
 

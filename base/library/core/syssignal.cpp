@@ -14,7 +14,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "internal.h"
+#include "core/context.h"
+#include "tracer.h"
 
 namespace {
 

@@ -6,12 +6,17 @@
 // 1000), one comparison, one difference and one carry of milliseconds into
 // seconds. The never value (-1, -1) is tested where the operations give it
 // a meaning of its own; elsewhere it is an ordinary, long past moment.
+#include "core/timeout.h"
+
 #include <sys/time.h>
 
 #include <cstdint>
 #include <ctime>
 
-#include "internal.h"
+#include "core/context.h"
+#include "core/object.h"
+#include "objcore.h"
+#include "tracer.h"
 
 namespace {
 

@@ -17,6 +17,8 @@
 // breaks them marks the oldest surviving record. Every read is bounded by the
 // Size the ring claims, and a walk takes at most Size / 8 steps, so a ring
 // full of garbage gives a short walk, never a read outside it or a loop.
+#include "core/trace.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -24,7 +26,9 @@
 #include <optional>
 #include <unistd.h>
 
-#include "internal.h"
+#include "core/context.h"
+#include "codec.h"
+#include "tracer.h"
 
 namespace {
 

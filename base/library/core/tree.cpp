@@ -14,9 +14,15 @@
 //
 // Walks step in pre-order with one function, nextNode, which is told
 // whether it may go into the children and where the walk is confined.
+#include "core/tree.h"
+
 #include <cstring>
 
-#include "internal.h"
+#include "core/context.h"
+#include "core/memory.h"
+#include "core/object.h"
+#include "objcore.h"
+#include "tracer.h"
 
 namespace {
 

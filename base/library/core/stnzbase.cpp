@@ -1,4 +1,4 @@
-// stanza.cpp - stanzas and keys in memory.
+// stnzbase.cpp - stanzas and keys in memory.
 //
 // A stanza and a key are the same shape: a few fields, a count, a capacity
 // and an inline array of pointers (keys, values) at the end of one block.
@@ -11,12 +11,21 @@
 // Invariants: count <= capacity, 1 <= capacity <= STNZ_MAX_SLOTS, keyword
 // and title-less category aside every name is a private copy from the
 // default pool.
+#include "core/stanza.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <optional>
 
-#include "internal.h"
+#include "core/list.h"
+#include "core/memory.h"
+#include "core/objviewinfo.h"
+#include "core/objwrappers.h"
+#include "core/strbase.h"
+#include "objcore.h"
+#include "sizes.h"
+#include "tracer.h"
 
 namespace {
 

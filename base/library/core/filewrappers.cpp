@@ -1,11 +1,15 @@
-// filewrap.cpp - whole files in memory: load, save and compare.
+// filewrappers.cpp - whole files in memory: load, save and compare.
 //
 // Load and save are one worker each, told by a small record of the kind
 // (text or binary) what mode to open in and which texts to trace; both read
 // or write the whole file in one call, as their callers expect.
+#include "core/file.h"
+
 #include <cstring>
 
-#include "internal.h"
+#include "core/filesys.h"
+#include "core/memory.h"
+#include "tracer.h"
 
 namespace {
 

@@ -1,14 +1,20 @@
-// file.cpp - whole files by name: delete, copy, move and status.
+// filebase.cpp - whole files by name: delete, copy, move and status.
 //
 // Each operation is a short sequence of calls of the layer below (or of the
 // system call table), retried while interrupted. The copy is the one worker
 // behind copying, appending and moving: blocks of 32768 bytes, one read and
 // one write each, ending at the first short read.
+#include "core/file.h"
+
 #include <sys/stat.h>
 #include <sys/time.h>
 
-#include "internal.h"
+#include "core/context.h"
+#include "core/filesys.h"
+#include "core/memory.h"
+#include "core/sys.h"
 #include "syscalls.h"
+#include "tracer.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-// stanzafile.cpp - stanza files: the text form of configuration, scanned by
+// stnzfile.cpp - stanza files: the text form of configuration, scanned by
 // position and rewritten through the file stream's ".new".
 //
 // One reader serves every scan: it takes the next line through
@@ -20,12 +20,25 @@
 // stanza (names and the offset behind its title line) and current key. Every
 // find remembers the offset first and, when it fails, goes back to it with
 // nothing current changed.
+#include "core/stanzafile.h"
+
 #include <cstdio>
 #include <cstring>
 #include <optional>
 #include <string_view>
 
-#include "internal.h"
+#include "core/context.h"
+#include "core/filestream.h"
+#include "core/list.h"
+#include "core/memory.h"
+#include "core/object.h"
+#include "core/objwrappers.h"
+#include "core/stanza.h"
+#include "core/strbase.h"
+#include "core/strstream.h"
+#include "objcore.h"
+#include "text.h"
+#include "tracer.h"
 
 namespace {
 

@@ -1,14 +1,22 @@
-// strwrap.cpp - lists of values as one line of text, and back.
+// strwrappers.cpp - lists of values as one line of text, and back.
 //
 // Joining is one worker over the list: a function per family gives the text
 // of an item (or null to skip it) in a scratch area, the worker measures the
 // line in a first pass and fills it in a second. Splitting walks the line by
 // characters, so a double-byte character whose trail byte looks like a comma
 // or a blank stays whole.
+#include "core/strwrap.h"
+
 #include <cstdio>
 #include <cstring>
 
-#include "internal.h"
+#include "core/list.h"
+#include "core/memory.h"
+#include "core/object.h"
+#include "core/objwrappers.h"
+#include "core/strbase.h"
+#include "objcore.h"
+#include "tracer.h"
 
 namespace {
 

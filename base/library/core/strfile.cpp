@@ -1,4 +1,4 @@
-// strstream.cpp - characters of the string layer through a file stream.
+// strfile.cpp - characters of the string layer through a file stream.
 //
 // The reader takes the bytes of the stream's input and pairs a lead byte
 // with the byte after it; carriage returns are dropped wherever they stand,
@@ -6,6 +6,8 @@
 // short never ends in half a character. A stream belongs to one thread, so
 // the bytes are taken without the stdio lock: the line reader is what every
 // scan of a configuration file runs on.
+#include "core/strstream.h"
+
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
@@ -13,7 +15,9 @@
 #include <array>
 #include <cstring>
 
-#include "internal.h"
+#include "core/filestream.h"
+#include "text.h"
+#include "tracer.h"
 
 namespace {
 

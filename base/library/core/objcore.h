@@ -1,43 +1,16 @@
-// internal.h - what the modules of the library share and do not export.
-//
-// Each module traces through one ModuleTracer that carries its tag; the
-// context module owns the crash flag and the test seams that make a module
-// of the ladder fail.
-#ifndef FHCORE_INTERNAL_H
-#define FHCORE_INTERNAL_H
+// objcore.h - the object core's private view: the header in front of a
+// payload, the facts of each datatype of the component format language, and
+// what a reader of bytes from elsewhere may do with a template.
+#ifndef FHCORE_OBJCORE_H
+#define FHCORE_OBJCORE_H
 
-#include <climits>
 #include <cstddef>
-#include <ctime>
-#include <optional>
+#include <cstdint>
+#include <span>
 
-#include "core/fhcore.h"
+#include "core/object.h"
 
 namespace fh {
-
-// The private trace operation of a module: id, code, level, format and its
-// arguments, stored under the module's tag. The tag is the module name
-// followed by at least eight spaces, so its first eight bytes are the field.
-struct ModuleTracer {
-    const char *tag;
-    TracePosition operator()(int32_t id, int32_t code, int32_t level, const char *format, ...) const
-        __attribute__((format(printf, 5, 6)));
-};
-
-inline const char *boolText(bool value) { return value ? "TRUE" : "FALSE"; }
-
-// The lead bytes of the double-byte character model: a lead byte and the byte
-// behind it are one character.
-constexpr bool isLeadByte(unsigned char byte) { return (byte >= 0x80 && byte <= 0x9F) || byte >= 0xE0; }
-
-// Bytes of the character at p: 2 for a lead byte with a byte behind it.
-inline int charBytes(const char *p) { return isLeadByte(static_cast<unsigned char>(*p)) && p[1] != '\0' ? 2 : 1; }
-
-// The blanks of the text formats: space and tab.
-constexpr bool isBlank(char c) { return c == ' ' || c == '\t'; }
-
-// Case folding of the string layer: 'a' to 'z' onto 'A' to 'Z', nothing else.
-constexpr char foldCase(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
 
 // The header in front of an object's payload, its start magic (compared
 // inline by the accessors that run on every message), and the pool of its
@@ -49,6 +22,17 @@ inline uint32_t startMagic(const void *object) { return objectHeader(object)->St
 inline MemPool *objectPool(const void *object) {
     return (reinterpret_cast<MemBlockHeader *>(objectHeader(object)) - 1)->Pool;
 }
+inline int32_t refCount(const void *object) { return objectHeader(object)->RefCount; }
+
+// A component of an object, as the template's entry places it, and the
+// entries of a template.
+template <typename T> inline T &field(void *object, const ComponentEntry &entry) {
+    return *reinterpret_cast<T *>(static_cast<char *>(object) + entry.Offset);
+}
+inline std::span<const ComponentEntry> entriesOf(const ObjectTemplate *objectTemplate) {
+    return {objectTemplate->Descriptor.Entries, static_cast<size_t>(objectTemplate->Descriptor.FieldCount)};
+}
+
 // The heap's blocks are aligned to 8 at least, and so are the user area behind
 // a block header and the payload behind an object header, on either word
 // width: a 64-bit component of a payload sits on its own boundary.
@@ -122,59 +106,6 @@ constexpr int64_t formatPayloadSize(const char *format) {
     return (payload + largestAlign - 1) / largestAlign * largestAlign;
 }
 
-// The largest size computed from arguments or received values: what the
-// 32-bit size fields of records and byte forms hold.
-inline constexpr size_t kLargestComputedSize = INT32_MAX;
-
-// The bytes of count things of unit bytes behind a head of extra bytes, or
-// nothing for a negative count or a size beyond limit. The product and the
-// sum are checked, so no overflow passes for a small size. Every size that
-// is computed from arguments or received values goes through here.
-constexpr std::optional<size_t> checkedSize(int64_t count, size_t unit, size_t extra = 0,
-                                            size_t limit = kLargestComputedSize) {
-    size_t product = 0, total = 0;
-    if (count < 0 || __builtin_mul_overflow(static_cast<uint64_t>(count), unit, &product) ||
-        __builtin_add_overflow(product, extra, &total) || total > limit)
-        return std::nullopt;
-    return total;
-}
-
-// Pool bytes: what a block of size user bytes takes (header, user area as
-// the pool rounds it, guard word), the bytes of all blocks in use, and the
-// highest that has been since the last reset of the peak. A reader of bytes
-// from elsewhere counts its allocations in the same unit.
-size_t memBlockBytes(size_t size);
-size_t memBytesInUse();
-size_t memBytesPeak();
-void memResetBytesPeak();
-
-// Byte forms carry seconds as a 32-bit count. The value is cut deliberately
-// here and nowhere else; in memory the same value stays a time_t.
-inline int32_t secondsToWire(time_t seconds) { return static_cast<int32_t>(static_cast<uint32_t>(seconds)); }
-
-// The process-wide crash flag that ProcCrash(0) consults.
-void contextSetCrashFlag(bool on);
-bool contextCrashFlag();
-
-// Test seams: the module whose Initialize or InitializeThread carries this
-// failure code fails as if it had returned FALSE. 0 switches a seam off.
-void contextFailInitialize(int32_t code);
-void contextFailInitializeThread(int32_t code);
-
-// Byte offsets of the counters in a process table entry (shared memory).
-enum ProcessEntryOffset : size_t {
-    kEntryMemUsed = 80,
-    kEntryMemMax = 84,
-    kEntryMemAllocations = 88,
-    kEntryObjUsed = 92,
-    kEntryObjMax = 96,
-    kEntryObjAllocations = 100,
-};
-
-// Copies a counter into the process table entry, if one is set, in this
-// machine's byte order.
-void processEntryStore(size_t offset, int32_t value);
-
 // Blocks that templates, the template table and run-time names hold until
 // the process ends; a leak check leaves them out.
 int32_t objectTemplateBlocks();
@@ -213,29 +144,6 @@ size_t objectTemplateBytes(uint32_t magic, const char *format);
 // The bytes of an instance of the declared type of magic (0 when none).
 int32_t objectInstanceSize(uint32_t magic);
 
-// Test seam for the fuzz target: takes out of the table and frees every
-// template made for a received format that no object uses, so that a long
-// run keeps meeting new types rather than the bound of the process.
-void objectForgetUnusedForeignTemplates();
-
-// Builds a template outside the table and frees it again: how a format that
-// arrived from elsewhere is parsed, for the fuzz target.
-ObjectTemplate *objectTemplateBuild(int32_t size, uint32_t magic, const char *format);
-void objectTemplateFree(ObjectTemplate *objectTemplate);
-
-// Test seams: the file the home directory is registered in, and the mount
-// table (null puts the system's back).
-void pathRegistryFile(const char *file);
-void pathMountTable(const char *file);
-
-// Test seam: forgets the machine name, so that the next SysLocalMachineName
-// looks it up again.
-void sysForgetMachineName();
-
-// Test seam: StrCompare with 16-byte blocks even where the processor has
-// wider ones, so that both bodies are tested on one machine.
-int32_t strCompareNarrow(const char *a, const char *b);
-
 } // namespace fh
 
-#endif // FHCORE_INTERNAL_H
+#endif // FHCORE_OBJCORE_H

@@ -1,0 +1,19 @@
+// codec.h - the byte codecs of every byte form that leaves the process.
+//
+// Byte forms are exact and independent of the word width: integers go byte
+// by byte, little-endian, never as a copied struct.
+#ifndef FHCORE_CODEC_H
+#define FHCORE_CODEC_H
+
+#include <cstdint>
+#include <ctime>
+
+namespace fh {
+
+// Byte forms carry seconds as a 32-bit count. The value is cut deliberately
+// here and nowhere else; in memory the same value stays a time_t.
+inline int32_t secondsToWire(time_t seconds) { return static_cast<int32_t>(static_cast<uint32_t>(seconds)); }
+
+} // namespace fh
+
+#endif // FHCORE_CODEC_H

@@ -1,0 +1,46 @@
+// seams.h - what tests and fuzz targets switch inside the library, and
+// nothing else calls. Each seam is defined by the module it names.
+#ifndef FHCORE_SEAMS_H
+#define FHCORE_SEAMS_H
+
+#include <cstdint>
+
+struct ObjectTemplate;
+
+namespace fh {
+
+// The process-wide crash flag that ProcCrash(0) consults.
+void contextSetCrashFlag(bool on);
+bool contextCrashFlag();
+
+// The module whose Initialize or InitializeThread carries this failure code
+// fails as if it had returned FALSE. 0 switches a seam off.
+void contextFailInitialize(int32_t code);
+void contextFailInitializeThread(int32_t code);
+
+// For the fuzz target: takes out of the table and frees every template made
+// for a received format that no object uses, so that a long run keeps
+// meeting new types rather than the bound of the process.
+void objectForgetUnusedForeignTemplates();
+
+// Builds a template outside the table and frees it again: how a format that
+// arrived from elsewhere is parsed, for the fuzz target.
+ObjectTemplate *objectTemplateBuild(int32_t size, uint32_t magic, const char *format);
+void objectTemplateFree(ObjectTemplate *objectTemplate);
+
+// The file the home directory is registered in, and the mount table (null
+// puts the system's back).
+void pathRegistryFile(const char *file);
+void pathMountTable(const char *file);
+
+// Forgets the machine name, so that the next SysLocalMachineName looks it up
+// again.
+void sysForgetMachineName();
+
+// StrCompare with 16-byte blocks even where the processor has wider ones, so
+// that both bodies are tested on one machine.
+int32_t strCompareNarrow(const char *a, const char *b);
+
+} // namespace fh
+
+#endif // FHCORE_SEAMS_H
