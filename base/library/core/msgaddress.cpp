@@ -67,10 +67,7 @@ MSG_ADDRESS *wellKnown(int32_t id) {
     return nullptr;
 }
 
-const MSG_ADDRESS *addressOf(const void *object) {
-    return object != nullptr && ObjCheckTypeInternal(object, MSG_ADDRESS_MAGIC) ? static_cast<const MSG_ADDRESS *>(object)
-                                                                                 : nullptr;
-}
+using fh::msgAddressOf;
 
 MSG_ADDRESS *newAddress(const char *machine, int32_t process) {
     auto *a = static_cast<MSG_ADDRESS *>(ObjTemplateNewInstanceFromPool(gtObjTemplateAddress, pool()));
@@ -230,24 +227,24 @@ BOOL MsgCreateLocalAddress(void) {
 }
 
 BOOL MsgIsAChannel(const void *address) {
-    const MSG_ADDRESS *a = addressOf(address);
+    const MSG_ADDRESS *a = msgAddressOf(address);
     return a != nullptr && a->pszMachine == nullptr;
 }
 
 int32_t MsgGetProcessId(const void *address) {
-    const MSG_ADDRESS *a = addressOf(address);
+    const MSG_ADDRESS *a = msgAddressOf(address);
     return a != nullptr ? a->iProcess : -1;
 }
 
 int32_t MsgGetChannelId(const void *address) { return MsgIsAChannel(address) ? MsgGetProcessId(address) : -1; }
 
 const char *MsgGetMachineName(const void *address) {
-    const MSG_ADDRESS *a = addressOf(address);
+    const MSG_ADDRESS *a = msgAddressOf(address);
     return a != nullptr ? a->pszMachine : nullptr;
 }
 
 BOOL MsgAddressMachinesEqual(const void *first, const void *second) {
-    const MSG_ADDRESS *a = addressOf(first), *b = addressOf(second);
+    const MSG_ADDRESS *a = msgAddressOf(first), *b = msgAddressOf(second);
     if (a == nullptr || b == nullptr) return FALSE;
     return StrCompareNoCase(a->pszMachine != nullptr ? a->pszMachine : "",
                             b->pszMachine != nullptr ? b->pszMachine : "") == 0;
@@ -266,7 +263,7 @@ BOOL MsgAddressIsFrom(const void *address, const void *source) {
 }
 
 BOOL MsgIsLocalMachine(const void *address) {
-    const MSG_ADDRESS *a = addressOf(address);
+    const MSG_ADDRESS *a = msgAddressOf(address);
     if (a == nullptr) return FALSE;
     if (a->pszMachine != nullptr) return isLocalName(a->pszMachine);
     const fh::ChannelView channel = fh::msgChannelView(a->iProcess);
@@ -277,7 +274,7 @@ BOOL MsgIsLocalMachine(const void *address) {
 }
 
 BOOL MsgSenderAddressFromSourceAddress(MSG_ADDRESS **address, const void *source) {
-    const MSG_ADDRESS *a = addressOf(source);
+    const MSG_ADDRESS *a = msgAddressOf(source);
     if (address == nullptr || a == nullptr) return FALSE;
     if (a->pszMachine == nullptr) {
         const fh::ChannelView channel = fh::msgChannelView(a->iProcess);
@@ -290,7 +287,7 @@ BOOL MsgSenderAddressFromSourceAddress(MSG_ADDRESS **address, const void *source
 }
 
 BOOL MsgGetSenderFromSource(MSG_ADDRESS **address, const void *source) {
-    if (address == nullptr || addressOf(source) == nullptr) return TRUE;
+    if (address == nullptr || msgAddressOf(source) == nullptr) return TRUE;
     return MsgSenderAddressFromSourceAddress(address, source);
 }
 
@@ -393,7 +390,7 @@ BOOL MsgNets(LIST **list, const void *address) {
 
 BOOL MsgIsFrom(const void *message, const void *address) {
     const MSG_MESSAGE *m = fh::msgMessageOf(message);
-    if (m == nullptr || addressOf(address) == nullptr) return FALSE;
+    if (m == nullptr || msgAddressOf(address) == nullptr) return FALSE;
     if (MsgIsAChannel(address) || !MsgIsAChannel(m->oSource)) return MsgAddressEqual(m->oSource, address);
     const fh::ChannelView channel = fh::msgChannelView(m->oSource->iProcess);
     if (!channel.found) {

@@ -8,6 +8,7 @@
 
 #include "core/context.h"
 #include "core/msgpacket.h"
+#include "core/object.h"
 
 namespace fh {
 
@@ -18,7 +19,12 @@ bool msgAddressesInitializeThread();
 void msgAddressesReleaseThread(LmContext *context);
 bool msgPacketsInitialize();
 
-// The message itself, or null for anything that isn't one.
+// The address or the message itself, or null for anything that isn't one.
+inline const MSG_ADDRESS *msgAddressOf(const void *object) {
+    return object != nullptr && ObjCheckTypeInternal(object, MSG_ADDRESS_MAGIC)
+               ? static_cast<const MSG_ADDRESS *>(object)
+               : nullptr;
+}
 const MSG_MESSAGE *msgMessageOf(const void *object);
 
 // What an address or a message needs to know of a channel of this process:

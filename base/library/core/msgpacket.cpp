@@ -66,15 +66,12 @@ int32_t getLe32(const unsigned char *p) {
     return static_cast<int32_t>(uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24);
 }
 
-const MSG_ADDRESS *addressOf(const void *object) {
-    return object != nullptr && ObjCheckTypeInternal(object, MSG_ADDRESS_MAGIC) ? static_cast<const MSG_ADDRESS *>(object)
-                                                                                 : nullptr;
-}
+using fh::msgAddressOf;
 
 // The pair that stands for address in a packet; false for a machine
 // without an id. A channel address needs no look-up.
 bool toPacketAddress(MsgPacketAddress *pair, const void *address) {
-    const MSG_ADDRESS *a = addressOf(address);
+    const MSG_ADDRESS *a = msgAddressOf(address);
     if (a == nullptr || !MsgMachineNameToId(&pair->iMachine, a->pszMachine)) return false;
     pair->iProcess = a->iProcess;
     return true;
@@ -127,8 +124,8 @@ MSG_ADDRESS *addressOfPair(const MsgPacketAddress &pair) {
 // A received message must hold addresses where it holds any.
 BOOL messageHoldsAddresses(const void *object) {
     const auto *m = static_cast<const MSG_MESSAGE *>(object);
-    return (m->oDestination == nullptr || addressOf(m->oDestination) != nullptr) &&
-           (m->oSource == nullptr || addressOf(m->oSource) != nullptr);
+    return (m->oDestination == nullptr || msgAddressOf(m->oDestination) != nullptr) &&
+           (m->oSource == nullptr || msgAddressOf(m->oSource) != nullptr);
 }
 
 BOOL packetIsSound(const void *object) {
@@ -180,7 +177,7 @@ BOOL MsgCreateTemplates(void) { return fh::msgAddressesInitialize() && fh::msgPa
 // ---- Messages ----
 
 BOOL MsgCreate(MSG_MESSAGE **message, const void *destination, int32_t type, void *object) {
-    if (message == nullptr || addressOf(destination) == nullptr ||
+    if (message == nullptr || msgAddressOf(destination) == nullptr ||
         (object != nullptr && !ObjHasValidGlobalMagic(object)) || MsgLocalAddress() == nullptr) {
         trace(kIdBadMessage, 0, -1, "MsgCreate(%p, %p, %ld, %p) - bad arguments", static_cast<void *>(message),
               destination, static_cast<long>(type), object);

@@ -139,13 +139,7 @@ fh::NetCalls gCalls = kPlatform;
 
 fh::NetCalls &calls() { return gCalls; }
 
-// Calls call until a signal no longer interrupts it.
-template <typename Call> int repeated(Call call) {
-    int result;
-    do result = call();
-    while (result == -1 && errno == EINTR);
-    return result;
-}
+using fh::repeated;
 
 // Traces a failed platform call: error as the record's code, its text as the
 // format's last argument; errno is put back as the call left it.

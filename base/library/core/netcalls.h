@@ -15,6 +15,8 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 
+#include <cerrno>
+
 
 namespace fh {
 
@@ -43,6 +45,14 @@ struct NetCalls {
     int (*gethostname)(char *buffer, size_t size);
     int (*ioctl)(int fd, unsigned long request, void *argument);
 };
+
+// Calls call until a signal no longer interrupts it.
+template <typename Call> int repeated(Call call) {
+    int result;
+    do result = call();
+    while (result == -1 && errno == EINTR);
+    return result;
+}
 
 // The table in use; tests change entries and put them back.
 NetCalls &netCalls();

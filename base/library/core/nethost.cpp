@@ -89,12 +89,7 @@ constexpr long kHighestPort = 65535;
 
 fh::NetCalls &calls() { return fh::netCalls(); }
 
-template <typename Call> int repeated(Call call) {
-    int result;
-    do result = call();
-    while (result == -1 && errno == EINTR);
-    return result;
-}
+using fh::repeated;
 
 // An IPv4 address in host order from the four bytes of a host entry or a
 // platform address, which are in network order.
