@@ -16,6 +16,7 @@
 
 #include <cstring>
 
+#include "codec.h"
 #include "core/context.h"
 #include "core/memory.h"
 #include "core/objserial.h"
@@ -54,17 +55,9 @@ enum Offset : size_t {
     kReserved = 28,
 };
 
-void putLe32(unsigned char *p, int32_t value) {
-    const auto v = static_cast<uint32_t>(value);
-    p[0] = static_cast<unsigned char>(v);
-    p[1] = static_cast<unsigned char>(v >> 8);
-    p[2] = static_cast<unsigned char>(v >> 16);
-    p[3] = static_cast<unsigned char>(v >> 24);
-}
-
-int32_t getLe32(const unsigned char *p) {
-    return static_cast<int32_t>(uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24);
-}
+// The signed words of the header.
+void putLe32(unsigned char *p, int32_t value) { fh::writeLe32(p, static_cast<uint32_t>(value)); }
+int32_t getLe32(const unsigned char *p) { return static_cast<int32_t>(fh::readLe32(p)); }
 
 using fh::msgAddressOf;
 
