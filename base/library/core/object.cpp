@@ -381,10 +381,13 @@ namespace fh {
 
 int32_t objectTemplateBlocks() { return gTemplateBlocks; }
 
-bool declareReceivable(ObjectTemplate **templateVariable, int32_t size, uint32_t magic, const char *format,
-                       ObjReceivedCheck check) {
-    return ObjTemplateCreateInternal(templateVariable, size, magic, format, nullptr) &&
-           ObjTemplateSetReceivable(*templateVariable, check);
+bool DeclaredType::declare() {
+    if (template_ != nullptr) return true;
+    ObjectTemplate *made = nullptr;
+    if (!ObjTemplateCreateInternal(&made, size_, magic_, format_, release_)) return false;
+    if (receivable_ && !ObjTemplateSetReceivable(made, check_)) return false;
+    template_ = made;
+    return true;
 }
 
 Reception objectReception(const ObjectTemplate *t, ObjReceivedCheck *check) {

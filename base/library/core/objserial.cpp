@@ -33,7 +33,6 @@
 #include <cstring>
 #include <span>
 
-#include "core/context.h"
 #include "core/file.h"
 #include "core/filesys.h"
 #include "core/list.h"
