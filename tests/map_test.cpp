@@ -92,7 +92,7 @@ TEST_F(MapTest, EntriesStaySortedAndUniqueAcrossGrowth) {
         EXPECT_EQ(MapInsertEntry(map, &pair), keys.insert(pair.key).second);
     }
     EXPECT_EQ(MapSize(map), 200);
-    EXPECT_EQ(map->iCapacity, 208);
+    EXPECT_EQ(map->iCapacity, 243); // 16, 32, 48, 72, 108, 162, 243
     std::vector<int32_t> walked;
     EXPECT_TRUE(MapWalk(map, collectKey, &walked));
     EXPECT_EQ(walked, std::vector<int32_t>(keys.begin(), keys.end()));
@@ -122,6 +122,46 @@ TEST_F(MapTest, EntriesStaySortedAndUniqueAcrossGrowth) {
     gReleased.clear();
     ObjReleaseInternal(&map); // releasing the map releases every entry
     EXPECT_EQ(gReleased.size(), 199u);
+}
+
+// Growth by at least half the capacity, across many steps, whatever the
+// order of insertion: every step grows by GrowBy or half, whichever is more;
+// the entries stay in order; the new part of a grown array is clear (no
+// stale bytes of the heap behind Count).
+TEST_F(MapTest, GrowthByHalfKeepsOrderAndClearsTheNewPart) {
+    struct Case {
+        int32_t growBy;
+        int order; // 1 ascending, -1 descending, 0 random
+    } const cases[] = {{1, 1}, {16, -1}, {0, 0}, {1000, 1}, {3, 0}};
+    for (const Case &c : cases) {
+        constexpr int32_t kEntries = 20000;
+        std::vector<int32_t> keys(kEntries);
+        for (int32_t i = 0; i < kEntries; ++i) keys[i] = c.order >= 0 ? i : kEntries - 1 - i;
+        if (c.order == 0) std::shuffle(keys.begin(), keys.end(), std::mt19937(c.growBy));
+        MAP *map = nullptr;
+        ASSERT_TRUE(MapCreate(&map, sizeof(Pair), c.growBy, locatePair, nullptr, nullptr));
+        const int32_t growBy = c.growBy != 0 ? c.growBy : 64;
+        int32_t capacity = map->iCapacity, growths = 0;
+        for (int32_t key : keys) {
+            const Pair pair = {key, -key};
+            ASSERT_TRUE(MapInsertEntry(map, &pair));
+            if (map->iCapacity == capacity) continue;
+            ++growths;
+            EXPECT_EQ(map->iCapacity, capacity + std::max(growBy, capacity / 2)) << c.growBy;
+            const auto *bytes = static_cast<const unsigned char *>(map->oData.pData);
+            const size_t used = static_cast<size_t>(map->iCount) * sizeof(Pair);
+            EXPECT_TRUE(std::all_of(bytes + used, bytes + map->oData.iSize, [](unsigned char b) { return b == 0; }))
+                << "stale bytes behind the entries, growBy " << c.growBy;
+            capacity = map->iCapacity;
+        }
+        EXPECT_LE(growths, 40) << "growth is geometric, growBy " << c.growBy;
+        const auto *pairs = static_cast<const Pair *>(map->oData.pData);
+        for (int32_t i = 0; i < kEntries; ++i) {
+            ASSERT_EQ(pairs[i].key, i) << c.growBy;
+            ASSERT_EQ(pairs[i].value, -i) << c.growBy;
+        }
+        ObjReleaseInternal(&map);
+    }
 }
 
 TEST_F(MapTest, WalksAndSearchesStopWhereTheyShould) {

@@ -6,6 +6,21 @@
  * caller's entry may be a local variable; a pointer to a stored entry stays
  * valid until the next change of the map. No two stored entries compare
  * equal.
+ *
+ * Growth. A full array grows by GrowBy entries or by half its capacity,
+ * whichever is more (by GrowBy alone where half would pass the size limit),
+ * so that filling a map copies each entry a bounded number of times on
+ * average instead of once per GrowBy insertions. The entries, their order
+ * and every result are the same as with growth by GrowBy alone; only
+ * iCapacity differs (it is never below Count, and starts at GrowBy).
+ *
+ * Sizes. Lookups are binary searches, appends in key order cost the same
+ * at any size, but an insertion at a random place moves the tail of the
+ * array: a map is meant for up to some tens of thousands of entries filled
+ * in any order (at 10,000 entries an insertion at a random place costs
+ * about as much as a few lookups' worth of copying), or for larger ones
+ * filled in key order. A table of hundreds of thousands of entries
+ * inserted at random places wants another structure.
  */
 #ifndef FHCORE_MAP_H
 #define FHCORE_MAP_H

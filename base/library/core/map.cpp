@@ -4,11 +4,16 @@
 // The array is sorted by Locate and holds no two entries that compare equal.
 // Insertion moves the tail up by one entry; removal moves it down. Find must
 // order keys as Locate orders entries, so one binary search serves both.
+// A full array grows by GrowBy entries or by half its capacity, whichever is
+// more (map.h says why), into a block that is not cleared where the old
+// entries are copied.
+//
 // The array's size (Capacity entries of the entry size) always fits the
 // 32-bit size of its data component: a map that would pass it is not made,
 // and an insertion that would grow it beyond fails.
 #include "core/map.h"
 
+#include <algorithm>
 #include <cstring>
 #include <optional>
 
@@ -70,13 +75,20 @@ std::optional<size_t> arrayBytes(int64_t capacity, int32_t entrySize) {
     return bytes;
 }
 
+// The capacity after the next growth: GrowBy entries at least, half the
+// capacity when that is more, so that n insertions copy O(n) entries in all.
+// Near the size limit, where half would not fit, the growth is GrowBy.
+int64_t grownCapacity(const MAP *map, int32_t entrySize) {
+    const int64_t half = int64_t{map->iCapacity} + std::max(int64_t{map->iGrowBy}, int64_t{map->iCapacity} / 2);
+    return checkedSize(half, static_cast<size_t>(entrySize)) ? half : int64_t{map->iCapacity} + map->iGrowBy;
+}
+
 bool mapInsertAt(MAP *map, int32_t entrySize, int32_t index, const void *entry) {
     if (map->iCount == map->iCapacity) {
-        const int64_t capacity = int64_t{map->iCapacity} + map->iGrowBy;
+        const int64_t capacity = grownCapacity(map, entrySize);
         const std::optional<size_t> bytes = arrayBytes(capacity, entrySize);
         if (!bytes) return false;
-        void *grown = MemAllocateFromPool(*bytes, pool());
-        MemCopy(grown, map->oData.pData, static_cast<size_t>(map->iCount) * entrySize);
+        void *grown = memAllocateFilled(*bytes, pool(), map->oData.pData, static_cast<size_t>(map->iCount) * entrySize);
         MemFreeInternal(&map->oData.pData);
         map->oData.pData = grown;
         map->oData.iSize = static_cast<int32_t>(*bytes);

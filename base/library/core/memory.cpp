@@ -200,7 +200,9 @@ inline void zeroUserArea(char *user, size_t bytes) {
     }
 }
 
-inline void *allocate(size_t size, MemPool *pool) {
+// A block of size user bytes whose area starts with the filled bytes at
+// from (which the caller holds for that many) and is zero behind them.
+inline void *allocate(size_t size, MemPool *pool, const void *from = nullptr, size_t filled = 0) {
     countAllocation();
     const size_t rounded = size <= kLargestRequest ? (size + 3) & ~size_t{3} : 0;
     char *raw = rounded != 0 || size == 0 ? rawBlock(rounded, pool) : nullptr;
@@ -217,7 +219,12 @@ inline void *allocate(size_t size, MemPool *pool) {
     header->Pool = pool;
     const uint32_t guard = MEM_GUARD_WORD;
     memcpy(header->Guard, &guard, sizeof guard);
-    zeroUserArea(user, rounded);
+    if (filled != 0) {
+        memcpy(user, from, filled);
+        memset(user + filled, 0, rounded - filled);
+    } else {
+        zeroUserArea(user, rounded);
+    }
     return user;
 }
 
@@ -320,6 +327,10 @@ void *MemCat(void *first, int32_t firstLength, const void *second, int32_t secon
     if (second != nullptr) memcpy(joined + a, second, b);
     MemFreeInternal(&first);
     return joined;
+}
+
+void *fh::memAllocateFilled(size_t size, MemPool *pool, const void *from, size_t filled) {
+    return allocate(size, pool, from, filled < size ? filled : size);
 }
 
 size_t fh::memBlockBytes(size_t size) { return rawBytes(size <= kLargestRequest ? (size + 3) & ~size_t{3} : size); }

@@ -2,8 +2,9 @@
 // sockets.
 //
 // Every platform call goes through the table of netcalls.h. The module keeps
-// no state of its own beyond the NET_ADDRESS template and the process-wide
-// list of addresses that don't resolve: a socket belongs to whoever holds it.
+// no state of its own beyond the NET_ADDRESS template: a socket belongs to
+// whoever holds it. Names, interfaces, firewall binding and the hand-over of
+// sockets are in nethost.cpp.
 //
 // Addresses. A NetAddressT is the platform's IPv4 address with a length byte
 // at offset 0 and the family byte at offset 1. Toward the platform
@@ -29,6 +30,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -114,7 +116,6 @@ enum TraceId : int32_t {
 
 MemPool *gPool = nullptr;
 constinit fh::ObjectType<NetAddressT> gAddressType{NET_ADDRESS_MAGIC, NET_ADDRESS_FORMAT, fh::kReceivable};
-LIST *gUnresolvable = nullptr; // addresses whose reverse look-up failed
 
 MemPool *pool() { return gPool != nullptr ? gPool : (gPool = MemGetDefaultPoolId()); }
 
@@ -123,22 +124,19 @@ static_assert(sizeof(sockaddr_in) == NET_ADDRESS_LENGTH, "the platform's IPv4 ad
 
 int acceptCall(int fd, sockaddr *address, socklen_t *length, int flags) { return accept4(fd, address, length, flags); }
 int fcntlCall(int fd, int command, int argument) { return fcntl(fd, command, argument); }
+int ioctlCall(int fd, unsigned long request, void *argument) { return ioctl(fd, request, argument); }
 
 constexpr fh::NetCalls kPlatform = {
-    ::socket,   ::close,      ::bind,       ::listen,      acceptCall,    ::connect, ::send,   ::recv, ::sendto,
-    ::recvfrom, ::getsockopt, ::setsockopt, ::getsockname, ::getpeername, fcntlCall, ::select, ::poll,
+    ::socket,        ::close,         ::bind,          ::listen,        acceptCall, ::connect, ::send,
+    ::recv,          ::sendto,        ::recvfrom,      ::getsockopt,    ::setsockopt,
+    ::getsockname,   ::getpeername,   fcntlCall,       ::select,        ::poll,     ::gethostbyname,
+    ::gethostbyaddr, ::getservbyname, ::gethostname,   ioctlCall,
 };
 fh::NetCalls gCalls = kPlatform;
 
 fh::NetCalls &calls() { return gCalls; }
 
-// Calls call until a signal no longer interrupts it.
-template <typename Call> int repeated(Call call) {
-    int result;
-    do result = call();
-    while (result == -1 && errno == EINTR);
-    return result;
-}
+using fh::repeated;
 
 // Traces a failed platform call: error as the record's code, its text as the
 // format's last argument; errno is put back as the call left it.
@@ -872,12 +870,8 @@ BOOL NetCheckSelect(const NetSelectMask *mask) {
 
 // ---- The module's part of the context ladder ----
 
-// Run again after a failed ladder, it keeps the list it made.
 BOOL NetInitialize(void) {
-    if (!gAddressType.declare())
-        return FALSE;
-    if (gUnresolvable == nullptr) gUnresolvable = ListNewFromPool(NET_ADDRESS_MAGIC, pool());
-    return gUnresolvable != nullptr;
+    return gAddressType.declare() && fh::netHostInitialize();
 }
 
 BOOL NetInitializeThread(void) { return TRUE; }

@@ -171,13 +171,16 @@ inline constexpr struct Receivable {
 class DeclaredType {
   public:
     consteval DeclaredType(int32_t size, int64_t formatSize, uint32_t magic, const char *format,
-                           ObjReleaseCallback release, bool receivable, ObjReceivedCheck check)
-        : size_(size), magic_(magic), format_(format), release_(release), receivable_(receivable), check_(check) {
+                           ObjReleaseCallback release, bool receivable, ObjReceivedCheck check,
+                           ObjectTemplate **exported)
+        : size_(size), magic_(magic), format_(format), release_(release), receivable_(receivable), check_(check),
+          exported_(exported) {
         if (formatSize != size) structIsNotLaidOutAsItsFormat();
     }
 
-    // Makes the template unless it is made already; false when it cannot be
-    // made or marked (traced by the object core).
+    // Makes the template unless it is made already, and stores it in the
+    // exported template variable if the type has one; false when it cannot
+    // be made or marked (traced by the object core).
     bool declare();
     ObjectTemplate *get() const { return template_; }
     int32_t size() const { return size_; }
@@ -190,15 +193,20 @@ class DeclaredType {
     ObjReleaseCallback release_;
     bool receivable_;
     ObjReceivedCheck check_;
+    ObjectTemplate **exported_;
     ObjectTemplate *template_ = nullptr;
 };
 
 template <typename T> class ObjectType : public DeclaredType {
   public:
-    consteval ObjectType(uint32_t magic, const char *format, ObjReleaseCallback release = nullptr)
-        : DeclaredType(sizeof(T), formatPayloadSize(format), magic, format, release, false, nullptr) {}
-    consteval ObjectType(uint32_t magic, const char *format, Receivable, ObjReceivedCheck check = nullptr)
-        : DeclaredType(sizeof(T), formatPayloadSize(format), magic, format, nullptr, true, check) {}
+    // exported: the template variable of the interface (gtObjTemplate...)
+    // that holds the template once it is made, if the type has one.
+    consteval ObjectType(uint32_t magic, const char *format, ObjReleaseCallback release = nullptr,
+                         ObjectTemplate **exported = nullptr)
+        : DeclaredType(sizeof(T), formatPayloadSize(format), magic, format, release, false, nullptr, exported) {}
+    consteval ObjectType(uint32_t magic, const char *format, Receivable, ObjReceivedCheck check = nullptr,
+                         ObjectTemplate **exported = nullptr)
+        : DeclaredType(sizeof(T), formatPayloadSize(format), magic, format, nullptr, true, check, exported) {}
 
     // A new instance from pool (null: the default pool), as
     // ObjTemplateNewInstanceFromPool makes it of the template as it stands.

@@ -382,11 +382,13 @@ namespace fh {
 int32_t objectTemplateBlocks() { return gTemplateBlocks; }
 
 bool DeclaredType::declare() {
-    if (template_ != nullptr) return true;
-    ObjectTemplate *made = nullptr;
-    if (!ObjTemplateCreateInternal(&made, size_, magic_, format_, release_)) return false;
-    if (receivable_ && !ObjTemplateSetReceivable(made, check_)) return false;
-    template_ = made;
+    if (template_ == nullptr) {
+        ObjectTemplate *made = nullptr;
+        if (!ObjTemplateCreateInternal(&made, size_, magic_, format_, release_)) return false;
+        if (receivable_ && !ObjTemplateSetReceivable(made, check_)) return false;
+        template_ = made;
+    }
+    if (exported_ != nullptr) *exported_ = template_;
     return true;
 }
 

@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <optional>
 
+#include "core/types.h"
+
 namespace fh {
 
 // The largest size computed from arguments or received values: what the
@@ -35,6 +37,11 @@ size_t memBlockBytes(size_t size);
 size_t memBytesInUse();
 size_t memBytesPeak();
 void memResetBytesPeak();
+
+// MemAllocateFromPool of size bytes that start as a copy of the filled bytes
+// at from, zero behind them: a grown array is not cleared where the copy of
+// the old one lands.
+void *memAllocateFilled(size_t size, MemPool *pool, const void *from, size_t filled);
 
 } // namespace fh
 
