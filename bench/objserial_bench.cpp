@@ -13,50 +13,17 @@
 
 #include "core/fhcore.h"
 #include "ratios.h"
+#include "records.h"
 
 namespace {
 
-constexpr int kRecords = 100;
-constexpr uint32_t kRecordMagic = 0xC9000301u;
-struct Record {
-    int32_t first;
-    int32_t second;
-    int64_t wide;
-    char *text;
-};
-const char kText[] = "sixteen bytes ok";
-static_assert(sizeof kText == 17, "a 16-byte string");
+constexpr int kRecords = records::kCount;
 
 LIST *gMessage = nullptr;
 ObjBufferDescriptor *gFrame = nullptr;
 msgpack_sbuffer gPacked;
 
-// The record type is declared here, and may arrive from elsewhere.
-LIST *makeMessage() {
-    ObjTemplateSetReceivable(ObjTemplateNewInternal(sizeof(Record), kRecordMagic, "i;i;I;s;", nullptr), nullptr);
-    LIST *list = ListNewFromPool(kRecordMagic, nullptr);
-    for (int i = 0; i < kRecords; ++i) {
-        auto *record = static_cast<Record *>(ObjNewInternal(sizeof(Record), kRecordMagic, "i;i;I;s;", nullptr, nullptr));
-        *record = {i, -i * 1000, int64_t{i} << 40, StrDuplicateIntoPool(kText, nullptr)};
-        ListPushLastItemInternal(list, &record);
-    }
-    return list;
-}
-
-void pack(msgpack_sbuffer *buffer) {
-    msgpack_packer packer;
-    msgpack_packer_init(&packer, buffer, msgpack_sbuffer_write);
-    msgpack_pack_array(&packer, kRecords);
-    for (const LISTNODE *node = gMessage->oFirst; node != nullptr; node = node->oNext) {
-        const auto *record = static_cast<const Record *>(node->oItem);
-        msgpack_pack_array(&packer, 4);
-        msgpack_pack_int32(&packer, record->first);
-        msgpack_pack_int32(&packer, record->second);
-        msgpack_pack_int64(&packer, record->wide);
-        msgpack_pack_str(&packer, 16);
-        msgpack_pack_str_body(&packer, record->text, 16);
-    }
-}
+void pack(msgpack_sbuffer *buffer) { records::pack(buffer, gMessage); }
 
 void encodeOurs(benchmark::State &state) {
     for (auto _ : state) {
@@ -115,7 +82,7 @@ constexpr bench::Comparison kComparisons[] = {
 
 int main(int argc, char **argv) {
     if (!ContextInitialize()) return 1;
-    gMessage = makeMessage();
+    gMessage = records::make();
     ObjBufferDescriptorCreate(&gFrame, nullptr, 0, 0);
     ObjSerializeToBuffer(gMessage, 1, gFrame);
     msgpack_sbuffer_init(&gPacked);

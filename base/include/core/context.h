@@ -42,13 +42,20 @@ struct LmContext {
     int32_t iObjAllocations;
     void *pObjTagTarget;
 
-    /* Process: where the counters are copied for other processes to read. */
+    /* Process: where the counters are copied for other processes to read;
+     * the process id of the system (0 until the process is told it). */
     unsigned char *pProcessTableEntry;
+    int32_t iProcessId;
+
+    /* Net: the last serial given to a socket hand-over. */
+    int32_t iNetInheritCounter;
 
     /* Messaging: the map of message names (a MAP), and the field in which
      * the name of an unknown id is formatted. */
     void *pMsgNameMap;
     char szMsgUnknownName[80];
+    /* The process's own address (MSG_ADDRESS). */
+    void *oMsgLocalAddress;
 
     /* Context. */
     void *pThreadContextMarker;

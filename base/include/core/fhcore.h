@@ -36,6 +36,8 @@
 #include "config.h"
 #include "path.h"
 #include "net.h"
+#include "nethost.h"
 #include "msg.h"
+#include "msgpacket.h"
 
 #endif /* FHCORE_FHCORE_H */

@@ -35,8 +35,10 @@ FHAPI BOOL MsgTypeFromName(int32_t *type, const char *name);
  * already has a name (which stays), or before MsgInitializeThread. */
 FHAPI BOOL MsgSetMsgName(int32_t type, const char *name);
 
-/* The module's part of the context ladder: MsgInitializeThread builds the
- * map of names, MsgReleaseThread frees it with every name added. */
+/* The module's part of the context ladder: MsgInitialize declares the
+ * message types and makes the well-known addresses (msgpacket.h);
+ * MsgInitializeThread builds the map of names and the process's own
+ * address, MsgReleaseThread frees them with every name added. */
 FHAPI BOOL MsgInitialize(void);
 FHAPI BOOL MsgInitializeThread(void);
 FHAPI void MsgReleaseThread(LmContext *context);

@@ -202,9 +202,7 @@ intptr_t ContextGetThreadData(void) { return ContextThreadIsInitialized() ? gtLm
 // object stored and released with the per-context state of lists.
 BOOL ContextSetContextObject(void *object) {
     if (!ObjHasValidGlobalMagic(object)) {
-        trace(3, 0, -1, "ContextSetContextObject(%p) - not passed an object", object);
-        ProcCrash(0);
-        return FALSE;
+        return trace.fault(FALSE, 3, 0, "ContextSetContextObject(%p) - not passed an object", object);
     }
     return ListSetExtensionItem(&gtLmContext.pContextObjects, object);
 }

@@ -144,9 +144,7 @@ BOOL FileChangeOwner(const char *path, int32_t owner, int32_t group) {
 
 BOOL FileStat(SYS_STAT *out, const char *path, int32_t follow) {
     if (path == nullptr) {
-        trace(kIdStatNull, 0, -1, "FileStat passed NULL file name");
-        ProcCrash(0);
-        return FALSE;
+        return trace.fault(FALSE, kIdStatNull, 0, "FileStat passed NULL file name");
     }
     struct stat s {};
     if (fh::retried([&] { return follow == 1 ? fh::sys().stat(path, &s) : fh::sys().lstat(path, &s); }) != 0) {

@@ -44,11 +44,6 @@ static_assert(fh::formatPayloadSize(LISTNODE_FORMAT) == sizeof(LISTNODE), "LISTN
 
 MemPool *pool() { return gPool != nullptr ? gPool : (gPool = MemGetDefaultPoolId()); }
 
-// The failure path of a fault of the caller, behind the trace that reports it.
-BOOL faulted(TracePosition) {
-    ProcCrash(0);
-    return FALSE;
-}
 
 inline bool isList(const LIST *list) { return list != nullptr && fh::startMagic(list) == LIST_MAGIC; }
 
@@ -197,13 +192,14 @@ constexpr AddReports kAddFirst{27, 0, 28, false}, kAddLast{34, 0, 35, false}, kA
 // list, the address of the item's variable, an item the list may hold.
 bool admits(const LIST *list, void *const *itemVariable, const AddReports &r) {
     if (list == nullptr) return false;
-    if (!isList(list)) return faulted(trace(r.notList, 0, -1, "Not a list"));
-    if (itemVariable == nullptr) return faulted(trace(r.noVariable, 0, -1, "Not an object pointer"));
+    if (!isList(list)) return trace.fault(FALSE, r.notList, 0, "Not a list");
+    if (itemVariable == nullptr) return trace.fault(FALSE, r.noVariable, 0, "Not an object pointer");
     const void *item = *itemVariable;
     if (fits(list, item)) return true;
-    return faulted(r.namesListMagic ? trace(r.wrongItem, 0, -1, "Invalid Object '%s' not '%s'", ObjNameFromObject(item),
-                                            ObjNameFromMagic(static_cast<uint32_t>(list->iItemMagic)))
-                                    : trace(r.wrongItem, 0, -1, "Invalid Object %s", ObjNameFromObject(item)));
+    if (r.namesListMagic)
+        return trace.fault(FALSE, r.wrongItem, 0, "Invalid Object '%s' not '%s'", ObjNameFromObject(item),
+                           ObjNameFromMagic(static_cast<uint32_t>(list->iItemMagic)));
+    return trace.fault(FALSE, r.wrongItem, 0, "Invalid Object %s", ObjNameFromObject(item));
 }
 
 // Add and push at either end.
@@ -215,20 +211,20 @@ BOOL addAtEnd(LIST *list, void *itemVariable, Side side, Hold hold, const AddRep
 }
 
 BOOL insertBeside(LISTNODE *node, Side side, void *item, const char *name, int32_t wrongItemId, int32_t notNodeId) {
-    if (!isNode(node)) return faulted(trace(notNodeId, 0, -1, "%s - not a list", name));
-    if (!fits(node->oList, item)) return faulted(trace(wrongItemId, 0, -1, "%s - invalid item type", name));
+    if (!isNode(node)) return trace.fault(FALSE, notNodeId, 0, "%s - not a list", name);
+    if (!fits(node->oList, item)) return trace.fault(FALSE, wrongItemId, 0, "%s - invalid item type", name);
     return link(node->oList, side, node, item, Hold::NewReference);
 }
 
 BOOL removeAtEnd(LIST *list, Side side, int32_t notListId) {
-    if (!isList(list)) return faulted(trace(notListId, 1, -1, "Not a list"));
+    if (!isList(list)) return trace.fault(FALSE, notListId, 1, "Not a list");
     if (list->iCount == 0) return FALSE;
     unlink(endOf(list, side), false);
     return TRUE;
 }
 
 BOOL popAtEnd(LIST *list, void *out, Side side, const char *name, int32_t id) {
-    if (!isList(list) || out == nullptr) return faulted(trace(id, 0, -1, "%s - Invalid arguments", name));
+    if (!isList(list) || out == nullptr) return trace.fault(FALSE, id, 0, "%s - Invalid arguments", name);
     if (list->iCount == 0) return FALSE;
     *static_cast<void **>(out) = unlink(endOf(list, side), true);
     return TRUE;
@@ -257,10 +253,10 @@ BOOL replaceObjectsOfMagic(LIST *list, void *object) {
 
 // The list of ListAddObject and ListPushObjectInternal: an untyped list.
 bool byMagicList(const LIST *list, int32_t id, const char *name) {
-    return (isList(list) && list->iItemMagic == 0) || faulted(trace(id, 1, 2, "%s - bad argument(s)", name));
+    return (isList(list) && list->iItemMagic == 0) || trace.faultAt(2, FALSE, id, 1, "%s - bad argument(s)", name);
 }
 
-BOOL reportInvalidObject() { return faulted(trace(74, 1, 2, "ListPushAddObject - invailid object")); }
+BOOL reportInvalidObject() { return trace.faultAt(2, FALSE, 74, 1, "ListPushAddObject - invailid object"); }
 
 BOOL removeObject(LIST *list, uint32_t magic) {
     LISTNODE *node = nodeOfMagic(list, magic);
@@ -306,14 +302,14 @@ int32_t ListClone(LIST **out, const LIST *list) {
 }
 
 BOOL ListDuplicate(LIST **out, const LIST *list) {
-    if (out == nullptr || !isList(list)) return faulted(trace(62, 0, -1, "ListDuplicate - Invalid arguments"));
+    if (out == nullptr || !isList(list)) return trace.fault(FALSE, 62, 0, "ListDuplicate - Invalid arguments");
     *out = copyOf(list, static_cast<uint32_t>(list->iItemMagic), list->iCount);
     return *out != nullptr;
 }
 
 BOOL ListDuplicateRange(LIST **out, const LIST *list, int32_t count) {
     if (out == nullptr || !isList(list) || count < 0)
-        return faulted(trace(63, 0, -1, "ListDuplicateRange - Invalid arguments"));
+        return trace.fault(FALSE, 63, 0, "ListDuplicateRange - Invalid arguments");
     if (list->iCount < count) return FALSE;
     *out = copyOf(list, static_cast<uint32_t>(list->iItemMagic), count);
     return *out != nullptr;
@@ -328,7 +324,7 @@ BOOL ListAddLastItem(LIST *list, void *item) {
 }
 
 BOOL ListAddUniqueItem(LIST *list, ListSearchFunction compare, void *item) {
-    if (isList(list) && compare == nullptr) return faulted(trace(38, 0, -1, "No compare function"));
+    if (isList(list) && compare == nullptr) return trace.fault(FALSE, 38, 0, "No compare function");
     if (!admits(list, &item, kAddUnique)) return FALSE;
     if (find<Direction::Forward>(list, [=](LISTNODE *n) { return compare(item, n->oItem) != 0; }) != nullptr)
         return TRUE;
@@ -345,7 +341,7 @@ BOOL ListInsertAfter(LISTNODE *node, void *item) {
 
 BOOL ListAppend(LIST *list, const LIST *other) {
     if (!isList(list) || !isList(other) || (list->iItemMagic != 0 && list->iItemMagic != other->iItemMagic))
-        return faulted(trace(45, 0, 3, "Invalid or mismatched lists"));
+        return trace.faultAt(3, FALSE, 45, 0, "Invalid or mismatched lists");
     copyItems(list, other, other->iCount);
     return TRUE;
 }
@@ -380,7 +376,7 @@ BOOL ListRemoveFirstItem(LIST *list) { return removeAtEnd(list, Side::Front, 10)
 BOOL ListRemoveLastItem(LIST *list) { return removeAtEnd(list, Side::Behind, 11); }
 
 BOOL ListRemoveItem(LISTNODE *node) {
-    if (!isNode(node)) return faulted(trace(44, 0, -1, "ListRemoveItem - not a listnode"));
+    if (!isNode(node)) return trace.fault(FALSE, 44, 0, "ListRemoveItem - not a listnode");
     unlink(node, false);
     return TRUE;
 }
@@ -392,21 +388,21 @@ BOOL ListPopFirstItemInternal(LIST *list, void *out) {
 BOOL ListPopLastItemInternal(LIST *list, void *out) { return popAtEnd(list, out, Side::Behind, "ListPopLastItem", 57); }
 
 BOOL ListReleaseAll(LIST *list) {
-    if (!isList(list)) return faulted(trace(64, 0, -1, "ListReleaseAll - Invalid arguments"));
+    if (!isList(list)) return trace.fault(FALSE, 64, 0, "ListReleaseAll - Invalid arguments");
     while (list->oFirst != nullptr) unlink(list->oFirst, false);
     return TRUE;
 }
 
 int32_t ListGetItemCount(const LIST *list, int32_t *count) {
     if (!isList(list))
-        faulted(trace(47, 0, -1, "ListGetItemCount - not a list"));
+        trace.fault(FALSE, 47, 0, "ListGetItemCount - not a list");
     else if (count != nullptr)
         *count = list->iCount;
     return -1;
 }
 
 BOOL ListGetNthItem(void *out, const LIST *list, int32_t position) {
-    if (out == nullptr || !isList(list)) return faulted(trace(92, 0, -1, "ListGetNthItem - Invalid arguments"));
+    if (out == nullptr || !isList(list)) return trace.fault(FALSE, 92, 0, "ListGetNthItem - Invalid arguments");
     const LISTNODE *node = nodeAt(list, position);
     if (node == nullptr) return FALSE;
     giveItem(out, node);
@@ -430,9 +426,9 @@ BOOL ListSetNthItem(void *item, LIST *list, int32_t position) {
 }
 
 BOOL ListGetNthNode(LISTNODE **out, const LIST *list, int32_t position) {
-    if (out == nullptr || !isList(list)) return faulted(trace(58, 0, -1, "ListGetNthNode - Invalid arguments"));
+    if (out == nullptr || !isList(list)) return trace.fault(FALSE, 58, 0, "ListGetNthNode - Invalid arguments");
     LISTNODE *node = nodeAt(list, position);
-    if (node == nullptr) return faulted(trace(93, 0, -1, "ListGetNthNode - Index out of range"));
+    if (node == nullptr) return trace.fault(FALSE, 93, 0, "ListGetNthNode - Index out of range");
     *out = node;
     return TRUE;
 }
@@ -442,8 +438,8 @@ BOOL ListFindNode(LISTNODE **out, const LIST *list, const void *item) {
         trace(61, 0, 3, "ListFindNode - invalid arguments");
         return FALSE;
     }
-    if (!isList(list)) return faulted(trace(60, 0, -1, "ListFindNode - not a list"));
-    if (!fits(list, item)) return faulted(trace(59, 0, -1, "ListFindNode - wrong item type for this list"));
+    if (!isList(list)) return trace.fault(FALSE, 60, 0, "ListFindNode - not a list");
+    if (!fits(list, item)) return trace.fault(FALSE, 59, 0, "ListFindNode - wrong item type for this list");
     LISTNODE *node = find<Direction::Forward>(list, [=](LISTNODE *n) { return n->oItem == item; });
     if (node == nullptr) return FALSE;
     if (out != nullptr) *out = node;
@@ -459,7 +455,7 @@ int32_t ListGetItemIndex(const LISTNODE *node) {
 
 BOOL ListNodeReplaceObject(LISTNODE *node, void *item) {
     if (!isNode(node)) return FALSE;
-    if (!fits(node->oList, item)) return faulted(trace(87, 0, -1, "Invalid Object %s", ObjNameFromObject(item)));
+    if (!fits(node->oList, item)) return trace.fault(FALSE, 87, 0, "Invalid Object %s", ObjNameFromObject(item));
     replaceItem(node, item);
     return TRUE;
 }
@@ -502,22 +498,22 @@ BOOL ListVerify(const LIST *list) {
 }
 
 int32_t ListWalk(LIST *list, ListWalkFunction callback, void *cookie) {
-    if (!isList(list) || callback == nullptr) return faulted(trace(16, 1, 2, "ListWalk - bad argument(s)"));
+    if (!isList(list) || callback == nullptr) return trace.faultAt(2, FALSE, 16, 1, "ListWalk - bad argument(s)");
     return walk<Direction::Forward>(list, [=](LISTNODE *node) { return callback(cookie, node); });
 }
 
 int32_t ListWalkBackwards(LIST *list, ListWalkFunction callback, void *cookie) {
-    if (!isList(list) || callback == nullptr) return faulted(trace(18, 0, 2, "Bad argument(s)"));
+    if (!isList(list) || callback == nullptr) return trace.faultAt(2, FALSE, 18, 0, "Bad argument(s)");
     return walk<Direction::Backward>(list, [=](LISTNODE *node) { return callback(cookie, node); });
 }
 
 BOOL ListSearch(LIST *list, ListSearchFunction compare, void *key, LISTNODE **out) {
-    if (!isList(list) || compare == nullptr) return faulted(trace(20, 1, -1, "ListSearch - bad argument(s)"));
+    if (!isList(list) || compare == nullptr) return trace.fault(FALSE, 20, 1, "ListSearch - bad argument(s)");
     return search<Direction::Forward>(list, compare, key, out);
 }
 
 BOOL ListSearchBackwards(LIST *list, ListSearchFunction compare, void *key, LISTNODE **out) {
-    if (!isList(list) || compare == nullptr) return faulted(trace(85, 0, -1, "ListSearchBackwards - bad argument(s)"));
+    if (!isList(list) || compare == nullptr) return trace.fault(FALSE, 85, 0, "ListSearchBackwards - bad argument(s)");
     return search<Direction::Backward>(list, compare, key, out);
 }
 
@@ -534,9 +530,9 @@ BOOL ListSortWithCookie(LIST *list, ObjCompareWithCookieFunction compare, void *
 // comparison that stops the sort leaves the array a permutation, which is
 // put back as it is.
 BOOL ListSortInternal(LIST *list, ObjCompareWithCookieFunction compare, void *cookie, BOOL withCookie) {
-    if (!isList(list) || compare == nullptr) return faulted(trace(55, 0, -1, "ListSort - Invalid arguments"));
+    if (!isList(list) || compare == nullptr) return trace.fault(FALSE, 55, 0, "ListSort - Invalid arguments");
     const int32_t count = list->iCount;
-    if (count < 0) return faulted(trace(52, 0, -1, "ListSort - List has negative itemcount(!)"));
+    if (count < 0) return trace.fault(FALSE, 52, 0, "ListSort - List has negative itemcount(!)");
     if (count < 2) return TRUE;
     trace(53, 0, 3, "Create an array of %ld entries", static_cast<long>(count));
     auto **items = static_cast<void **>(MemAllocateFromPool(static_cast<size_t>(count) * sizeof(void *), pool()));
@@ -549,22 +545,22 @@ BOOL ListSortInternal(LIST *list, ObjCompareWithCookieFunction compare, void *co
     for (int32_t i = 0; i < taken; ++i)
         if (!link(list, Side::Behind, nullptr, items[i], Hold::TakeOver)) ObjReleaseInternal(&items[i]);
     MemFreeInternal(&items);
-    if (list->iCount != count) return faulted(trace(54, 0, -1, "ListSort - munged your list, sorry"));
+    if (list->iCount != count) return trace.fault(FALSE, 54, 0, "ListSort - munged your list, sorry");
     return TRUE;
 }
 
 BOOL ListFindObjectInternal(void *out, const LIST *list, uint32_t magic) {
-    if (!isList(list)) return faulted(trace(66, 1, 2, "ListFindObject - bad argument(s)"));
+    if (!isList(list)) return trace.faultAt(2, FALSE, 66, 1, "ListFindObject - bad argument(s)");
     return findObject(out, list, magic);
 }
 
 BOOL ListRemoveObjectInternal(LIST *list, uint32_t magic) {
-    if (!isList(list)) return faulted(trace(68, 1, 2, "ListRemoveObject - bad argument(s)"));
+    if (!isList(list)) return trace.faultAt(2, FALSE, 68, 1, "ListRemoveObject - bad argument(s)");
     return removeObject(list, magic);
 }
 
 BOOL ListPopObjectInternal(void *out, LIST *list, uint32_t magic) {
-    if (!isList(list)) return faulted(trace(70, 1, 2, "ListPopObject - bad argument(s)"));
+    if (!isList(list)) return trace.faultAt(2, FALSE, 70, 1, "ListPopObject - bad argument(s)");
     LISTNODE *node = nodeOfMagic(list, magic);
     if (node == nullptr) return FALSE;
     void *item = unlink(node, true);

@@ -25,6 +25,7 @@
 #include "core/object.h"
 #include "core/strbase.h"
 #include "messages/msgcatalogue.h"
+#include "msgchannel.h"
 #include "msgnames.h"
 #include "text.h"
 #include "tracer.h"
@@ -165,7 +166,8 @@ BOOL MsgSetMsgName(int32_t type, const char *name) {
     return FALSE;
 }
 
-BOOL MsgInitialize(void) { return TRUE; }
+// The templates and the well-known addresses (msgaddress.cpp, msgpacket.cpp).
+BOOL MsgInitialize(void) { return fh::msgAddressesInitialize() && fh::msgPacketsInitialize(); }
 
 BOOL MsgInitializeThread(void) {
     MsgReleaseThread(&gtLmContext);
@@ -177,7 +179,10 @@ BOOL MsgInitializeThread(void) {
     for (const MessageName &row : kCatalogue) MapInsertEntry(map, &row);
     trace(kIdLoaded, 0, 2, "Initialize %ld message names", static_cast<long>(MapSize(map)));
     gtLmContext.pMsgNameMap = map;
-    return TRUE;
+    return fh::msgAddressesInitializeThread();
 }
 
-void MsgReleaseThread(LmContext *context) { ObjReleaseInternal(&context->pMsgNameMap); }
+void MsgReleaseThread(LmContext *context) {
+    fh::msgAddressesReleaseThread(context);
+    ObjReleaseInternal(&context->pMsgNameMap);
+}

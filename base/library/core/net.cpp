@@ -2,8 +2,9 @@
 // sockets.
 //
 // Every platform call goes through the table of netcalls.h. The module keeps
-// no state of its own beyond the NET_ADDRESS template and the process-wide
-// list of addresses that don't resolve: a socket belongs to whoever holds it.
+// no state of its own beyond the NET_ADDRESS template: a socket belongs to
+// whoever holds it. Names, interfaces, firewall binding and the hand-over of
+// sockets are in nethost.cpp.
 //
 // Addresses. A NetAddressT is the platform's IPv4 address with a length byte
 // at offset 0 and the family byte at offset 1. Toward the platform
@@ -29,6 +30,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -115,7 +117,6 @@ enum TraceId : int32_t {
 
 MemPool *gPool = nullptr;
 ObjectTemplate *gAddressTemplate = nullptr;
-LIST *gUnresolvable = nullptr; // addresses whose reverse look-up failed
 
 MemPool *pool() { return gPool != nullptr ? gPool : (gPool = MemGetDefaultPoolId()); }
 
@@ -126,22 +127,19 @@ static_assert(sizeof(sockaddr_in) == NET_ADDRESS_LENGTH, "the platform's IPv4 ad
 
 int acceptCall(int fd, sockaddr *address, socklen_t *length, int flags) { return accept4(fd, address, length, flags); }
 int fcntlCall(int fd, int command, int argument) { return fcntl(fd, command, argument); }
+int ioctlCall(int fd, unsigned long request, void *argument) { return ioctl(fd, request, argument); }
 
 constexpr fh::NetCalls kPlatform = {
-    ::socket,   ::close,      ::bind,       ::listen,      acceptCall,    ::connect, ::send,   ::recv, ::sendto,
-    ::recvfrom, ::getsockopt, ::setsockopt, ::getsockname, ::getpeername, fcntlCall, ::select, ::poll,
+    ::socket,        ::close,         ::bind,          ::listen,        acceptCall, ::connect, ::send,
+    ::recv,          ::sendto,        ::recvfrom,      ::getsockopt,    ::setsockopt,
+    ::getsockname,   ::getpeername,   fcntlCall,       ::select,        ::poll,     ::gethostbyname,
+    ::gethostbyaddr, ::getservbyname, ::gethostname,   ioctlCall,
 };
 fh::NetCalls gCalls = kPlatform;
 
 fh::NetCalls &calls() { return gCalls; }
 
-// Calls call until a signal no longer interrupts it.
-template <typename Call> int repeated(Call call) {
-    int result;
-    do result = call();
-    while (result == -1 && errno == EINTR);
-    return result;
-}
+using fh::repeated;
 
 // Traces a failed platform call: error as the record's code, its text as the
 // format's last argument; errno is put back as the call left it.
@@ -583,10 +581,8 @@ const fh::NetCalls &fh::netPlatformCalls() { return kPlatform; }
 
 BOOL NetOpen(int32_t *socket, int32_t kind) {
     if (socket == nullptr || (kind != NET_SOCKET_DATAGRAM && kind != NET_SOCKET_STREAM)) {
-        trace(kIdOpenArguments, kind, -1, "NetOpen(%p, %ld) - bad arguments", static_cast<void *>(socket),
+        return trace.fault(FALSE, kIdOpenArguments, kind, "NetOpen(%p, %ld) - bad arguments", static_cast<void *>(socket),
               static_cast<long>(kind));
-        ProcCrash(0);
-        return FALSE;
     }
     const bool datagram = kind == NET_SOCKET_DATAGRAM;
     const int type = (datagram ? SOCK_DGRAM : SOCK_STREAM) | SOCK_CLOEXEC;
@@ -657,10 +653,8 @@ BOOL NetAddressEqual(const NetAddressT *first, const NetAddressT *second, BOOL a
 BOOL NetBind(int32_t socket, const NetAddressT *address) {
     if (socket == -1) return FALSE;
     if (address == nullptr) {
-        trace(kIdBindArguments, 0, -1, "NetBind(%ld, %p) - no address", static_cast<long>(socket),
+        return trace.fault(FALSE, kIdBindArguments, 0, "NetBind(%ld, %p) - no address", static_cast<long>(socket),
               static_cast<const void *>(address));
-        ProcCrash(0);
-        return FALSE;
     }
     const sockaddr_in platform = toPlatform(address);
     if (calls().bind(socket, asSockaddr(platform), sizeof platform) == 0) return TRUE;
@@ -681,10 +675,8 @@ int32_t NetAccept(int32_t *newSocket, int32_t socket, NetAddressT *address) {
         return NET_ERROR_BAD_SOCKET;
     }
     if (newSocket == nullptr) {
-        trace(kIdAcceptArguments, 0, -1, "NetAccept(%p, %ld, %p) - nowhere to put the socket",
+        return trace.fault(NET_ERROR_FATAL, kIdAcceptArguments, 0, "NetAccept(%p, %ld, %p) - nowhere to put the socket",
               static_cast<void *>(newSocket), static_cast<long>(socket), static_cast<void *>(address));
-        ProcCrash(0);
-        return NET_ERROR_FATAL;
     }
     AddressRoom room;
     const int fd = repeated([&] { return calls().accept(socket, room.platform(), &room.length, SOCK_CLOEXEC); });
@@ -881,12 +873,9 @@ BOOL NetCheckSelect(const NetSelectMask *mask) {
 
 // ---- The module's part of the context ladder ----
 
-// Run again after a failed ladder, it keeps the list it made.
 BOOL NetInitialize(void) {
-    if (!fh::declareReceivable(&gAddressTemplate, sizeof(NetAddressT), NET_ADDRESS_MAGIC, NET_ADDRESS_FORMAT))
-        return FALSE;
-    if (gUnresolvable == nullptr) gUnresolvable = ListNewFromPool(NET_ADDRESS_MAGIC, pool());
-    return gUnresolvable != nullptr;
+    return fh::declareReceivable(&gAddressTemplate, sizeof(NetAddressT), NET_ADDRESS_MAGIC, NET_ADDRESS_FORMAT) &&
+           fh::netHostInitialize();
 }
 
 BOOL NetInitializeThread(void) { return TRUE; }

@@ -1,15 +1,21 @@
 // netcalls.h - the socket calls of the network layer, through one table.
 //
-// The network module calls the platform through fh::netCalls(), never
+// The network modules call the platform through fh::netCalls(), never
 // directly, so that a test can make any call fail with the error it wants
-// (or be interrupted) and check how the operation classifies it. Only tests
-// switch entries; the table starts as the platform's own calls.
+// (or be interrupted) and check how the operation classifies it, and can
+// count and answer the name services and interface requests, whose real
+// answers depend on the machine (a reverse look-up may wait for a resolver's
+// timeout). Only tests switch entries; the table starts as the platform's
+// own calls.
 #ifndef FHCORE_NETCALLS_H
 #define FHCORE_NETCALLS_H
 
+#include <netdb.h>
 #include <poll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+
+#include <cerrno>
 
 
 namespace fh {
@@ -32,12 +38,31 @@ struct NetCalls {
     int (*fcntl)(int fd, int command, int argument); // F_GETFL, F_SETFL
     int (*select)(int nfds, fd_set *read, fd_set *write, fd_set *exception, timeval *limit);
     int (*poll)(pollfd *fds, nfds_t count, int milliseconds);
+    // Name services and interfaces (nethost.cpp).
+    hostent *(*gethostbyname)(const char *name);
+    hostent *(*gethostbyaddr)(const void *address, socklen_t length, int family);
+    servent *(*getservbyname)(const char *name, const char *protocol);
+    int (*gethostname)(char *buffer, size_t size);
+    int (*ioctl)(int fd, unsigned long request, void *argument);
 };
+
+// Calls call until a signal no longer interrupts it.
+template <typename Call> int repeated(Call call) {
+    int result;
+    do result = call();
+    while (result == -1 && errno == EINTR);
+    return result;
+}
 
 // The table in use; tests change entries and put them back.
 NetCalls &netCalls();
 // The platform's own calls.
 const NetCalls &netPlatformCalls();
+
+// The part of the network layer in nethost.cpp: its types and the
+// process-wide list of addresses that don't resolve, made once by
+// NetInitialize.
+bool netHostInitialize();
 
 } // namespace fh
 

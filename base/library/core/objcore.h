@@ -4,8 +4,11 @@
 #ifndef FHCORE_OBJCORE_H
 #define FHCORE_OBJCORE_H
 
+#include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <span>
 
 #include "core/object.h"
@@ -39,72 +42,116 @@ inline std::span<const ComponentEntry> entriesOf(const ObjectTemplate *objectTem
 static_assert(sizeof(MemBlockHeader) % 8 == 0 && (sizeof(MemBlockHeader) + sizeof(ObjectHeader)) % 8 == 0,
               "headers keep 8-byte alignment");
 
-// Per datatype of the component format language: payload bytes and
-// alignment on this machine, bytes in the stored form, and whether the
-// object owns what the component points at.
+// Per datatype of the component format language, in one table: its letters,
+// payload bytes and alignment on this machine, bytes in the stored form of a
+// template's DbSize, the fewest bytes it takes in the byte form (an inline
+// count adds its own bytes), and whether the object owns what the component
+// points at, so that release and copy must look at it.
 struct DatatypeInfo {
+    char letters[3];
     int32_t size;
     int32_t align;
     int32_t dbSize;
+    int32_t leastStored;
     bool owns;
 };
 inline constexpr int32_t kPointerSize = sizeof(void *);
 inline constexpr DatatypeInfo kDatatypes[] = {
-    {0, 1, 0, false},                                     // 0 none
-    {4, 4, 4, false},                                     // 1 b
-    {4, 4, 4, false},                                     // 2 i
-    {kPointerSize, kPointerSize, 8, true},                // 3 s
-    {kPointerSize, kPointerSize, 8, true},                // 4 o, L
-    {kPointerSize, kPointerSize, 0, false},               // 5 l
-    {kPointerSize, kPointerSize, 8, true},                // 6 z
-    {sizeof(ObjData), alignof(ObjData), 8, true},         // 7 d
-    {0, 4, 8, false},                                     // 8 c, n: size from the format
-    {sizeof(ObjViewInfo), alignof(ObjViewInfo), 0, true}, // 9 v
-    {sizeof(int64_t), alignof(int64_t), 8, false},        // 10 I
-    {32, 4, 32, false},                                   // 11 u
-    {kPointerSize, kPointerSize, 0, false},               // 12 p
+    {"", 0, 1, 0, 4, false},                                      // 0 none
+    {"b", 4, 4, 4, 1, false},                                     // 1
+    {"i", 4, 4, 4, 4, false},                                     // 2
+    {"s", kPointerSize, kPointerSize, 8, 4, true},                // 3
+    {"oL", kPointerSize, kPointerSize, 8, 1, true},               // 4
+    {"l", kPointerSize, kPointerSize, 0, 4, false},               // 5
+    {"z", kPointerSize, kPointerSize, 8, 1, true},                // 6
+    {"d", sizeof(ObjData), alignof(ObjData), 8, 4, true},         // 7
+    {"cn", 0, 4, 8, 4, false},                                    // 8 size from the format
+    {"v", sizeof(ObjViewInfo), alignof(ObjViewInfo), 0, 9, true}, // 9
+    {"I", sizeof(int64_t), alignof(int64_t), 8, 8, false},        // 10
+    {"u", 32, 4, 32, 32, false},                                  // 11
+    {"p", kPointerSize, kPointerSize, 0, 4, false},               // 12
+};
+static_assert(std::size(kDatatypes) == eObjPointer + 1, "one row per datatype");
+
+inline constexpr auto kDatatypeOfLetter = [] {
+    std::array<int8_t, 256> datatypes{};
+    for (size_t datatype = 0; datatype < std::size(kDatatypes); ++datatype)
+        for (const char letter : kDatatypes[datatype].letters)
+            if (letter != '\0') datatypes[static_cast<unsigned char>(letter)] = static_cast<int8_t>(datatype);
+    return datatypes;
+}();
+
+constexpr int32_t datatypeOfLetter(char letter) { return kDatatypeOfLetter[static_cast<unsigned char>(letter)]; }
+
+static_assert(datatypeOfLetter('L') == eObjObject && datatypeOfLetter('n') == eObjInline &&
+              datatypeOfLetter('p') == eObjPointer && datatypeOfLetter('x') == eObjNone && datatypeOfLetter(';') == eObjNone);
+
+// The largest payload a template may describe.
+inline constexpr int64_t kLargestPayload = int64_t{1} << 28;
+
+// The component behind the one at cursor: past its ';', or the end.
+constexpr const char *nextComponent(const char *cursor) {
+    while (*cursor != '\0' && *cursor != ';') ++cursor;
+    return *cursor == ';' ? cursor + 1 : cursor;
+}
+
+// The count of an inline component (the digits behind its letter), held at
+// one past the largest payload.
+constexpr int64_t inlineCount(const char *cursor) {
+    int64_t count = 0;
+    for (const char *digit = cursor + 1; *digit >= '0' && *digit <= '9'; ++digit)
+        count = std::min<int64_t>(count * 10 + (*digit - '0'), kLargestPayload + 1);
+    return count;
+}
+
+// The layout of a format: each component at the next multiple of its
+// alignment, inline counts rounded up to 4, the whole rounded up to the
+// largest alignment; the stored form has 16 bytes in front of its components.
+struct FormatLayout {
+    int32_t fieldCount = 0;
+    int64_t payload = 0;
+    int32_t dbSize = 16;
+    bool simple = true;     // no component owns anything
+    bool invalidDb = false; // a component that no stored form can hold
 };
 
-constexpr int32_t datatypeOfLetter(char letter) {
-    switch (letter) {
-    case 'b': return eObjBoolean;
-    case 'i': return eObjInteger;
-    case 's': return eObjString;
-    case 'o': case 'L': return eObjObject;
-    case 'l': return eObjBackLink;
-    case 'z': return eObjStanza;
-    case 'd': return eObjData;
-    case 'c': case 'n': return eObjInline;
-    case 'v': return eObjViewInfo;
-    case 'I': return eObjInt64;
-    case 'u': return eObjUnique;
-    case 'p': return eObjPointer;
-    default: return eObjNone;
+// Lays out format. visit(cursor, datatype, layout) sees each component with
+// layout.payload at its offset, layout.dbSize at its stored offset and
+// layout.fieldCount its index; invalid(cursor) sees a letter outside the
+// language, which ends the format. The walk stops past the largest payload.
+template <typename Visit, typename Invalid>
+constexpr FormatLayout layOutFormat(const char *format, Visit visit, Invalid invalid) {
+    FormatLayout layout;
+    int32_t largestAlign = 1;
+    for (const char *cursor = format; *cursor != '\0'; cursor = nextComponent(cursor)) {
+        const int32_t datatype = datatypeOfLetter(*cursor);
+        if (datatype == eObjNone) {
+            invalid(cursor);
+            break;
+        }
+        const DatatypeInfo &info = kDatatypes[datatype];
+        const int64_t size = datatype == eObjInline ? (inlineCount(cursor) + 3) / 4 * 4 : info.size;
+        layout.payload = (layout.payload + info.align - 1) / info.align * info.align;
+        largestAlign = std::max(largestAlign, info.align);
+        visit(cursor, datatype, layout);
+        layout.payload += size;
+        layout.dbSize += info.dbSize;
+        layout.simple = layout.simple && !info.owns;
+        layout.invalidDb = layout.invalidDb || datatype == eObjBackLink || datatype == eObjPointer;
+        ++layout.fieldCount;
+        if (layout.payload > kLargestPayload) break;
     }
+    layout.payload = (layout.payload + largestAlign - 1) / largestAlign * largestAlign;
+    return layout;
 }
 
-// The payload size of a format as a template computes it: each component at
-// the next multiple of its alignment, inline counts rounded up to 4, the
-// whole rounded up to the largest alignment. A module checks the C struct
-// of its type against its format with this in a static_assert.
+// The payload size of a format as a template computes it. A module checks
+// the C struct of its type against its format with this in a static_assert.
 constexpr int64_t formatPayloadSize(const char *format) {
-    int64_t payload = 0;
-    int32_t largestAlign = 1;
-    for (const char *c = format; *c != '\0' && datatypeOfLetter(*c) != eObjNone;) {
-        const DatatypeInfo &info = kDatatypes[datatypeOfLetter(*c)];
-        int64_t size = info.size;
-        if (datatypeOfLetter(*c) == eObjInline) {
-            size = 0;
-            for (const char *digit = c + 1; *digit >= '0' && *digit <= '9'; ++digit) size = size * 10 + (*digit - '0');
-            size = (size + 3) / 4 * 4;
-        }
-        payload = (payload + info.align - 1) / info.align * info.align + size;
-        largestAlign = info.align > largestAlign ? info.align : largestAlign;
-        while (*c != '\0' && *c != ';') ++c;
-        if (*c == ';') ++c;
-    }
-    return (payload + largestAlign - 1) / largestAlign * largestAlign;
+    return layOutFormat(format, [](const char *, int32_t, const FormatLayout &) {}, [](const char *) {}).payload;
 }
+static_assert(formatPayloadSize("b;c5;") == 12 && formatPayloadSize("i;c5;b;") == 16 && formatPayloadSize("c3l;i;") == 8 &&
+              formatPayloadSize("i;x;i;") == 4);
 
 // Blocks that templates, the template table and run-time names hold until
 // the process ends; a leak check leaves them out.

@@ -61,7 +61,6 @@ MemPool *gPool = nullptr;
 
 MemPool *pool() { return gPool != nullptr ? gPool : (gPool = MemGetDefaultPoolId()); }
 
-using fh::DatatypeInfo;
 using fh::datatypeOfLetter;
 using fh::kDatatypes;
 
@@ -69,7 +68,7 @@ using fh::kDatatypes;
 enum TraceId : int32_t { kIdTakeOver = 195, kIdNotReceivable = 196 };
 
 // The largest payload a format may describe; formats also arrive from peers.
-constexpr int64_t kLargestPayload = int64_t{1} << 28;
+using fh::kLargestPayload;
 constexpr size_t kHeaderSize = sizeof(ObjectHeader);
 constexpr int32_t kEndMagicSize = sizeof(uint32_t);
 
@@ -175,43 +174,21 @@ char *newTemplateName(uint32_t magic) {
     return StrDuplicateIntoPool(unknown, pool());
 }
 
-// Parses format into entries (when given); the payload size, or -1 when the
-// format describes more than an object may hold.
-struct Layout {
-    int32_t fieldCount = 0;
-    int64_t payload = 0;
-    int32_t dbSize = 16;
-    bool simple = true;
-    bool invalidDb = false;
-};
-
-Layout layOut(const char *format, ComponentEntry *entries) {
-    Layout layout;
-    int32_t maxAlign = 1;
-    for (const char *cursor = ObjFirstComponent(format); *cursor != '\0'; cursor = ObjNextComponent(cursor)) {
-        const int32_t datatype = ObjComponentDatatype(cursor);
-        if (datatype == eObjNone) break;
-        const DatatypeInfo &info = kDatatypes[datatype];
-        const int32_t size = datatype == eObjInline ? ObjInlineSize(cursor) : info.size;
-        layout.payload = (layout.payload + info.align - 1) / info.align * info.align;
-        maxAlign = std::max(maxAlign, info.align);
-        if (entries != nullptr) {
-            ComponentEntry &e = entries[layout.fieldCount];
+// Lays out format, filling entries when given; the payload stops growing
+// past kLargestPayload.
+fh::FormatLayout layOut(const char *format, ComponentEntry *entries) {
+    return fh::layOutFormat(
+        format,
+        [entries](const char *cursor, int32_t datatype, const fh::FormatLayout &at) {
+            if (entries == nullptr) return;
+            ComponentEntry &e = entries[at.fieldCount];
             e.Datatype = datatype;
-            e.Offset = static_cast<int32_t>(std::min(layout.payload, kLargestPayload));
-            e.DbOffset = layout.dbSize;
+            e.Offset = static_cast<int32_t>(std::min(at.payload, kLargestPayload));
+            e.DbOffset = at.dbSize;
             e.InlineSize = datatype == eObjInline ? ObjInlineSizeUsed(cursor) : 0;
             e.Local = (ObjComponentModifiers(cursor) & OBJ_MODIFIER_LOCAL) != 0;
-        }
-        layout.payload += size;
-        layout.dbSize += info.dbSize;
-        layout.simple = layout.simple && !info.owns;
-        layout.invalidDb = layout.invalidDb || datatype == eObjBackLink || datatype == eObjPointer;
-        ++layout.fieldCount;
-        if (layout.payload > kLargestPayload) break;
-    }
-    layout.payload = (layout.payload + maxAlign - 1) / maxAlign * maxAlign;
-    return layout;
+        },
+        [](const char *cursor) { ObjComponentDatatype(cursor); });
 }
 
 // The pool bytes of a template's three blocks: itself with its entries, its
@@ -222,7 +199,7 @@ size_t poolBytesOf(const ObjectTemplate *t) {
 }
 
 ObjectTemplate *buildTemplate(int32_t size, uint32_t magic, const char *format, ObjReleaseCallback releaseCallback) {
-    const Layout counted = layOut(format, nullptr);
+    const fh::FormatLayout counted = layOut(format, nullptr);
     if (counted.payload > kLargestPayload || (size != -1 && size != counted.payload)) {
         trace(3, 1, 2, "Object Template Error, computed size %ld given %ld for \"%s\"",
               static_cast<long>(std::min(counted.payload, kLargestPayload)), static_cast<long>(size), format);
@@ -233,7 +210,7 @@ ObjectTemplate *buildTemplate(int32_t size, uint32_t magic, const char *format, 
     ObjectTemplate *t = &block->t;
     ObjectDescriptor &d = t->Descriptor;
     d.Entries = reinterpret_cast<ComponentEntry *>(block + 1);
-    const Layout layout = layOut(format, d.Entries);
+    const fh::FormatLayout layout = layOut(format, d.Entries);
     t->Magic = magic;
     t->Name = newTemplateName(magic);
     t->Simple = layout.simple;
@@ -371,11 +348,9 @@ bool releaseComponents(ObjectHeader *h, ObjectHeader *&dying) {
     void *object = payloadOf(h);
     bool ok = true;
     const ObjectDescriptor &d = t->Descriptor;
-    // The datatypes that release needs to look at; the others own nothing.
-    constexpr uint32_t kHandled = 1u << eObjNone | 1u << eObjString | 1u << eObjObject | 1u << eObjData |
-                                  1u << eObjViewInfo | 1u << eObjStanza;
     for (const ComponentEntry &e : std::span(d.Entries, d.FieldCount)) {
-        if ((kHandled >> e.Datatype & 1u) == 0) continue;
+        // The datatypes that own nothing need no look.
+        if (e.Datatype != eObjNone && !kDatatypes[e.Datatype].owns) continue;
         switch (e.Datatype) {
         case eObjNone:
             trace(22, 1, 2, "ObjRelease - unrecognised component");
@@ -482,9 +457,7 @@ namespace {
 
 void *newInstance(ObjectTemplate *t, MemPool *from) {
     if (t == nullptr) {
-        trace(88, 1, -1, "Invalid arguments");
-        ProcCrash(0);
-        return nullptr;
+        return trace.fault(nullptr, 88, 1, "Invalid arguments");
     }
     auto *h = static_cast<ObjectHeader *>(MemAllocateFromPool(t->Descriptor.ObjSize, from));
     char *object = payloadOf(h);
@@ -688,9 +661,7 @@ void *ObjTemplateNewInstanceFromPool(ObjectTemplate *objectTemplate, MemPool *fr
 
 BOOL ObjTemplateCreateInstanceFromPool(void **out, ObjectTemplate *objectTemplate, MemPool *from) {
     if (out == nullptr) {
-        trace(88, 1, -1, "Invalid arguments");
-        ProcCrash(0);
-        return FALSE;
+        return trace.fault(FALSE, 88, 1, "Invalid arguments");
     }
     *out = newInstance(objectTemplate, from);
     return *out != nullptr;
@@ -700,9 +671,7 @@ BOOL ObjCreateInternal(void **out, int32_t size, uint32_t magic, const char *for
                        ObjReleaseCallback releaseCallback, MemPool *from) {
     ObjectTemplate *t = out != nullptr ? getTemplate(size, magic, format, releaseCallback) : nullptr;
     if (t == nullptr) {
-        trace(10, 0, 2, "ObjCreate() failed");
-        ProcCrash(0);
-        return FALSE;
+        return trace.faultAt(2, FALSE, 10, 0, "ObjCreate() failed");
     }
     *out = newInstance(t, from);
     return TRUE;
@@ -712,9 +681,7 @@ void *ObjNewInternal(int32_t size, uint32_t magic, const char *format, ObjReleas
                      MemPool *from) {
     ObjectTemplate *t = getTemplate(size, magic, format, releaseCallback);
     if (t == nullptr) {
-        trace(81, 0, 2, "ObjNew() failed");
-        ProcCrash(0);
-        return nullptr;
+        return trace.faultAt(2, nullptr, 81, 0, "ObjNew() failed");
     }
     return newInstance(t, from);
 }
@@ -743,10 +710,8 @@ BOOL ObjTemplateSetReceivable(ObjectTemplate *t, ObjReceivedCheck check) {
                                              t != nullptr ? t->Descriptor.FieldCount : 0))
         hasPointer = hasPointer || e.Datatype == eObjPointer;
     if (t == nullptr || t->Foreign || ((t->ReleaseCallback != nullptr || hasPointer) && check == nullptr)) {
-        trace(kIdNotReceivable, 0, -1, "Type %s cannot be received without a check of its own",
+        return trace.fault(FALSE, kIdNotReceivable, 0, "Type %s cannot be received without a check of its own",
               t != nullptr ? t->Name : "(null)");
-        ProcCrash(0);
-        return FALSE;
     }
     blockOf(t).receivable = true;
     blockOf(t).check = check;
@@ -760,11 +725,7 @@ ObjTranslator ObjGetTranslator(const void *object) {
 
 const char *ObjFirstComponent(const char *format) { return format; }
 
-const char *ObjNextComponent(const char *cursor) {
-    if (cursor == nullptr) return nullptr;
-    const char *separator = strchr(cursor, ';');
-    return separator != nullptr ? separator + 1 : cursor + strlen(cursor);
-}
+const char *ObjNextComponent(const char *cursor) { return cursor != nullptr ? fh::nextComponent(cursor) : nullptr; }
 
 int32_t ObjComponentDatatype(const char *cursor) {
     if (cursor == nullptr || *cursor == '\0') return eObjNone;
@@ -788,10 +749,7 @@ int32_t ObjComponentModifiers(const char *cursor) {
 
 int32_t ObjInlineSizeUsed(const char *cursor) {
     if (cursor == nullptr || *cursor == '\0') return 0;
-    int64_t count = 0;
-    for (const char *digit = cursor + 1; *digit >= '0' && *digit <= '9'; ++digit)
-        count = std::min<int64_t>(count * 10 + (*digit - '0'), kLargestPayload + 1);
-    return static_cast<int32_t>(count);
+    return static_cast<int32_t>(fh::inlineCount(cursor));
 }
 
 int32_t ObjInlineSize(const char *cursor) { return (ObjInlineSizeUsed(cursor) + 3) & ~3; }
@@ -800,9 +758,7 @@ BOOL ObjIncRefCount(void *object) {
     if (object == nullptr) return FALSE;
     ObjectHeader *h = headerOf(object);
     if (!OBJ_VALID_MAGIC(h->StartMagic)) {
-        trace(26, 0, -1, "ObjIncRefCount - Invalid Magic for object at %p", object);
-        ProcCrash(0);
-        return FALSE;
+        return trace.fault(FALSE, 26, 0, "ObjIncRefCount - Invalid Magic for object at %p", object);
     }
     ++h->RefCount;
     return TRUE;
@@ -810,9 +766,7 @@ BOOL ObjIncRefCount(void *object) {
 
 BOOL ObjReleaseInternal(void *objectAddress) {
     if (objectAddress == nullptr) {
-        trace(74, 0, 3, "ObjRelease - Invalid pointer to Object");
-        ProcCrash(0);
-        return FALSE;
+        return trace.faultAt(3, FALSE, 74, 0, "ObjRelease - Invalid pointer to Object");
     }
     void *&slot = *static_cast<void **>(objectAddress);
     if (slot == nullptr) return FALSE;

@@ -259,13 +259,9 @@ bool writeComponent(Writer &w, void *object, const ComponentEntry &e) {
     }
     case eObjUnique: return w.bytes(&field<char>(object, e), 32);
     case eObjBackLink:
-        trace(36, 1, -1, "Invalid component: BackwardLink");
-        ProcCrash(0);
-        return false;
+        return trace.fault(false, 36, 1, "Invalid component: BackwardLink");
     default:
-        trace(37, 1, -1, "Invalid component");
-        ProcCrash(0);
-        return false;
+        return trace.fault(false, 37, 1, "Invalid component");
     }
 }
 
@@ -648,16 +644,9 @@ bool translate(Reader &r, void *&object, int32_t id) {
 // reader refuses a type whose instance the bytes left cannot justify.
 uint64_t leastBytes(const ObjectTemplate *t) {
     uint64_t total = 0;
-    for (const ComponentEntry &e : entriesOf(t)) {
-        switch (e.Datatype) {
-        case eObjBoolean: case eObjObject: case eObjStanza: total += 1; break;
-        case eObjInline: total += 4 + static_cast<uint64_t>(e.InlineSize); break;
-        case eObjViewInfo: total += 9; break;
-        case eObjInt64: total += 8; break;
-        case eObjUnique: total += 32; break;
-        default: total += 4; break;
-        }
-    }
+    for (const ComponentEntry &e : entriesOf(t))
+        total += static_cast<uint64_t>(fh::kDatatypes[e.Datatype].leastStored) +
+                 (e.Datatype == eObjInline ? static_cast<uint64_t>(e.InlineSize) : 0);
     return total;
 }
 
@@ -1044,9 +1033,7 @@ Byte *inProcessForm(const void *object, int32_t &size) {
 
 BOOL ObjSerialize(const void *object, ObjStream *stream) {
     if (stream == nullptr || stream->Transfer == nullptr) {
-        trace(149, 1, -1, "Invalid argument");
-        ProcCrash(0);
-        return FALSE;
+        return trace.fault(FALSE, 149, 1, "Invalid argument");
     }
     Writer w(*stream, Writer::Sink::stream);
     return writeObject(w, object) && w.finish();
@@ -1054,9 +1041,7 @@ BOOL ObjSerialize(const void *object, ObjStream *stream) {
 
 BOOL ObjReconstruct(void **out, ObjStream *stream) {
     if (out == nullptr || stream == nullptr || stream->Transfer == nullptr) {
-        trace(149, 1, -1, "Invalid argument");
-        ProcCrash(0);
-        return FALSE;
+        return trace.fault(FALSE, 149, 1, "Invalid argument");
     }
     Reader r(*stream, SIZE_MAX, false);
     return reconstructTop(r, out);
@@ -1085,9 +1070,7 @@ BOOL ObjReconstructFromMemory(void **out, const void *memory) {
 
 BOOL ObjReconstructFromBytes(void **out, const void *memory, int32_t length) {
     if (out == nullptr || (memory == nullptr && length != 0) || length < 0) {
-        trace(149, 1, -1, "Invalid argument");
-        ProcCrash(0);
-        return FALSE;
+        return trace.fault(FALSE, 149, 1, "Invalid argument");
     }
     return fromMemory(out, memory, static_cast<size_t>(length), true, false);
 }
@@ -1111,10 +1094,8 @@ BOOL ObjSerializeToBuffer(const void *object, uint32_t typeWord, ObjBufferDescri
 BOOL ObjSerializeToBufferCustomHead(const void *object, ObjBufferDescriptor *descriptor, int32_t headSize,
                                     const void *head, BOOL withTotal) {
     if (descriptor == nullptr || headSize < 0 || (headSize == 0) != (head == nullptr)) {
-        trace(172, 0, -1, "ObjSerializeToBufferCustomHead() - bad params (%p, %p, %ld, %p) ", object,
+        return trace.fault(FALSE, 172, 0, "ObjSerializeToBufferCustomHead() - bad params (%p, %p, %ld, %p) ", object,
               static_cast<void *>(descriptor), static_cast<long>(headSize), head);
-        ProcCrash(0);
-        return FALSE;
     }
     const int32_t frame = descriptor->Used;
     bool headWritten = false;
@@ -1122,14 +1103,10 @@ BOOL ObjSerializeToBufferCustomHead(const void *object, ObjBufferDescriptor *des
         headWritten = (!withTotal || w.u32(0)) && w.bytes(head, static_cast<size_t>(headSize));
         return headWritten && writeObject(w, object);
     });
-    if (!ok) {
-        if (!headWritten)
-            trace(171, 0, -1, "Failed to write custom header of %ld bytes to buffer", static_cast<long>(headSize));
-        else
-            trace(170, 0, -1, "Failed to serialize object after custom header");
-        ProcCrash(0);
-        return FALSE;
-    }
+    if (!ok && !headWritten)
+        return trace.fault(FALSE, 171, 0, "Failed to write custom header of %ld bytes to buffer",
+                           static_cast<long>(headSize));
+    if (!ok) return trace.fault(FALSE, 170, 0, "Failed to serialize object after custom header");
     if (withTotal)
         writeLe32(reinterpret_cast<Byte *>(descriptor->Buffer) + frame, static_cast<uint32_t>(descriptor->Used - frame));
     return TRUE;
@@ -1145,10 +1122,8 @@ BOOL ObjSerializeToBufferNoHead(int32_t *length, const void *object, ObjBufferDe
 
 BOOL ObjBufferInsertBytes(int32_t count, const void *bytes, ObjBufferDescriptor *descriptor) {
     if (descriptor == nullptr || count < 0 || (count > 0 && bytes == nullptr)) {
-        trace(174, 0, -1, "ObjBufferInsertBytes() - bad params (%ld, %p, %p)", static_cast<long>(count), bytes,
+        return trace.fault(FALSE, 174, 0, "ObjBufferInsertBytes() - bad params (%ld, %p, %p)", static_cast<long>(count), bytes,
               static_cast<void *>(descriptor));
-        ProcCrash(0);
-        return FALSE;
     }
     if (intoBuffer(descriptor, [&](Writer &w) { return w.bytes(bytes, static_cast<size_t>(count)); })) return TRUE;
     trace(173, 0, -1, "ObjBufferInsertBytes() - failed to write to buffer");
@@ -1157,9 +1132,7 @@ BOOL ObjBufferInsertBytes(int32_t count, const void *bytes, ObjBufferDescriptor 
 
 BOOL ObjBufferDescriptorCreate(ObjBufferDescriptor **out, void *buffer, int32_t capacity, int32_t start) {
     if (out == nullptr || capacity < 0 || start < 0 || (buffer != nullptr && start > capacity)) {
-        trace(149, 1, -1, "Invalid argument");
-        ProcCrash(0);
-        return FALSE;
+        return trace.fault(FALSE, 149, 1, "Invalid argument");
     }
     auto *d = static_cast<ObjBufferDescriptor *>(MemAllocateFromPool(sizeof(ObjBufferDescriptor), pool()));
     *d = {static_cast<char *>(buffer), buffer != nullptr ? capacity : 0, start, start, FALSE};

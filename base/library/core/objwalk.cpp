@@ -42,13 +42,9 @@ int32_t walkComponents(Walk &walk, void *object) {
                 return result;
             break;
         case eObjNone:
-            trace(121, 1, -1, "ObjWalker - Invalid component");
-            ProcCrash(0);
-            return eObjWalkAbort;
+            return trace.fault(eObjWalkAbort, 121, 1, "ObjWalker - Invalid component");
         case eObjBackLink:
-            trace(120, 1, -1, "ObjWalker - Invalid component: BackwardLink");
-            ProcCrash(0);
-            return eObjWalkAbort;
+            return trace.fault(eObjWalkAbort, 120, 1, "ObjWalker - Invalid component: BackwardLink");
         default: break;
         }
     }

@@ -94,10 +94,7 @@ template <typename T, typename Fill> T *make(Fill fill) {
 // reported under id, unless the type reports none, and nothing is made.
 template <typename T, typename New> BOOL create(T **out, New newObject, int32_t id = typeOf<T>().createId) {
     if (out == nullptr) {
-        if (id != 0) {
-            trace(id, 0, -1, "%s", typeOf<T>().createError);
-            ProcCrash(0);
-        }
+        if (id != 0) return trace.fault(FALSE, id, 0, "%s", typeOf<T>().createError);
         return FALSE;
     }
     *out = newObject();

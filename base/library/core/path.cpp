@@ -290,10 +290,8 @@ BOOL PathIsDescending(const char *path) {
 
 BOOL PathToComponentList(LIST **out, const char *path) {
     if (out == nullptr || path == nullptr) {
-        trace(kIdToListArgs, 0, -1, "PathToComponentList(%p,%s) - bad args", static_cast<void *>(out),
+        return trace.fault(FALSE, kIdToListArgs, 0, "PathToComponentList(%p,%s) - bad args", static_cast<void *>(out),
               path != nullptr ? path : "(null)");
-        ProcCrash(0);
-        return FALSE;
     }
     LIST *list = ListNewFromPool(OBJ_STRING_MAGIC, pool());
     Text component(200);
@@ -322,10 +320,8 @@ BOOL PathToComponentList(LIST **out, const char *path) {
 
 BOOL PathFromComponentList(char **out, const LIST *list) {
     if (out == nullptr || list == nullptr) {
-        trace(kIdFromListArgs, 0, -1, "PathFromComponentList(%p,%p) - bad args", static_cast<void *>(out),
+        return trace.fault(FALSE, kIdFromListArgs, 0, "PathFromComponentList(%p,%p) - bad args", static_cast<void *>(out),
               static_cast<const void *>(list));
-        ProcCrash(0);
-        return FALSE;
     }
     *out = joinWithSlash([&](auto put) {
         for (const LISTNODE *node = list->oFirst; node != nullptr; node = node->oNext) put(ObjGetString(node->oItem));

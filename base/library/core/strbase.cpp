@@ -349,10 +349,8 @@ inline const Byte *stopAt(const char *string, const Byte *match, bool withMatch)
 
 template <Case K> char *duplicateToSubString(const char *string, const char *subString, const char *name) {
     if (string == nullptr || subString == nullptr) {
-        trace(kIdDuplicateToSubStringArgs, 0, -1, "%s(%p, %p) - bad args", name, static_cast<const void *>(string),
+        return trace.fault(nullptr, kIdDuplicateToSubStringArgs, 0, "%s(%p, %p) - bad args", name, static_cast<const void *>(string),
               static_cast<const void *>(subString));
-        ProcCrash(0);
-        return nullptr;
     }
     const Byte *at = findSubString<K>(string, subString);
     return at != nullptr ? duplicateUpTo(string, at) : nullptr;
@@ -413,13 +411,9 @@ BOOL formatInto(const char *name, char *target, int32_t size, const char *format
         target[count] = 0;
         return TRUE;
     }
-    if (count < 0)
-        trace(kIdFormatFailed, 0, -1, "Failed to format string into memory buffer");
-    else
-        trace(kIdFormatOverrun, 0, -1, "Buffer overrun formatting string into memory buffer");
     target[size - 1] = 0;
-    ProcCrash(0);
-    return FALSE;
+    if (count < 0) return trace.fault(FALSE, kIdFormatFailed, 0, "Failed to format string into memory buffer");
+    return trace.fault(FALSE, kIdFormatOverrun, 0, "Buffer overrun formatting string into memory buffer");
 }
 
 // Regular expressions from wildcard patterns.

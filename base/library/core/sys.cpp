@@ -192,9 +192,7 @@ int64_t SysUnpackInt64(const unsigned char *bytes) {
 
 BOOL SysSetEnvString(const char *name, const char *value) {
     if (name == nullptr || name[0] == '\0' || strchr(name, '=') != nullptr) {
-        trace(kIdBadEnvName, 0, -1, "SysSetEnvString(%s) - bad name", name != nullptr ? name : "(null)");
-        ProcCrash(0);
-        return FALSE;
+        return trace.fault(FALSE, kIdBadEnvName, 0, "SysSetEnvString(%s) - bad name", name != nullptr ? name : "(null)");
     }
     char *entry = StrCat(name, "=", value != nullptr ? value : "", nullptr);
     if (fh::sys().putenv(entry) == 0) return TRUE; // the environment keeps entry

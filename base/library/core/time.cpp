@@ -140,9 +140,7 @@ BOOL TimeSetOffset(TIME_OFFSET *offset, int32_t seconds, int32_t milliseconds) {
 
 BOOL TimeSetTimeout(TIME_TIMEOUT *timeout, int32_t seconds) {
     if (timeout == nullptr) {
-        trace(kIdSetTimeoutNull, 1, -1, "NULL timeout passed to TimeSetTimeout");
-        ProcCrash(0);
-        return FALSE;
+        return trace.fault(FALSE, kIdSetTimeoutNull, 1, "NULL timeout passed to TimeSetTimeout");
     }
     write(timeout, {seconds, 0});
     return TRUE;

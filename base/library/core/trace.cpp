@@ -170,6 +170,11 @@ TracePosition ModuleTracer::operator()(int32_t id, int32_t code, int32_t level, 
     return position;
 }
 
+TracePosition ModuleTracer::traceVa(int32_t id, int32_t code, int32_t level, const char *format,
+                                    va_list arguments) const {
+    return TraceMessageVa(tag, id, code, level, format, arguments);
+}
+
 } // namespace fh
 
 namespace {

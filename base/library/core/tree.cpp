@@ -188,11 +188,9 @@ void addBranches(TREE *tree, const TREENODE *node, bool all) {
 // The two exported forms of addBranches, which check their arguments.
 BOOL addBranchesChecked(TREE *tree, TREENODE *node, bool all) {
     if (!isTree(tree) || !isNode(node)) {
-        trace(all ? kIdAddBranchArgs : kIdAddOnlyBranchArgs, 0, -1, "%s(%p,%p) - bad args",
+        return trace.fault(FALSE, all ? kIdAddBranchArgs : kIdAddOnlyBranchArgs, 0, "%s(%p,%p) - bad args",
               all ? "TreeAddBranchToRoot" : "TreeAddOnlyBranchToRoot", static_cast<void *>(tree),
               static_cast<void *>(node));
-        ProcCrash(0);
-        return FALSE;
     }
     addBranches(tree, node, all);
     return TRUE;
@@ -299,9 +297,7 @@ void *shared(void *item) {
 
 BOOL TreeCreateFromPool(TREE **out, MemPool *from) {
     if (out == nullptr) {
-        trace(kIdCreateNull, 0, -1, "NULL pointer passed to TreeCreate");
-        ProcCrash(0);
-        return FALSE;
+        return trace.fault(FALSE, kIdCreateNull, 0, "NULL pointer passed to TreeCreate");
     }
     *out = static_cast<TREE *>(ObjTemplateNewInstanceFromPool(gTreeTemplate, from));
     return TRUE;

@@ -1,0 +1,315 @@
+// msgpacket.cpp - messaging: messages and the packet image.
+//
+// A MSG_MESSAGE holds references to its two addresses and its body. A
+// MSG_PACKET holds one data block, the packet image (msgpacket.h lays it
+// out): a header of 192 bytes that this file writes, then the frame that
+// ObjSerializeToBuffer writes behind it in the same buffer, so a packet costs
+// one serialisation and no copy. Every integer of the header is 32-bit
+// little-endian on every platform.
+//
+// Images from elsewhere. Before anything is read from an image, soundImage
+// checks that it holds at least 201 bytes and that its total equals its
+// length; the body is read by the bounded reader over the bytes behind
+// offset 200 alone. A packet inside a message body is refused by the same
+// check when it arrives.
+#include "core/msgpacket.h"
+
+#include <cstring>
+
+#include "core/context.h"
+#include "core/memory.h"
+#include "core/objserial.h"
+#include "msgchannel.h"
+#include "objcore.h"
+#include "tracer.h"
+
+ObjectTemplate *gtObjTemplateMessage = nullptr;
+ObjectTemplate *gtObjTemplatePacket = nullptr;
+
+namespace {
+
+constexpr fh::ModuleTracer trace{"MESSAGE        "};
+
+enum TraceId : int32_t {
+    kIdBadMessage = 30,
+    kIdNoSerialize = 31,
+    kIdBadImage = 32,
+    kIdBodyMagic = 33,
+    kIdBadPacket = 34,
+};
+
+MemPool *gPool = nullptr;
+MemPool *pool() { return gPool != nullptr ? gPool : (gPool = MemGetDefaultPoolId()); }
+
+static_assert(fh::formatPayloadSize(MSG_MESSAGE_FORMAT) == sizeof(MSG_MESSAGE), "MSG_MESSAGE as its format");
+static_assert(fh::formatPayloadSize(MSG_PACKET_FORMAT) == sizeof(MSG_PACKET), "MSG_PACKET as its format");
+
+// Offsets of the header fields.
+enum Offset : size_t {
+    kRoute = 0,
+    kTotal = 4,
+    kSource = 8,
+    kDestination = 16,
+    kType = 24,
+    kReserved = 28,
+};
+
+void putLe32(unsigned char *p, int32_t value) {
+    const auto v = static_cast<uint32_t>(value);
+    p[0] = static_cast<unsigned char>(v);
+    p[1] = static_cast<unsigned char>(v >> 8);
+    p[2] = static_cast<unsigned char>(v >> 16);
+    p[3] = static_cast<unsigned char>(v >> 24);
+}
+
+int32_t getLe32(const unsigned char *p) {
+    return static_cast<int32_t>(uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24);
+}
+
+using fh::msgAddressOf;
+
+// The pair that stands for address in a packet; false for a machine
+// without an id. A channel address needs no look-up.
+bool toPacketAddress(MsgPacketAddress *pair, const void *address) {
+    const MSG_ADDRESS *a = msgAddressOf(address);
+    if (a == nullptr || !MsgMachineNameToId(&pair->iMachine, a->pszMachine)) return false;
+    pair->iProcess = a->iProcess;
+    return true;
+}
+
+int32_t routeTo(const MsgPacketAddress &destination) {
+    switch (destination.iMachine) {
+    case MSG_MACHINE_CHANNEL: return -destination.iProcess;
+    case MSG_MACHINE_LOCAL: return destination.iProcess;
+    default: return MSG_PROCESS_NETMGR;
+    }
+}
+
+void putPair(unsigned char *image, size_t offset, const MsgPacketAddress &pair) {
+    putLe32(image + offset, pair.iMachine);
+    putLe32(image + offset + 4, pair.iProcess);
+}
+
+MsgPacketAddress getPair(const unsigned char *image, size_t offset) {
+    return {getLe32(image + offset), getLe32(image + offset + 4)};
+}
+
+// The image of a packet that holds at least a header, a frame head and a
+// lead byte, and whose total is its length; else null, traced.
+unsigned char *soundImage(const void *packet, int32_t *size) {
+    if (packet == nullptr || !ObjCheckTypeInternal(packet, MSG_PACKET_MAGIC)) return nullptr;
+    const ObjData &image = static_cast<const MSG_PACKET *>(packet)->oImage;
+    auto *bytes = static_cast<unsigned char *>(image.pData);
+    const int32_t total = image.iSize >= MSG_PACKET_MINIMUM_SIZE && bytes != nullptr ? getLe32(bytes + kTotal) : -1;
+    if (total != image.iSize) {
+        trace(kIdBadImage, 0, 2, "Refused packet image of %ld bytes, total %ld", static_cast<long>(image.iSize),
+              static_cast<long>(total));
+        return nullptr;
+    }
+    *size = image.iSize;
+    return bytes;
+}
+
+// The body of a sound image, read by the bounded reader.
+bool readBody(void **body, const unsigned char *image, int32_t size) {
+    return ObjReconstructFromBytes(body, image + MSG_PACKET_BODY_OFFSET, size - MSG_PACKET_BODY_OFFSET);
+}
+
+// The address of a pair; null, traced, when its machine id can't be mapped.
+MSG_ADDRESS *addressOfPair(const MsgPacketAddress &pair) {
+    MSG_ADDRESS *address = nullptr;
+    return MsgAddressFromPacketAddress(&address, &pair) ? address : nullptr;
+}
+
+// A received message must hold addresses where it holds any.
+BOOL messageHoldsAddresses(const void *object) {
+    const auto *m = static_cast<const MSG_MESSAGE *>(object);
+    return (m->oDestination == nullptr || msgAddressOf(m->oDestination) != nullptr) &&
+           (m->oSource == nullptr || msgAddressOf(m->oSource) != nullptr);
+}
+
+BOOL packetIsSound(const void *object) {
+    int32_t size = 0;
+    return soundImage(object, &size) != nullptr;
+}
+
+MSG_MESSAGE *newMessage(void *destination, void *source, int32_t type, void *body) {
+    auto *m = static_cast<MSG_MESSAGE *>(ObjTemplateNewInstanceFromPool(gtObjTemplateMessage, pool()));
+    m->oDestination = static_cast<MSG_ADDRESS *>(destination);
+    m->oSource = static_cast<MSG_ADDRESS *>(source);
+    m->iType = type;
+    m->oObject = body;
+    return m;
+}
+
+// A new reference to an address of a message, through field.
+BOOL getAddress(MSG_ADDRESS **address, const void *message, MSG_ADDRESS *MSG_MESSAGE::*field) {
+    const MSG_MESSAGE *m = fh::msgMessageOf(message);
+    if (address == nullptr || m == nullptr || m->*field == nullptr) return FALSE;
+    ObjIncRefCount(m->*field);
+    *address = m->*field;
+    return TRUE;
+}
+
+} // namespace
+
+// ---- The module's part of start-up ----
+
+const MSG_MESSAGE *fh::msgMessageOf(const void *object) {
+    return object != nullptr && ObjCheckTypeInternal(object, MSG_MESSAGE_MAGIC)
+               ? static_cast<const MSG_MESSAGE *>(object)
+               : nullptr;
+}
+
+// The channel map comes with the channels: until then this process knows
+// no channel.
+fh::ChannelView fh::msgChannelView(int32_t) { return {false, false, false, nullptr}; }
+
+bool fh::msgPacketsInitialize() {
+    return declareReceivable(&gtObjTemplateMessage, sizeof(MSG_MESSAGE), MSG_MESSAGE_MAGIC, MSG_MESSAGE_FORMAT,
+                             messageHoldsAddresses) &&
+           declareReceivable(&gtObjTemplatePacket, sizeof(MSG_PACKET), MSG_PACKET_MAGIC, MSG_PACKET_FORMAT,
+                             packetIsSound);
+}
+
+BOOL MsgCreateTemplates(void) { return fh::msgAddressesInitialize() && fh::msgPacketsInitialize(); }
+
+// ---- Messages ----
+
+BOOL MsgCreate(MSG_MESSAGE **message, const void *destination, int32_t type, void *object) {
+    if (message == nullptr || msgAddressOf(destination) == nullptr ||
+        (object != nullptr && !ObjHasValidGlobalMagic(object)) || MsgLocalAddress() == nullptr) {
+        trace(kIdBadMessage, 0, -1, "MsgCreate(%p, %p, %ld, %p) - bad arguments", static_cast<void *>(message),
+              destination, static_cast<long>(type), object);
+        ProcCrash(0);
+        return FALSE;
+    }
+    for (const void *held : {destination, static_cast<const void *>(MsgLocalAddress()), static_cast<const void *>(object)})
+        if (held != nullptr) ObjIncRefCount(const_cast<void *>(held));
+    *message = newMessage(const_cast<void *>(destination), MsgLocalAddress(), type, object);
+    return TRUE;
+}
+
+int32_t MsgType(const void *message) {
+    const MSG_MESSAGE *m = fh::msgMessageOf(message);
+    return m != nullptr ? m->iType : 0;
+}
+
+BOOL MsgGetSource(MSG_ADDRESS **address, const void *message) {
+    return getAddress(address, message, &MSG_MESSAGE::oSource);
+}
+
+BOOL MsgGetDestination(MSG_ADDRESS **address, const void *message) {
+    return getAddress(address, message, &MSG_MESSAGE::oDestination);
+}
+
+BOOL MsgGetSender(MSG_ADDRESS **address, const void *message) {
+    const MSG_MESSAGE *m = fh::msgMessageOf(message);
+    return m != nullptr && MsgSenderAddressFromSourceAddress(address, m->oSource);
+}
+
+BOOL MsgGetObjectInternal(void **object, const void *message, uint32_t magic) {
+    const MSG_MESSAGE *m = fh::msgMessageOf(message);
+    if (object == nullptr || m == nullptr || m->oObject == nullptr) return FALSE;
+    if (magic != 0 && !ObjCheckTypeInternal(m->oObject, magic)) return FALSE;
+    ObjIncRefCount(m->oObject);
+    *object = m->oObject;
+    return TRUE;
+}
+
+BOOL MsgIsFromAChannel(const void *message) {
+    const MSG_MESSAGE *m = fh::msgMessageOf(message);
+    return m != nullptr && MsgIsAChannel(m->oSource);
+}
+
+BOOL MsgIsFromLocalMachine(const void *message) {
+    const MSG_MESSAGE *m = fh::msgMessageOf(message);
+    return m != nullptr && MsgIsLocalMachine(m->oSource);
+}
+
+// ---- Packets ----
+
+BOOL MsgCreatePacket(MSG_PACKET **packet, const void *destination, const void *source, int32_t type,
+                     const void *object) {
+    MsgPacketAddress to{}, from{};
+    if (packet == nullptr || (object != nullptr && !ObjHasValidGlobalMagic(object)) ||
+        !toPacketAddress(&to, destination) || !toPacketAddress(&from, source)) {
+        trace(kIdBadPacket, 0, 2, "MsgCreatePacket(%p, %p, %p, %ld, %p) - no packet for these addresses",
+              static_cast<void *>(packet), destination, source, static_cast<long>(type), object);
+        return FALSE;
+    }
+    ObjBufferDescriptor *buffer = nullptr;
+    ObjBufferDescriptorCreate(&buffer, nullptr, 0, MSG_PACKET_HEADER_SIZE);
+    if (!ObjSerializeToBuffer(object, static_cast<uint32_t>(type), buffer)) {
+        trace(kIdNoSerialize, 0, 2, "Unable to serialize Message object to buffer");
+        ObjBufferDescriptorFree(&buffer);
+        return FALSE;
+    }
+    auto *image = reinterpret_cast<unsigned char *>(buffer->Buffer);
+    memset(image, 0, MSG_PACKET_HEADER_SIZE);
+    putLe32(image + kRoute, routeTo(to));
+    putLe32(image + kTotal, buffer->Used);
+    putPair(image, kSource, from);
+    putPair(image, kDestination, to);
+    putLe32(image + kType, type);
+    auto *made = static_cast<MSG_PACKET *>(ObjTemplateNewInstanceFromPool(gtObjTemplatePacket, pool()));
+    made->oImage = {buffer->Used, buffer->Buffer}; // the packet takes the buffer over
+    buffer->Buffer = nullptr;
+    buffer->Owned = FALSE;
+    ObjBufferDescriptorFree(&buffer);
+    *packet = made;
+    return TRUE;
+}
+
+BOOL MsgMessageToPacket(MSG_PACKET **packet, const void *message) {
+    const MSG_MESSAGE *m = fh::msgMessageOf(message);
+    return m != nullptr && MsgCreatePacket(packet, m->oDestination, m->oSource, m->iType, m->oObject);
+}
+
+BOOL MsgRedirectPacket(const void *address, MSG_PACKET *packet) {
+    int32_t size = 0;
+    unsigned char *image = soundImage(packet, &size);
+    MsgPacketAddress to{};
+    if (image == nullptr || !toPacketAddress(&to, address)) return FALSE;
+    putPair(image, kDestination, to);
+    putLe32(image + kRoute, routeTo(to));
+    return TRUE;
+}
+
+BOOL MsgMessageFromPacket(MSG_MESSAGE **message, const MSG_PACKET *packet) {
+    int32_t size = 0;
+    const unsigned char *image = soundImage(packet, &size);
+    void *body = nullptr;
+    if (message == nullptr || image == nullptr || !readBody(&body, image, size)) return FALSE;
+    *message = newMessage(addressOfPair(getPair(image, kDestination)), addressOfPair(getPair(image, kSource)),
+                          getLe32(image + kType), body);
+    return TRUE;
+}
+
+BOOL MsgObjectFromPacketInternal(void **object, const MSG_PACKET *packet, uint32_t magic) {
+    int32_t size = 0;
+    const unsigned char *image = soundImage(packet, &size);
+    void *body = nullptr;
+    if (object == nullptr || image == nullptr || !readBody(&body, image, size)) return FALSE;
+    const bool passes = body == nullptr ? magic == 0xFFFFFFFFu : magic == 0 || ObjCheckTypeInternal(body, magic);
+    if (!passes) {
+        trace(kIdBodyMagic, 0, 2, "Packet body %s is not of magic 0x%lx", ObjNameFromObject(body),
+              static_cast<unsigned long>(magic));
+        ObjReleaseInternal(&body);
+        return FALSE;
+    }
+    *object = body;
+    return TRUE;
+}
+
+int32_t MsgPacketMsgType(const void *packet) {
+    int32_t size = 0;
+    const unsigned char *image = soundImage(packet, &size);
+    return image != nullptr ? getLe32(image + kType) : 0;
+}
+
+BOOL MsgPacketIsFromChannel(const void *packet) {
+    int32_t size = 0;
+    const unsigned char *image = soundImage(packet, &size);
+    return image != nullptr && getLe32(image + kDestination) == MSG_MACHINE_CHANNEL;
+}
