@@ -40,12 +40,11 @@
 #include <span>
 
 #include "core/context.h"
-#include "core/list.h"
 #include "core/map.h"
 #include "core/memory.h"
 #include "core/stanza.h"
 #include "core/strbase.h"
-#include "core/tree.h"
+#include "objcontainer.h"
 #include "objcore.h"
 #include "proctable.h"
 #include "seams.h"
@@ -81,6 +80,14 @@ int32_t gTemplateBlocks = 0; // blocks that templates and their table hold for g
 ObjectTemplate *gRetired = nullptr; // retired templates, linked through Next
 int32_t gForeignTemplates = 0; // templates made for received formats
 size_t gForeignBytes = 0;      // and the pool bytes they hold
+
+// The container types and their operations, as their declarations register them.
+struct Container {
+    uint32_t magic;
+    const fh::ContainerOperations *operations;
+};
+Container gContainers[4];
+int32_t gContainerCount = 0;
 
 // A template and what this module keeps beside it; the entries follow.
 struct TemplateBlock {
@@ -381,11 +388,21 @@ namespace fh {
 
 int32_t objectTemplateBlocks() { return gTemplateBlocks; }
 
+const ContainerOperations *containerOperations(uint32_t magic) {
+    for (int32_t i = 0; i < gContainerCount; ++i)
+        if (gContainers[i].magic == magic) return gContainers[i].operations;
+    return nullptr;
+}
+
 bool DeclaredType::declare() {
     if (template_ == nullptr) {
         ObjectTemplate *made = nullptr;
         if (!ObjTemplateCreateInternal(&made, size_, magic_, format_, release_)) return false;
         if (receivable_ && !ObjTemplateSetReceivable(made, check_)) return false;
+        if (operations_ != nullptr && containerOperations(magic_) == nullptr) {
+            if (gContainerCount == static_cast<int32_t>(std::size(gContainers))) return false;
+            gContainers[gContainerCount++] = {magic_, operations_};
+        }
         template_ = made;
     }
     if (exported_ != nullptr) *exported_ = template_;
@@ -499,7 +516,17 @@ int32_t findCopy(const void *key, const void *b) {
 }
 
 void *copyObject(const void *source, bool keepLocal, MAP *&seen);
-void copyTreeNode(const TREENODE *from, TREENODE *to, bool keepLocal, MAP *&seen);
+
+// The deep copy as a container's copy operation sees it.
+class Copier : public fh::ObjectCopier {
+  public:
+    Copier(bool keepLocal, MAP *&seen) : keepLocal_(keepLocal), seen_(seen) {}
+    void *copy(const void *object) override { return copyObject(object, keepLocal_, seen_); }
+
+  private:
+    bool keepLocal_;
+    MAP *&seen_;
+};
 
 void copyComponent(void *copy, const void *source, const ComponentEntry &e, bool keepLocal, MAP *&seen) {
     void *from = const_cast<void *>(source);
@@ -556,33 +583,14 @@ void *copyObject(const void *source, bool keepLocal, MAP *&seen) {
         const CopyEntry pair = {source, copy};
         MapInsertEntry(seen, &pair);
     }
-    if (h->StartMagic == LIST_MAGIC) { // the items, in order; no item magic, no cookie
-        for (const LISTNODE *node = static_cast<const LIST *>(source)->oFirst; node != nullptr; node = node->oNext) {
-            void *item = copyObject(node->oItem, keepLocal, seen);
-            if (!ListPushLastItemInternal(static_cast<LIST *>(copy), &item)) ObjReleaseInternal(&item);
-        }
-        return copy;
-    }
-    if (h->StartMagic == TREE_MAGIC) { // the nodes with copies of their items; not the cookie
-        TREENODE *last = nullptr;
-        for (const TREENODE *root = static_cast<const TREE *>(source)->oFirst; root != nullptr; root = root->oNextSibling) {
-            void *item = copyObject(root->oItem, keepLocal, seen);
-            last = last != nullptr ? TreePushItem(&item, last, 3) : TreePushRootItem(&item, static_cast<TREE *>(copy));
-            copyTreeNode(root, last, keepLocal, seen);
-        }
+    if (const fh::ContainerOperations *operations = fh::containerOperations(h->StartMagic)) {
+        Copier copier(keepLocal, seen);
+        operations->copy(copier, source, copy);
         return copy;
     }
     const ObjectDescriptor &d = h->Template->Descriptor;
     for (const ComponentEntry &e : std::span(d.Entries, d.FieldCount)) copyComponent(copy, source, e, keepLocal, seen);
     return copy;
-}
-
-void copyTreeNode(const TREENODE *from, TREENODE *to, bool keepLocal, MAP *&seen) {
-    to->bOpen = from->bOpen;
-    for (const TREENODE *child = from->oFirstChild; child != nullptr; child = child->oNextSibling) {
-        void *item = copyObject(child->oItem, keepLocal, seen);
-        copyTreeNode(child, TreePushItem(&item, to, 1), keepLocal, seen);
-    }
 }
 
 // The quicksort of the interface partitions around its first element. The
