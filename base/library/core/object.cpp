@@ -110,9 +110,7 @@ struct NameEntry {
 };
 MAP *gNameMap = nullptr;
 
-inline ObjectHeader *headerOf(const void *object) {
-    return reinterpret_cast<ObjectHeader *>(const_cast<char *>(static_cast<const char *>(object)) - kHeaderSize);
-}
+using fh::objectHeader;
 
 inline char *payloadOf(ObjectHeader *header) { return reinterpret_cast<char *>(header) + kHeaderSize; }
 
@@ -309,7 +307,7 @@ ObjectTemplate *getTemplate(int32_t size, uint32_t magic, const char *format, Ob
 
 // The checks in front of a release: 0 when the object may be released.
 bool releasable(void *object) {
-    ObjectHeader *h = headerOf(object);
+    ObjectHeader *h = objectHeader(object);
     if (!OBJ_VALID_MAGIC(h->StartMagic)) {
         trace(72, 0, 2, "ObjRelease - Invalid Magic for object at %p", object);
     } else if (endMagicOf(h) != h->StartMagic) {
@@ -325,7 +323,7 @@ bool releasable(void *object) {
 // Gives false for a damaged object or a count that would go below 0.
 bool dropReference(void *object, ObjectHeader *&dying) {
     if (!releasable(object)) return false;
-    ObjectHeader *h = headerOf(object);
+    ObjectHeader *h = objectHeader(object);
     if (--h->RefCount < 0) {
         ++h->RefCount;
         trace(70, 0, 2, "ObjRelease - reference count below zero for object at %p", object);
@@ -569,7 +567,7 @@ void copyComponent(void *copy, const void *source, const ComponentEntry &e, bool
 
 void *copyObject(const void *source, bool keepLocal, MAP *&seen) {
     if (source == nullptr) return nullptr;
-    const ObjectHeader *h = headerOf(source);
+    const ObjectHeader *h = objectHeader(source);
     void *entry = nullptr;
     if (h->RefCount != 1 && seen != nullptr && MapFindEntry(&entry, seen, source)) {
         void *copy = static_cast<CopyEntry *>(entry)->copy;
@@ -769,7 +767,7 @@ int32_t ObjInlineSize(const char *cursor) { return (ObjInlineSizeUsed(cursor) + 
 
 BOOL ObjIncRefCount(void *object) {
     if (object == nullptr) return FALSE;
-    ObjectHeader *h = headerOf(object);
+    ObjectHeader *h = objectHeader(object);
     if (!OBJ_VALID_MAGIC(h->StartMagic)) {
         return trace.fault(FALSE, 26, 0, "ObjIncRefCount - Invalid Magic for object at %p", object);
     }
@@ -803,7 +801,7 @@ void ObjRemoveFromLog(void) {}
 
 void ObjCheck(const void *object) {
     if (object == nullptr) return;
-    const ObjectHeader *h = headerOf(object);
+    const ObjectHeader *h = objectHeader(object);
     if (!OBJ_VALID_MAGIC(h->StartMagic)) {
         trace(147, 0, -1, "ObjCheck - Invalid Magic for object at %p", object);
     } else if (endMagicOf(h) != h->StartMagic) {
@@ -819,7 +817,7 @@ BOOL ObjGetMagic(const void *object, uint32_t *magic) {
     if (magic == nullptr) return FALSE;
     *magic = 0;
     if (object == nullptr) return FALSE;
-    const ObjectHeader *h = headerOf(object);
+    const ObjectHeader *h = objectHeader(object);
     const uint32_t start = h->StartMagic;
     if (const std::optional<uint32_t> end = endMagicOf(h); end != start) {
         trace(28, 1, -1, "Start/end magic disagree - object is corrupt %lx %lx", static_cast<unsigned long>(start),
@@ -841,13 +839,13 @@ BOOL ObjHasValidGlobalMagic(const void *object) {
 
 BOOL ObjCheckTypeInternal(const void *object, uint32_t magic) {
     uint32_t actual;
-    return ObjGetMagic(object, &actual) && actual == magic && !blockOf(headerOf(object)->Template).retired;
+    return ObjGetMagic(object, &actual) && actual == magic && !blockOf(objectHeader(object)->Template).retired;
 }
 
 const char *ObjNameFromObject(const void *object) {
     if (object == nullptr) return "NULL Object";
     if (!ObjHasValidGlobalMagic(object)) return "Invalid Object";
-    return headerOf(object)->Template->Name;
+    return objectHeader(object)->Template->Name;
 }
 
 const char *ObjNameFromMagic(uint32_t magic) {
@@ -875,7 +873,7 @@ BOOL ObjSetObjName(uint32_t magic, const char *name) {
 }
 
 ObjectTemplate *ObjGetTemplateFromObject(const void *object) {
-    return ObjHasValidGlobalMagic(object) ? headerOf(object)->Template : nullptr;
+    return ObjHasValidGlobalMagic(object) ? objectHeader(object)->Template : nullptr;
 }
 
 ObjectDescriptor *ObjGetDbData(const void *object) {

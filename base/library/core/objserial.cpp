@@ -41,6 +41,7 @@
 #include "core/objmap.h"
 #include "core/objwalk.h"
 #include "core/stanza.h"
+#include "codec.h"
 #include "objcontainer.h"
 #include "objcore.h"
 #include "sizes.h"
@@ -73,17 +74,8 @@ MemPool *pool() {
     return gPool;
 }
 
-inline uint32_t readLe32(const Byte *p) {
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
-           static_cast<uint32_t>(p[3]) << 24;
-}
-inline void writeLe32(Byte *p, uint32_t v) {
-    p[0] = static_cast<Byte>(v);
-    p[1] = static_cast<Byte>(v >> 8);
-    p[2] = static_cast<Byte>(v >> 16);
-    p[3] = static_cast<Byte>(v >> 24);
-}
-
+using fh::readLe32;
+using fh::writeLe32;
 using fh::entriesOf;
 using fh::field;
 using fh::refCount;
@@ -155,8 +147,8 @@ class Writer {
     bool pointer(void *p) {
         const auto v = reinterpret_cast<uintptr_t>(p);
         if (!s_.InProcess) return u32(static_cast<uint32_t>(v));
-        Byte b[sizeof v];
-        for (size_t i = 0; i < sizeof v; ++i) b[i] = static_cast<Byte>(v >> (8 * i));
+        Byte b[fh::kPointerBytes];
+        fh::writePointerBytes(b, v);
         return bytes(b, sizeof b);
     }
 
@@ -253,7 +245,7 @@ bool writeComponent(Writer &w, void *object, const ComponentEntry &e) {
     }
     case eObjInt64: {
         const auto value = static_cast<uint64_t>(field<int64_t>(object, e));
-        return w.u32(static_cast<uint32_t>(value)) && w.u32(static_cast<uint32_t>(value >> 32));
+        return w.u32(fh::lowHalf(value)) && w.u32(fh::highHalf(value));
     }
     case eObjUnique: return w.bytes(&field<char>(object, e), 32);
     case eObjBackLink:
@@ -385,11 +377,9 @@ class Reader {
             p = reinterpret_cast<void *>(static_cast<uintptr_t>(v));
             return true;
         }
-        Byte b[sizeof(uintptr_t)];
+        Byte b[fh::kPointerBytes];
         if (!bytes(b, sizeof b)) return false;
-        uintptr_t v = 0;
-        for (size_t i = 0; i < sizeof b; ++i) v |= static_cast<uintptr_t>(b[i]) << (8 * i);
-        p = reinterpret_cast<void *>(v);
+        p = reinterpret_cast<void *>(fh::readPointerBytes(b));
         return true;
     }
     // A count of things of at least unit bytes each that the rest can hold.
@@ -584,7 +574,7 @@ bool readComponent(Reader &r, void *object, const ComponentEntry &e) {
     case eObjInt64: {
         uint32_t low = 0, high = 0;
         if (!r.u32(low) || !r.u32(high)) return false;
-        field<int64_t>(object, e) = static_cast<int64_t>(static_cast<uint64_t>(high) << 32 | low);
+        field<int64_t>(object, e) = static_cast<int64_t>(fh::joinHalves(low, high));
         return true;
     }
     case eObjUnique: return r.bytes(&field<char>(object, e), 32);
