@@ -48,6 +48,7 @@
 #include "objcore.h"
 #include "proctable.h"
 #include "seams.h"
+#include "seenindex.h"
 #include "sizes.h"
 #include "tracer.h"
 
@@ -496,37 +497,22 @@ void *newInstance(ObjectTemplate *t, MemPool *from) {
 }
 
 // Deep copy by components. Objects shared inside the source (count above 1)
-// are copied once and shared the same way in the copy, through seen.
-struct CopyEntry {
-    const void *source;
-    void *copy;
-};
-
-int32_t comparePointers(const void *a, const void *b) {
-    const auto x = reinterpret_cast<uintptr_t>(a), y = reinterpret_cast<uintptr_t>(b);
-    return x < y ? -1 : x > y ? 1 : 0;
-}
-int32_t locateCopy(const void *a, const void *b) {
-    return comparePointers(static_cast<const CopyEntry *>(a)->source, static_cast<const CopyEntry *>(b)->source);
-}
-int32_t findCopy(const void *key, const void *b) {
-    return comparePointers(key, static_cast<const CopyEntry *>(b)->source);
-}
-
-void *copyObject(const void *source, bool keepLocal, MAP *&seen);
+// are copied once and shared the same way in the copy, through seen (source
+// address to copy).
+void *copyObject(const void *source, bool keepLocal, fh::SeenIndex &seen);
 
 // The deep copy as a container's copy operation sees it.
 class Copier : public fh::ObjectCopier {
   public:
-    Copier(bool keepLocal, MAP *&seen) : keepLocal_(keepLocal), seen_(seen) {}
+    Copier(bool keepLocal, fh::SeenIndex &seen) : keepLocal_(keepLocal), seen_(seen) {}
     void *copy(const void *object) override { return copyObject(object, keepLocal_, seen_); }
 
   private:
     bool keepLocal_;
-    MAP *&seen_;
+    fh::SeenIndex &seen_;
 };
 
-void copyComponent(void *copy, const void *source, const ComponentEntry &e, bool keepLocal, MAP *&seen) {
+void copyComponent(void *copy, const void *source, const ComponentEntry &e, bool keepLocal, fh::SeenIndex &seen) {
     void *from = const_cast<void *>(source);
     switch (e.Datatype) {
     case eObjBoolean:
@@ -565,22 +551,18 @@ void copyComponent(void *copy, const void *source, const ComponentEntry &e, bool
     }
 }
 
-void *copyObject(const void *source, bool keepLocal, MAP *&seen) {
+void *copyObject(const void *source, bool keepLocal, fh::SeenIndex &seen) {
     if (source == nullptr) return nullptr;
     const ObjectHeader *h = objectHeader(source);
-    void *entry = nullptr;
-    if (h->RefCount != 1 && seen != nullptr && MapFindEntry(&entry, seen, source)) {
-        void *copy = static_cast<CopyEntry *>(entry)->copy;
+    uintptr_t entry = 0;
+    if (h->RefCount != 1 && seen.find(reinterpret_cast<uintptr_t>(source), entry)) {
+        void *copy = reinterpret_cast<void *>(entry);
         ObjIncRefCount(copy);
         return copy;
     }
     void *copy = newInstance(h->Template, pool());
-    trace(89, 0, 3, "ObjCopy(%p, %p, %p)", copy, source, static_cast<void *>(seen));
-    if (h->RefCount != 1) {
-        if (seen == nullptr) MapCreate(&seen, sizeof(CopyEntry), 16, locateCopy, findCopy, nullptr);
-        const CopyEntry pair = {source, copy};
-        MapInsertEntry(seen, &pair);
-    }
+    trace(89, 0, 3, "ObjCopy(%p, %p, %p)", copy, source, static_cast<void *>(&seen));
+    if (h->RefCount != 1) seen.put(reinterpret_cast<uintptr_t>(source), reinterpret_cast<uintptr_t>(copy));
     if (const fh::ContainerOperations *operations = fh::containerOperations(h->StartMagic)) {
         Copier copier(keepLocal, seen);
         operations->copy(copier, source, copy);
@@ -909,9 +891,8 @@ int32_t ObjGetInstanceCount(uint32_t magic) {
 
 BOOL ObjDuplicateInternal(void **out, const void *object, BOOL keepLocal) {
     if (out == nullptr || !ObjHasValidGlobalMagic(object)) return FALSE;
-    MAP *seen = nullptr;
+    fh::SeenIndex seen;
     *out = copyObject(object, keepLocal != FALSE, seen);
-    ObjReleaseInternal(&seen);
     return TRUE;
 }
 
