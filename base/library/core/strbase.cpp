@@ -272,9 +272,6 @@ template <size_t (*FirstDifference)(const Byte *, const Byte *)> int32_t compare
     const Byte *pa = text(a), *pb = text(b);
     const size_t i = FirstDifference(pa, pb);
     if (pa[i] == pb[i]) return 0;
-    // The common case: neither differing byte nor the one before is a lead
-    // byte, so the differing characters are those two bytes.
-    if ((i == 0 || !kLeadByte[pa[i - 1]]) && !kLeadByte[pa[i]] && !kLeadByte[pb[i]]) return pa[i] < pb[i] ? -1 : 1;
     const size_t start = startsCharacter(pa, pa + i) ? i : i - 1;
     const Byte *ra = pa + start, *rb = pb + start;
     return sign(Pair{readChar(ra), readChar(rb), nullptr});
