@@ -22,6 +22,7 @@
 #include "core/object.h"
 #include "core/objmap.h"
 #include "mapcore.h"
+#include "objcore.h"
 #include "sizes.h"
 #include "tracer.h"
 
@@ -29,7 +30,7 @@ namespace {
 
 constexpr fh::ModuleTracer trace{"MAP        "};
 MemPool *gPool = nullptr;
-ObjectTemplate *gMapTemplate = nullptr;
+constinit fh::ObjectType<MAP> gMapType{MAP_MAGIC, MAP_FORMAT, MapReleaseEntries};
 constexpr int32_t kDefaultGrowth = 64;
 
 enum TraceId : int32_t { kIdTooLarge = 6 };
@@ -49,13 +50,19 @@ void releaseEntry(MAP *map, void *entry) {
 
 namespace fh {
 
-MapSlot mapSearch(const MAP *map, int32_t entrySize, bool indirect, MapCompareFunction compare,
-                  const void *argument) {
+namespace {
+
+// Binary search with an early exit on equality; inlined into the callers
+// of this file, the lookups above all.
+template <bool Indirect>
+inline __attribute__((always_inline)) MapSlot searchArray(const MAP *map, int32_t entrySize, MapCompareFunction compare,
+                                                         const void *argument) {
+    const auto *entries = static_cast<const char *>(map->oData.pData);
     int32_t low = 0, high = map->iCount - 1, middle = 0, c = 0;
     while (low <= high) {
         middle = (low + high) / 2;
-        const void *entry = mapEntryAt(map, entrySize, middle);
-        c = compare(argument, indirect ? *static_cast<void *const *>(entry) : entry);
+        const char *entry = entries + static_cast<size_t>(middle) * static_cast<size_t>(entrySize);
+        c = compare(argument, Indirect ? *reinterpret_cast<void *const *>(entry) : entry);
         if (c == 0) return {true, middle};
         if (c < 0)
             high = middle - 1;
@@ -63,6 +70,14 @@ MapSlot mapSearch(const MAP *map, int32_t entrySize, bool indirect, MapCompareFu
             low = middle + 1;
     }
     return {false, c > 0 ? middle + 1 : middle};
+}
+
+} // namespace
+
+MapSlot mapSearch(const MAP *map, int32_t entrySize, bool indirect, MapCompareFunction compare,
+                  const void *argument) {
+    return indirect ? searchArray<true>(map, entrySize, compare, argument)
+                    : searchArray<false>(map, entrySize, compare, argument);
 }
 
 // The bytes of an array of capacity entries, traced when they do not fit.
@@ -100,6 +115,32 @@ bool mapInsertAt(MAP *map, int32_t entrySize, int32_t index, const void *entry) 
     return true;
 }
 
+bool mapMergeSorted(MAP *map, int32_t entrySize, const void *entries, int32_t count) {
+    if (count == 0) return true;
+    const int64_t capacity = std::max(int64_t{map->iCount} + count, grownCapacity(map, entrySize));
+    const std::optional<size_t> bytes = arrayBytes(capacity, entrySize);
+    if (!bytes) return false;
+    auto *merged = static_cast<char *>(MemAllocateFromPool(*bytes, pool()));
+    const auto *stored = static_cast<const char *>(map->oData.pData), *fresh = static_cast<const char *>(entries);
+    const auto size = static_cast<size_t>(entrySize);
+    int32_t s = 0, f = 0, used = 0;
+    while (s < map->iCount || f < count) {
+        const char *next = fresh + f * size, *old = stored + s * size;
+        // Below 0 the fresh entry comes first, above 0 the stored one; 0: the
+        // fresh entry takes the stored one's place.
+        const int32_t order = s == map->iCount ? -1 : f == count ? 1 : map->pfnLocate(next, old);
+        memcpy(merged + static_cast<size_t>(used++) * size, order <= 0 ? next : old, size);
+        f += order <= 0;
+        s += order >= 0;
+    }
+    MemFreeInternal(&map->oData.pData);
+    map->oData.pData = merged;
+    map->oData.iSize = static_cast<int32_t>(*bytes);
+    map->iCapacity = static_cast<int32_t>(capacity);
+    map->iCount = used;
+    return true;
+}
+
 void mapRemoveAt(MAP *map, int32_t entrySize, int32_t index) {
     char *at = static_cast<char *>(mapEntryAt(map, entrySize, index));
     --map->iCount;
@@ -131,7 +172,7 @@ BOOL MapCreate(MAP **out, int32_t entrySize, int32_t growBy, MapCompareFunction 
                MapReleaseEntryFunction releaseEntry) {
     BOOL ok = out != nullptr && locate != nullptr && entrySize > 0 && growBy >= 0;
     if (ok) {
-        auto *map = static_cast<MAP *>(ObjTemplateNewInstanceFromPool(gMapTemplate, pool()));
+        auto *map = gMapType.newInstance(pool());
         if (map == nullptr) {
             trace(2, 0, 3, "Failed to create MAP object");
             ok = FALSE;
@@ -187,9 +228,12 @@ BOOL MapRemoveEntry(MAP *map, const void *entry) { return removeFound(map, map !
 
 BOOL MapDeleteEntry(MAP *map, const void *key) { return removeFound(map, map != nullptr ? fh::mapFinder(map) : nullptr, key); }
 
+// The lookup tests the start magic inline (a released object has it
+// cleared) rather than through the object core's full check, which would
+// be a third of the cost of a search among a thousand entries.
 BOOL MapFindEntry(void **out, const MAP *map, const void *key) {
-    if (!isMap(map) || key == nullptr) return FALSE;
-    const fh::MapSlot slot = fh::mapSearch(map, map->iEntrySize, false, fh::mapFinder(map), key);
+    if (map == nullptr || key == nullptr || fh::startMagic(map) != MAP_MAGIC) return FALSE;
+    const fh::MapSlot slot = fh::searchArray<false>(map, map->iEntrySize, fh::mapFinder(map), key);
     if (slot.found && out != nullptr) *out = fh::mapEntryAt(map, map->iEntrySize, slot.index);
     return slot.found;
 }
@@ -229,7 +273,7 @@ BOOL MapReleaseEntries(void *object) {
 }
 
 BOOL MapInitialize(void) {
-    return ObjTemplateCreateInternal(&gMapTemplate, sizeof(MAP), MAP_MAGIC, MAP_FORMAT, MapReleaseEntries);
+    return gMapType.declare();
 }
 
 BOOL MapInitializeThread(void) { return TRUE; }

@@ -1,16 +1,18 @@
 // objwalk.cpp - the walker over object graphs.
 //
-// The walker visits each object once, keeping in Visited the objects with
-// more than one reference (only those can be met twice); it walks lists and
-// trees by their own code and every other object by its components.
+// The walker visits each object once, keeping in a private index of visited
+// objects those with more than one reference (only those can be met twice;
+// the index costs O(1) an object where the sorted map of ObjWalkMapNew
+// would move its tail); it walks lists and trees by their own code and every
+// other object by its components.
 #include "core/objwalk.h"
 
 #include "core/context.h"
-#include "core/list.h"
 #include "core/map.h"
 #include "core/object.h"
-#include "core/tree.h"
+#include "objcontainer.h"
 #include "objcore.h"
+#include "seenindex.h"
 #include "tracer.h"
 
 namespace {
@@ -29,7 +31,13 @@ int32_t comparePointers(const void *a, const void *b) {
 struct Walk {
     ObjWalkFunction callback;
     void *cookie;
-    MAP *visited;
+    fh::SeenIndex visited; // address to 1
+    bool seen(const void *object) const {
+        uintptr_t ignored = 0;
+        return visited.find(reinterpret_cast<uintptr_t>(object), ignored);
+    }
+    void enter(const void *object) { visited.put(reinterpret_cast<uintptr_t>(object), 1); }
+    void leave(const void *object) { visited.erase(reinterpret_cast<uintptr_t>(object)); }
 };
 
 int32_t visitSlot(Walk &walk, void **slot);
@@ -51,90 +59,64 @@ int32_t walkComponents(Walk &walk, void *object) {
     return eObjWalkEnter;
 }
 
-int32_t walkList(Walk &walk, LIST *list) {
-    if (visitSlot(walk, &list->oCookie) == eObjWalkAbort) return eObjWalkAbort;
-    for (LISTNODE *node = list->oFirst, *next = nullptr; node != nullptr; node = next) {
-        next = node->oNext;
+// The walker as a container's walk operation sees it. A node goes to the
+// callback, which may not replace it, and then its item is visited.
+class Visitor : public fh::ObjectVisitor {
+  public:
+    explicit Visitor(Walk &walk) : walk_(walk) {}
+    int32_t slot(void **slot) override { return visitSlot(walk_, slot); }
+    NodeResult node(void *node, void **item, int32_t modifyId, const char *modifyText) override {
         void *variable = node;
-        switch (const int32_t result = walk.callback(walk.cookie, &variable)) {
+        switch (const int32_t result = walk_.callback(walk_.cookie, &variable)) {
         case eObjWalkEnter: {
             if (variable != node) {
-                trace(124, 1, -1, "Not allowed to modify ListNodeO objects");
+                trace(modifyId, 1, -1, "%s", modifyText);
                 ProcCrash(1);
-                return eObjWalkAbort;
+                return {NodeStep::kStop, eObjWalkAbort};
             }
-            const int32_t item = visitSlot(walk, &node->oItem);
-            if (item < eObjWalkEnter || item > eObjWalkRelease) return item;
-            if (node->oItem == nullptr) ListRemoveItem(node);
-            break;
+            const int32_t visited = visitSlot(walk_, item);
+            if (visited < eObjWalkEnter || visited > eObjWalkRelease) return {NodeStep::kStop, visited};
+            return {*item == nullptr ? NodeStep::kRemove : NodeStep::kDescend, eObjWalkEnter};
         }
-        case eObjWalkSkip: break;
-        case eObjWalkRelease: ListRemoveItem(node); break;
-        default: return result;
+        case eObjWalkSkip: return {NodeStep::kKeep, eObjWalkEnter};
+        case eObjWalkRelease: return {NodeStep::kRemove, eObjWalkEnter};
+        default: return {NodeStep::kStop, result};
         }
     }
-    return eObjWalkEnter;
-}
 
-int32_t walkChain(Walk &walk, TREENODE *first) {
-    for (TREENODE *node = first, *next = nullptr; node != nullptr; node = next) {
-        next = node->oNextSibling;
-        void *variable = node;
-        switch (const int32_t result = walk.callback(walk.cookie, &variable)) {
-        case eObjWalkEnter: {
-            if (variable != node) {
-                trace(123, 1, -1, "Not allowed to modify TreeNodeO objects");
-                ProcCrash(1);
-                return eObjWalkAbort;
-            }
-            const int32_t item = visitSlot(walk, &node->oItem);
-            if (item < eObjWalkEnter || item > eObjWalkRelease) return item;
-            if (node->oItem == nullptr) {
-                TreePruneBranch(node);
-            } else if (const int32_t children = walkChain(walk, node->oFirstChild); children != eObjWalkEnter) {
-                return children;
-            }
-            break;
-        }
-        case eObjWalkSkip: break;
-        case eObjWalkRelease: TreePruneBranch(node); break;
-        default: return result;
-        }
-    }
-    return eObjWalkEnter;
-}
+  private:
+    Walk &walk_;
+};
 
 int32_t visitSlot(Walk &walk, void **slot) {
     void *object = *slot;
     if (object == nullptr) return eObjWalkEnter;
-    if (MapFindEntry(nullptr, walk.visited, &object)) return eObjWalkEnter;
-    if (refCount(object) >= 2) MapUpdateEntry(walk.visited, &object);
+    if (walk.seen(object)) return eObjWalkEnter;
+    if (refCount(object) >= 2) walk.enter(object);
     switch (const int32_t result = walk.callback(walk.cookie, slot)) {
     case eObjWalkAbort: return eObjWalkAbort;
     case eObjWalkSkip: return eObjWalkEnter;
     case eObjWalkRelease:
-        MapDeleteEntry(walk.visited, &object);
+        walk.leave(object);
         ObjReleaseInternal(slot);
         return eObjWalkEnter;
     case eObjWalkEnter: break;
     default: return result;
     }
     if (*slot != object) {
-        MapDeleteEntry(walk.visited, &object);
+        walk.leave(object);
         object = *slot;
         if (object == nullptr) return eObjWalkEnter;
-        MapUpdateEntry(walk.visited, &object);
+        walk.enter(object);
     }
     uint32_t magic = 0;
     if (!ObjGetMagic(object, &magic)) {
         trace(127, 1, 0, "Failed to read magic from object at %p", object);
         return eObjWalkAbort;
     }
-    if (magic == LIST_MAGIC) return walkList(walk, static_cast<LIST *>(object));
-    if (magic == TREE_MAGIC) {
-        auto *tree = static_cast<TREE *>(object);
-        if (const int32_t cookie = visitSlot(walk, &tree->oCookie); cookie != eObjWalkEnter) return cookie;
-        return walkChain(walk, tree->oFirst);
+    if (const fh::ContainerOperations *operations = fh::containerOperations(magic)) {
+        Visitor visitor(walk);
+        return operations->walk(visitor, object);
     }
     return walkComponents(walk, object);
 }
@@ -143,10 +125,8 @@ int32_t visitSlot(Walk &walk, void **slot) {
 
 BOOL ObjWalk(void **objectVariable, ObjWalkFunction callback, void *cookie, int32_t reserved) {
     if (objectVariable == nullptr || callback == nullptr || reserved != 0) return FALSE;
-    Walk walk{callback, cookie, ObjWalkMapNew()};
-    const int32_t result = visitSlot(walk, objectVariable);
-    ObjWalkMapRelease(&walk.visited);
-    return result != eObjWalkAbort;
+    Walk walk{callback, cookie, {}};
+    return visitSlot(walk, objectVariable) != eObjWalkAbort;
 }
 
 MAP *ObjWalkMapNew(void) {
