@@ -117,12 +117,17 @@ TEST_F(StringTest, SizesCountBytesOfWholeCharacters) {
 }
 
 TEST_F(StringTest, CompareFamilyKeepsItsResultRules) {
+    using Compare = int32_t (*)(const char *, const char *, int32_t);
     enum Op { kCmp, kNoCase, kRange, kRangeNoCase, kExact, kExactNoCase };
+    const Compare compare[] = {[](const char *a, const char *b, int32_t) { return StrCompare(a, b); },
+                               [](const char *a, const char *b, int32_t) { return StrCompareNoCase(a, b); },
+                               StrCompareRange, StrCompareRangeNoCase, StrCompareRangeExact,
+                               StrCompareRangeExactNoCase};
     struct Case {
         Op op;
         const char *a, *b;
         int32_t n, expected;
-    } cases[] = {{kCmp, nullptr, "", 0, 0},
+} cases[] = {{kCmp, nullptr, "", 0, 0},
                  {kCmp, nullptr, "a", 0, -1},
                  {kCmp, "abc", "abd", 0, -1},
                  {kCmp, "abd", "abc", 0, 1},
@@ -162,28 +167,7 @@ TEST_F(StringTest, CompareFamilyKeepsItsResultRules) {
     for (const Case &c : cases) {
         SCOPED_TRACE(testing::Message() << "op " << c.op << " " << (c.a ? c.a : "(null)") << " / " << c.b << " "
                                         << c.n);
-        int32_t result = 0;
-        switch (c.op) {
-        case kCmp:
-            result = StrCompare(c.a, c.b);
-            break;
-        case kNoCase:
-            result = StrCompareNoCase(c.a, c.b);
-            break;
-        case kRange:
-            result = StrCompareRange(c.a, c.b, c.n);
-            break;
-        case kRangeNoCase:
-            result = StrCompareRangeNoCase(c.a, c.b, c.n);
-            break;
-        case kExact:
-            result = StrCompareRangeExact(c.a, c.b, c.n);
-            break;
-        case kExactNoCase:
-            result = StrCompareRangeExactNoCase(c.a, c.b, c.n);
-            break;
-        }
-        EXPECT_EQ(result, c.expected);
+        EXPECT_EQ(compare[c.op](c.a, c.b, c.n), c.expected);
     }
 }
 
@@ -484,22 +468,12 @@ TEST_F(StringTest, IntegerConversionsHoldTheirContract) {
         const char *text;
         bool ok;
         int64_t value;
-    } cases32[] = {{"12", true, 12},
-                   {" -12", true, -12},
-                   {"+7", true, 7},
-                   {"\t\n 5", true, 5},
-                   {"12 ", false, 0},
-                   {"12x", false, 0},
-                   {"0x10", false, 0},
-                   {"", false, 0},
-                   {"  ", false, 0},
-                   {"- 1", false, 0},
-                   {"abc", false, 0},
-                   {"2147483647", true, INT32_MAX},
-                   {"-2147483648", true, INT32_MIN},
-                   {"2147483648", false, 0},
-                   {"-2147483649", false, 0},
-                   {"99999999999999999999", false, 0}};
+    } cases32[] = {
+        {"12", true, 12},    {" -12", true, -12}, {"+7", true, 7},   {"\t\n 5", true, 5}, {"12 ", false, 0},
+        {"12x", false, 0},   {"0x10", false, 0},  {"", false, 0},    {"  ", false, 0},    {"- 1", false, 0},
+        {"abc", false, 0},   {"2147483647", true, INT32_MAX},        {"-2147483648", true, INT32_MIN},
+        {"2147483648", false, 0}, {"-2147483649", false, 0},         {"99999999999999999999", false, 0},
+    };
     for (const Case &c : cases32) {
         int32_t value = 4242;
         EXPECT_EQ(StrToInteger(c.text, &value), c.ok) << "'" << c.text << "'";
