@@ -86,12 +86,8 @@ TEST_F(SysTest, MachineNameIsTheNodeNameCutTo63UnlessConfigured) {
         bool setDuringLookup;
         const char *expected; // null: no name
     } cases[] = {
-        {seventy, "", false, nullptr},
-        {sixtyFour, "", false, nullptr},
-        {"short", "", false, "short"},
-        {seventy, "cfgname", false, "cfgname"},
-        {"", "cfgname", false, "cfgname"},
-        {"", "", false, nullptr},
+        {seventy, "", false, nullptr}, {sixtyFour, "", false, nullptr}, {"short", "", false, "short"},
+        {seventy, "cfgname", false, "cfgname"}, {"", "cfgname", false, "cfgname"}, {"", "", false, nullptr},
         {seventy, "cfgname", true, "set-meanwhile"},
     };
     const std::string file = home() + "/config/configure.cfg";
