@@ -476,8 +476,7 @@ TEST_F(NetTest, SelectWaitsAsLongAsAsked) {
     for (TIME_TIMEOUT *t : {never, later, past}) ObjReleaseInternal(&t);
 
     const std::tuple<int32_t, timeval, const char *> spans[] = {
-        {-1, {-1, -1}, "Wait for data (no timeout)"},
-        {0, {0, 0}, "poll for data"},
+        {-1, {-1, -1}, "Wait for data (no timeout)"}, {0, {0, 0}, "poll for data"},
         {2500, {2, 500000}, "Wait 2500 milliseconds for data"},
         {172800000, {172800, 0}, "Wait 172800000 milliseconds for data"}, // no cut
     };
