@@ -161,10 +161,6 @@ const MSG_MESSAGE *fh::msgMessageOf(const void *object) {
                : nullptr;
 }
 
-// The channel map comes with the channels: until then this process knows
-// no channel.
-fh::ChannelView fh::msgChannelView(int32_t) { return {false, false, false, nullptr}; }
-
 bool fh::msgPacketsInitialize() {
     return declareReceivable(&gtObjTemplateMessage, sizeof(MSG_MESSAGE), MSG_MESSAGE_MAGIC, MSG_MESSAGE_FORMAT,
                              messageHoldsAddresses) &&
