@@ -37,8 +37,11 @@ constexpr MemPoolOperations kPoolOperations = {nullptr, poolAllocate, poolFree, 
 
 } // namespace
 
-// Blocks in use, less those that templates keep until the process ends.
-int32_t LibraryTest::blocksInUse() { return MemUsedCount() - fh::objectTemplateBlocks(); }
+// Blocks in use, less those that templates keep until the process ends and
+// those of the thread's cache of settings files.
+int32_t LibraryTest::blocksInUse() {
+    return MemUsedCount() - fh::objectTemplateBlocks() - fh::cfgCacheBlocks();
+}
 
 TestPool &testPool(int failFrom) {
     gPool = {{MEM_POOL_MAGIC, &kPoolOperations}, failFrom, 0, 0, 0, TRUE, false};

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "core/fhcore.h"
+#include "cfgcache.h"
 #include "codec.h"
 #include "objcore.h"
 #include "proctable.h"

@@ -1,10 +1,12 @@
 // Value lists as text and back, sorted insertion, clock text and skipping.
-#include "fixture.h"
+#include "helpers.h"
 
 #include <string>
 #include <vector>
 
 namespace {
+
+using namespace testhelp;
 
 using StrWrapTest = LibraryTest;
 
@@ -15,12 +17,6 @@ std::vector<std::string> texts(const LIST *list) {
         out.push_back(text != nullptr ? text : "(none)");
     }
     return out;
-}
-
-std::string taken(char *text) {
-    std::string copy = text != nullptr ? text : "(null)";
-    MemFreeInternal(&text);
-    return copy;
 }
 
 TEST_F(StrWrapTest, ListsJoinIntoOneLine) {

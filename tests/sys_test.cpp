@@ -2,7 +2,7 @@
 // the configuration, environment variables, file size limits in child
 // processes, free disk space on real and made-up file systems, sleeping
 // through a signal, and file status objects.
-#include "fixture.h"
+#include "helpers.h"
 
 #include <sched.h>
 #include <signal.h>
@@ -22,16 +22,7 @@
 namespace {
 
 using SysTest = LibraryTest;
-
-// Runs body in a child; its exit code (0 for success, 77 for "can't be
-// tested here"), or -1 if it didn't exit.
-template <typename Body> int inChild(Body body) {
-    const pid_t pid = fork();
-    if (pid == 0) _exit(body());
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+using testhelp::inChild; // exit code 77: "can't be tested here"
 
 std::string text(BOOL (*convert)(char **, int64_t), int64_t value) {
     char *out = nullptr;

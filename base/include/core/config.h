@@ -9,7 +9,22 @@
  * CFG_UTIL_REMOTE_CONFIG_DETAILS naming a client and a server) and the
  * file has a map file, "config/map/<file>.map" under the home directory.
  * A process without a task context is always local, as is CfgRemoveKey.
- * There is no cache: every call reads the file again.
+ *
+ * The getters of settings read through a cache of parsed files, kept per
+ * thread: each holds the settings of the last four files it read (files
+ * of up to 1 MiB; a larger file is scanned on every call). A cached file
+ * holds its names and raw values once, and an index row of 24 bytes for
+ * each key of the first stanza of each name: about twice the file's size
+ * for lines of 20 to 30 bytes, never more than 9 times its size, so at
+ * most about 36 MiB a thread and commonly a few KiB. A file is served from
+ * the cache only while it is the same file: every get opens it with its
+ * shared lock, as a read without the cache does, and compares its device,
+ * inode, size and modification time (nanoseconds) with those it was
+ * parsed at. A set here or in another process (a rewrite renames a new
+ * file in) and an append in place are seen by the next get, and so is an
+ * edit by hand that changes the time; a file changed within two ticks of
+ * the file clock before it was parsed is parsed again on its next get. The
+ * cache goes when the thread's context is released.
  *
  * Getters: a missing setting stores the default and gives FALSE; callers
  * that only want the value ignore the result.

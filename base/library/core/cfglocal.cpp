@@ -19,6 +19,7 @@
 #include "core/stanza.h"
 #include "core/stanzafile.h"
 #include "core/strbase.h"
+#include "cfgcache.h"
 #include "tracer.h"
 
 namespace {
@@ -212,7 +213,16 @@ BOOL CfgLocalRemoveStanza(const char *category, const char *file, const char *ti
 BOOL CfgLocalGetKey(StanzaKey **out, const char *file, const char *section, const char *item,
                     const char *alternatePath) {
     Path path(file, alternatePath);
-    if (!path) return FALSE;
+    if (!path || out == nullptr) return FALSE;
+    const fh::CfgSnapshot *snapshot = nullptr;
+    switch (fh::cfgCacheSnapshot(&snapshot, path.get())) {
+    case fh::CfgCached::kNoFile: return FALSE;
+    case fh::CfgCached::kReady:
+        if (fh::cfgSnapshotKey(out, snapshot, section, item, kValue)) return TRUE;
+        trace(kIdTryPlain, 0, 3, "Trying to load key '%s' from stanza '%s'", shown(item), shown(section));
+        return fh::cfgSnapshotKey(out, snapshot, nullptr, section, item);
+    case fh::CfgCached::kTooLarge: break;
+    }
     if (StnzLoadKeyFromFile(out, path.get(), section, item, kValue)) return TRUE;
     trace(kIdTryPlain, 0, 3, "Trying to load key '%s' from stanza '%s'", shown(item), shown(section));
     return StnzLoadKeyFromFile(out, path.get(), nullptr, section, item);

@@ -46,6 +46,7 @@
 #include "core/timeout.h"
 #include "core/trace.h"
 #include "core/tree.h"
+#include "cfgcache.h"
 #include "proctable.h"
 #include "seams.h"
 #include "tracer.h"
@@ -80,6 +81,8 @@ constexpr Module kModules[] = {
     {"StrBase", 450, StrBaseInitialize, StrBaseInitializeThread, StrBaseReleaseThread},
     {"StnzFile", 455, StnzFileInitialize, [](LmContext *) { return StnzFileInitializeThread(); },
      StnzFileReleaseThread},
+    {"CfgCache", 457, [] { return BOOL{TRUE}; }, [](LmContext *) { return BOOL{TRUE}; },
+     [](LmContext *) { fh::cfgCacheRelease(); }},
     {"Net", 460, NetInitialize, [](LmContext *) { return NetInitializeThread(); }, NetReleaseThread},
     {"Time", 475, TimeInitialize, [](LmContext *) { return TimeInitializeThread(); }, TimeReleaseThread},
     {"Locale", 480, LocaleInitialize, [](LmContext *) { return LocaleInitializeThread(); }, LocaleReleaseThread},

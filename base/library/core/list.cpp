@@ -28,7 +28,6 @@
 #include "core/context.h"
 #include "core/memory.h"
 #include "core/object.h"
-#include "core/trace.h"
 #include "objcore.h"
 #include "tracer.h"
 
@@ -36,14 +35,10 @@ namespace {
 
 constexpr fh::ModuleTracer trace{"LIST        "};
 MemPool *gPool = nullptr;
-ObjectTemplate *gListTemplate = nullptr;
-ObjectTemplate *gNodeTemplate = nullptr;
-
-static_assert(fh::formatPayloadSize(LIST_FORMAT) == sizeof(LIST), "LIST is laid out as its format");
-static_assert(fh::formatPayloadSize(LISTNODE_FORMAT) == sizeof(LISTNODE), "LISTNODE is laid out as its format");
+constinit fh::ObjectType<LIST> gListType{LIST_MAGIC, LIST_FORMAT};
+constinit fh::ObjectType<LISTNODE> gNodeType{LISTNODE_MAGIC, LISTNODE_FORMAT};
 
 MemPool *pool() { return gPool != nullptr ? gPool : (gPool = MemGetDefaultPoolId()); }
-
 
 inline bool isList(const LIST *list) { return list != nullptr && fh::startMagic(list) == LIST_MAGIC; }
 
@@ -74,7 +69,7 @@ enum class Hold { NewReference, TakeOver };
 // takes over the caller's. False, with nothing changed, when the node can't
 // be made.
 bool link(LIST *list, Side side, LISTNODE *beside, void *item, Hold hold) {
-    auto *node = static_cast<LISTNODE *>(ObjTemplateNewInstanceFromPool(gNodeTemplate, fh::objectPool(list)));
+    auto *node = gNodeType.newInstance(fh::objectPool(list));
     if (node == nullptr) {
         trace(side == Side::Front ? 4 : 7, 1, 2, "failed to create list node");
         return false;
@@ -281,7 +276,7 @@ template <typename To, typename From> To functionCast(From function) {
 } // namespace
 
 LIST *ListNewFromPool(uint32_t itemMagic, MemPool *from) {
-    auto *list = static_cast<LIST *>(ObjTemplateNewInstanceFromPool(gListTemplate, from));
+    auto *list = gListType.newInstance(from);
     if (list != nullptr) list->iItemMagic = static_cast<int32_t>(itemMagic);
     return list;
 }
@@ -607,8 +602,8 @@ BOOL ListGetExtensionItem(void *out, const LIST *list, uint32_t magic) {
 BOOL ListRemoveExtensionItem(LIST *list, uint32_t magic) { return isList(list) && removeObject(list, magic); }
 
 BOOL ListInitialize(void) {
-    return ObjTemplateCreateInternal(&gListTemplate, sizeof(LIST), LIST_MAGIC, LIST_FORMAT, nullptr) &&
-           ObjTemplateCreateInternal(&gNodeTemplate, sizeof(LISTNODE), LISTNODE_MAGIC, LISTNODE_FORMAT, nullptr);
+    return gListType.declare() &&
+           gNodeType.declare();
 }
 
 BOOL ListInitializeThread(void) { return TRUE; }

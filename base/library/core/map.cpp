@@ -22,6 +22,7 @@
 #include "core/object.h"
 #include "core/objmap.h"
 #include "mapcore.h"
+#include "objcore.h"
 #include "sizes.h"
 #include "tracer.h"
 
@@ -29,7 +30,7 @@ namespace {
 
 constexpr fh::ModuleTracer trace{"MAP        "};
 MemPool *gPool = nullptr;
-ObjectTemplate *gMapTemplate = nullptr;
+constinit fh::ObjectType<MAP> gMapType{MAP_MAGIC, MAP_FORMAT, MapReleaseEntries};
 constexpr int32_t kDefaultGrowth = 64;
 
 enum TraceId : int32_t { kIdTooLarge = 6 };
@@ -100,6 +101,32 @@ bool mapInsertAt(MAP *map, int32_t entrySize, int32_t index, const void *entry) 
     return true;
 }
 
+bool mapMergeSorted(MAP *map, int32_t entrySize, const void *entries, int32_t count) {
+    if (count == 0) return true;
+    const int64_t capacity = std::max(int64_t{map->iCount} + count, grownCapacity(map, entrySize));
+    const std::optional<size_t> bytes = arrayBytes(capacity, entrySize);
+    if (!bytes) return false;
+    auto *merged = static_cast<char *>(MemAllocateFromPool(*bytes, pool()));
+    const auto *stored = static_cast<const char *>(map->oData.pData), *fresh = static_cast<const char *>(entries);
+    const auto size = static_cast<size_t>(entrySize);
+    int32_t s = 0, f = 0, used = 0;
+    while (s < map->iCount || f < count) {
+        const char *next = fresh + f * size, *old = stored + s * size;
+        // Below 0 the fresh entry comes first, above 0 the stored one; 0: the
+        // fresh entry takes the stored one's place.
+        const int32_t order = s == map->iCount ? -1 : f == count ? 1 : map->pfnLocate(next, old);
+        memcpy(merged + static_cast<size_t>(used++) * size, order <= 0 ? next : old, size);
+        f += order <= 0;
+        s += order >= 0;
+    }
+    MemFreeInternal(&map->oData.pData);
+    map->oData.pData = merged;
+    map->oData.iSize = static_cast<int32_t>(*bytes);
+    map->iCapacity = static_cast<int32_t>(capacity);
+    map->iCount = used;
+    return true;
+}
+
 void mapRemoveAt(MAP *map, int32_t entrySize, int32_t index) {
     char *at = static_cast<char *>(mapEntryAt(map, entrySize, index));
     --map->iCount;
@@ -131,7 +158,7 @@ BOOL MapCreate(MAP **out, int32_t entrySize, int32_t growBy, MapCompareFunction 
                MapReleaseEntryFunction releaseEntry) {
     BOOL ok = out != nullptr && locate != nullptr && entrySize > 0 && growBy >= 0;
     if (ok) {
-        auto *map = static_cast<MAP *>(ObjTemplateNewInstanceFromPool(gMapTemplate, pool()));
+        auto *map = gMapType.newInstance(pool());
         if (map == nullptr) {
             trace(2, 0, 3, "Failed to create MAP object");
             ok = FALSE;
@@ -229,7 +256,7 @@ BOOL MapReleaseEntries(void *object) {
 }
 
 BOOL MapInitialize(void) {
-    return ObjTemplateCreateInternal(&gMapTemplate, sizeof(MAP), MAP_MAGIC, MAP_FORMAT, MapReleaseEntries);
+    return gMapType.declare();
 }
 
 BOOL MapInitializeThread(void) { return TRUE; }

@@ -29,6 +29,11 @@ MapSlot mapSearch(const MAP *map, int32_t entrySize, bool indirect, MapCompareFu
 // nothing changed, when the grown array would not fit (traced).
 bool mapInsertAt(MAP *map, int32_t entrySize, int32_t index, const void *entry);
 
+// Merges count entries, sorted by Locate and no two equal, into the map in
+// one pass: an equal stored entry is overwritten (without ReleaseEntry).
+// false, with nothing changed, when the merged array would not fit.
+bool mapMergeSorted(MAP *map, int32_t entrySize, const void *entries, int32_t count);
+
 // Closes the gap at index; the caller has released the entry.
 void mapRemoveAt(MAP *map, int32_t entrySize, int32_t index);
 

@@ -41,8 +41,6 @@ enum TraceId : int32_t {
 MemPool *gPool = nullptr;
 MemPool *pool() { return gPool != nullptr ? gPool : (gPool = MemGetDefaultPoolId()); }
 
-static_assert(fh::formatPayloadSize(MSG_MESSAGE_FORMAT) == sizeof(MSG_MESSAGE), "MSG_MESSAGE as its format");
-static_assert(fh::formatPayloadSize(MSG_PACKET_FORMAT) == sizeof(MSG_PACKET), "MSG_PACKET as its format");
 
 // Offsets of the header fields.
 enum Offset : size_t {
@@ -133,8 +131,13 @@ BOOL packetIsSound(const void *object) {
     return soundImage(object, &size) != nullptr;
 }
 
+constinit fh::ObjectType<MSG_MESSAGE> gMessageType{MSG_MESSAGE_MAGIC, MSG_MESSAGE_FORMAT, fh::kReceivable,
+                                                  messageHoldsAddresses, &gtObjTemplateMessage};
+constinit fh::ObjectType<MSG_PACKET> gPacketType{MSG_PACKET_MAGIC, MSG_PACKET_FORMAT, fh::kReceivable, packetIsSound,
+                                                &gtObjTemplatePacket};
+
 MSG_MESSAGE *newMessage(void *destination, void *source, int32_t type, void *body) {
-    auto *m = static_cast<MSG_MESSAGE *>(ObjTemplateNewInstanceFromPool(gtObjTemplateMessage, pool()));
+    auto *m = gMessageType.newInstance(pool());
     m->oDestination = static_cast<MSG_ADDRESS *>(destination);
     m->oSource = static_cast<MSG_ADDRESS *>(source);
     m->iType = type;
@@ -162,10 +165,7 @@ const MSG_MESSAGE *fh::msgMessageOf(const void *object) {
 }
 
 bool fh::msgPacketsInitialize() {
-    return declareReceivable(&gtObjTemplateMessage, sizeof(MSG_MESSAGE), MSG_MESSAGE_MAGIC, MSG_MESSAGE_FORMAT,
-                             messageHoldsAddresses) &&
-           declareReceivable(&gtObjTemplatePacket, sizeof(MSG_PACKET), MSG_PACKET_MAGIC, MSG_PACKET_FORMAT,
-                             packetIsSound);
+    return gMessageType.declare() && gPacketType.declare();
 }
 
 BOOL MsgCreateTemplates(void) { return fh::msgAddressesInitialize() && fh::msgPacketsInitialize(); }
@@ -175,10 +175,8 @@ BOOL MsgCreateTemplates(void) { return fh::msgAddressesInitialize() && fh::msgPa
 BOOL MsgCreate(MSG_MESSAGE **message, const void *destination, int32_t type, void *object) {
     if (message == nullptr || msgAddressOf(destination) == nullptr ||
         (object != nullptr && !ObjHasValidGlobalMagic(object)) || MsgLocalAddress() == nullptr) {
-        trace(kIdBadMessage, 0, -1, "MsgCreate(%p, %p, %ld, %p) - bad arguments", static_cast<void *>(message),
+        return trace.fault(FALSE, kIdBadMessage, 0, "MsgCreate(%p, %p, %ld, %p) - bad arguments", static_cast<void *>(message),
               destination, static_cast<long>(type), object);
-        ProcCrash(0);
-        return FALSE;
     }
     for (const void *held : {destination, static_cast<const void *>(MsgLocalAddress()), static_cast<const void *>(object)})
         if (held != nullptr) ObjIncRefCount(const_cast<void *>(held));
@@ -248,7 +246,7 @@ BOOL MsgCreatePacket(MSG_PACKET **packet, const void *destination, const void *s
     putPair(image, kSource, from);
     putPair(image, kDestination, to);
     putLe32(image + kType, type);
-    auto *made = static_cast<MSG_PACKET *>(ObjTemplateNewInstanceFromPool(gtObjTemplatePacket, pool()));
+    auto *made = gPacketType.newInstance(pool());
     made->oImage = {buffer->Used, buffer->Buffer}; // the packet takes the buffer over
     buffer->Buffer = nullptr;
     buffer->Owned = FALSE;

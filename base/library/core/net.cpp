@@ -43,7 +43,6 @@
 #include "core/context.h"
 #include "core/list.h"
 #include "core/memory.h"
-#include "core/object.h"
 #include "core/timeout.h"
 #include "netcalls.h"
 #include "objcore.h"
@@ -116,13 +115,11 @@ enum TraceId : int32_t {
 };
 
 MemPool *gPool = nullptr;
-ObjectTemplate *gAddressTemplate = nullptr;
+constinit fh::ObjectType<NetAddressT> gAddressType{NET_ADDRESS_MAGIC, NET_ADDRESS_FORMAT, fh::kReceivable};
 
 MemPool *pool() { return gPool != nullptr ? gPool : (gPool = MemGetDefaultPoolId()); }
 
 static_assert(sizeof(NetAddressT) == NET_ADDRESS_SIZE, "an address is 32 bytes");
-static_assert(fh::formatPayloadSize(NET_ADDRESS_FORMAT) == sizeof(NetAddressT),
-              "NET_ADDRESS is laid out as its format");
 static_assert(sizeof(sockaddr_in) == NET_ADDRESS_LENGTH, "the platform's IPv4 address fills the first 16 bytes");
 
 int acceptCall(int fd, sockaddr *address, socklen_t *length, int flags) { return accept4(fd, address, length, flags); }
@@ -874,8 +871,7 @@ BOOL NetCheckSelect(const NetSelectMask *mask) {
 // ---- The module's part of the context ladder ----
 
 BOOL NetInitialize(void) {
-    return fh::declareReceivable(&gAddressTemplate, sizeof(NetAddressT), NET_ADDRESS_MAGIC, NET_ADDRESS_FORMAT) &&
-           fh::netHostInitialize();
+    return gAddressType.declare() && fh::netHostInitialize();
 }
 
 BOOL NetInitializeThread(void) { return TRUE; }

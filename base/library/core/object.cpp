@@ -49,6 +49,7 @@
 #include "objcore.h"
 #include "proctable.h"
 #include "seams.h"
+#include "seenindex.h"
 #include "sizes.h"
 #include "tracer.h"
 
@@ -381,10 +382,15 @@ namespace fh {
 
 int32_t objectTemplateBlocks() { return gTemplateBlocks; }
 
-bool declareReceivable(ObjectTemplate **templateVariable, int32_t size, uint32_t magic, const char *format,
-                       ObjReceivedCheck check) {
-    return ObjTemplateCreateInternal(templateVariable, size, magic, format, nullptr) &&
-           ObjTemplateSetReceivable(*templateVariable, check);
+bool DeclaredType::declare() {
+    if (template_ == nullptr) {
+        ObjectTemplate *made = nullptr;
+        if (!ObjTemplateCreateInternal(&made, size_, magic_, format_, release_)) return false;
+        if (receivable_ && !ObjTemplateSetReceivable(made, check_)) return false;
+        template_ = made;
+    }
+    if (exported_ != nullptr) *exported_ = template_;
+    return true;
 }
 
 Reception objectReception(const ObjectTemplate *t, ObjReceivedCheck *check) {
@@ -476,27 +482,12 @@ void *newInstance(ObjectTemplate *t, MemPool *from) {
 }
 
 // Deep copy by components. Objects shared inside the source (count above 1)
-// are copied once and shared the same way in the copy, through seen.
-struct CopyEntry {
-    const void *source;
-    void *copy;
-};
+// are copied once and shared the same way in the copy, through seen (source
+// address to copy).
+void *copyObject(const void *source, bool keepLocal, fh::SeenIndex &seen);
+void copyTreeNode(const TREENODE *from, TREENODE *to, bool keepLocal, fh::SeenIndex &seen);
 
-int32_t comparePointers(const void *a, const void *b) {
-    const auto x = reinterpret_cast<uintptr_t>(a), y = reinterpret_cast<uintptr_t>(b);
-    return x < y ? -1 : x > y ? 1 : 0;
-}
-int32_t locateCopy(const void *a, const void *b) {
-    return comparePointers(static_cast<const CopyEntry *>(a)->source, static_cast<const CopyEntry *>(b)->source);
-}
-int32_t findCopy(const void *key, const void *b) {
-    return comparePointers(key, static_cast<const CopyEntry *>(b)->source);
-}
-
-void *copyObject(const void *source, bool keepLocal, MAP *&seen);
-void copyTreeNode(const TREENODE *from, TREENODE *to, bool keepLocal, MAP *&seen);
-
-void copyComponent(void *copy, const void *source, const ComponentEntry &e, bool keepLocal, MAP *&seen) {
+void copyComponent(void *copy, const void *source, const ComponentEntry &e, bool keepLocal, fh::SeenIndex &seen) {
     void *from = const_cast<void *>(source);
     switch (e.Datatype) {
     case eObjBoolean:
@@ -535,22 +526,18 @@ void copyComponent(void *copy, const void *source, const ComponentEntry &e, bool
     }
 }
 
-void *copyObject(const void *source, bool keepLocal, MAP *&seen) {
+void *copyObject(const void *source, bool keepLocal, fh::SeenIndex &seen) {
     if (source == nullptr) return nullptr;
     const ObjectHeader *h = headerOf(source);
-    void *entry = nullptr;
-    if (h->RefCount != 1 && seen != nullptr && MapFindEntry(&entry, seen, source)) {
-        void *copy = static_cast<CopyEntry *>(entry)->copy;
+    uintptr_t entry = 0;
+    if (h->RefCount != 1 && seen.find(reinterpret_cast<uintptr_t>(source), entry)) {
+        void *copy = reinterpret_cast<void *>(entry);
         ObjIncRefCount(copy);
         return copy;
     }
     void *copy = newInstance(h->Template, pool());
-    trace(89, 0, 3, "ObjCopy(%p, %p, %p)", copy, source, static_cast<void *>(seen));
-    if (h->RefCount != 1) {
-        if (seen == nullptr) MapCreate(&seen, sizeof(CopyEntry), 16, locateCopy, findCopy, nullptr);
-        const CopyEntry pair = {source, copy};
-        MapInsertEntry(seen, &pair);
-    }
+    trace(89, 0, 3, "ObjCopy(%p, %p, %p)", copy, source, static_cast<void *>(&seen));
+    if (h->RefCount != 1) seen.put(reinterpret_cast<uintptr_t>(source), reinterpret_cast<uintptr_t>(copy));
     if (h->StartMagic == LIST_MAGIC) { // the items, in order; no item magic, no cookie
         for (const LISTNODE *node = static_cast<const LIST *>(source)->oFirst; node != nullptr; node = node->oNext) {
             void *item = copyObject(node->oItem, keepLocal, seen);
@@ -572,7 +559,7 @@ void *copyObject(const void *source, bool keepLocal, MAP *&seen) {
     return copy;
 }
 
-void copyTreeNode(const TREENODE *from, TREENODE *to, bool keepLocal, MAP *&seen) {
+void copyTreeNode(const TREENODE *from, TREENODE *to, bool keepLocal, fh::SeenIndex &seen) {
     to->bOpen = from->bOpen;
     for (const TREENODE *child = from->oFirstChild; child != nullptr; child = child->oNextSibling) {
         void *item = copyObject(child->oItem, keepLocal, seen);
@@ -898,9 +885,8 @@ int32_t ObjGetInstanceCount(uint32_t magic) {
 
 BOOL ObjDuplicateInternal(void **out, const void *object, BOOL keepLocal) {
     if (out == nullptr || !ObjHasValidGlobalMagic(object)) return FALSE;
-    MAP *seen = nullptr;
+    fh::SeenIndex seen;
     *out = copyObject(object, keepLocal != FALSE, seen);
-    ObjReleaseInternal(&seen);
     return TRUE;
 }
 

@@ -33,7 +33,6 @@
 #include <cstring>
 #include <span>
 
-#include "core/context.h"
 #include "core/file.h"
 #include "core/filesys.h"
 #include "core/list.h"
@@ -44,7 +43,9 @@
 #include "core/objwalk.h"
 #include "core/stanza.h"
 #include "core/tree.h"
+#include "mapcore.h"
 #include "objcore.h"
+#include "seenindex.h"
 #include "sizes.h"
 #include "tracer.h"
 
@@ -120,13 +121,67 @@ struct OwnStream {
     }
 };
 
+// The objects one operation has met: a private index (seenindex.h) in front
+// of the stream's Seen map, which holds what earlier calls on a caller's
+// stream met. The operation enters its objects into the index only; an
+// operation on a caller's stream hands them to the map when it ends
+// (publish), in one merge, so that the map stays what callers see.
+class Seen {
+  public:
+    Seen(ObjStream &s, bool byAddress) : s_(s), byAddress_(byAddress) {}
+
+    // The id of an address (writer), or the object of an id (reader).
+    bool find(uintptr_t key, uintptr_t &value) const {
+        if (index_.find(key, value)) return true;
+        if (s_.Seen == nullptr || s_.Seen->iCount == 0) return false;
+        void *found = nullptr;
+        const auto id = static_cast<int32_t>(key);
+        if (!MapFindEntry(&found, s_.Seen, byAddress_ ? reinterpret_cast<const void *>(key) : &id)) return false;
+        const auto *entry = static_cast<const ObjMapAddressEntry *>(found);
+        value = byAddress_ ? static_cast<uintptr_t>(entry->iId) : reinterpret_cast<uintptr_t>(entry->pObject);
+        return true;
+    }
+    bool put(uintptr_t key, uintptr_t value) { return index_.put(key, value); }
+    size_t size() const { return index_.size(); }
+    void erase(uintptr_t key) {
+        index_.erase(key);
+        const auto id = static_cast<int32_t>(key);
+        if (!byAddress_ && s_.Seen != nullptr) MapDeleteEntry(s_.Seen, &id);
+    }
+
+    // Enters what the operation met into the stream's map.
+    bool publish() {
+        if (index_.size() == 0) return true;
+        if (!ensureSeen(s_, byAddress_)) return false;
+        auto *entries = static_cast<ObjMapAddressEntry *>(MemAllocateFromPool(index_.size() * sizeof(ObjMapAddressEntry), pool()));
+        if (entries == nullptr) return false;
+        size_t n = 0;
+        index_.forEach([&](uintptr_t key, uintptr_t value) {
+            entries[n++] = byAddress_ ? ObjMapAddressEntry{static_cast<int32_t>(value), reinterpret_cast<void *>(key)}
+                                      : ObjMapAddressEntry{static_cast<int32_t>(key), reinterpret_cast<void *>(value)};
+        });
+        const MapCompareFunction locate = s_.Seen->pfnLocate;
+        std::sort(entries, entries + n, [locate](const ObjMapAddressEntry &a, const ObjMapAddressEntry &b) {
+            return locate(&a, &b) < 0;
+        });
+        const bool merged = fh::mapMergeSorted(s_.Seen, sizeof(ObjMapAddressEntry), entries, static_cast<int32_t>(n));
+        MemFreeInternal(&entries);
+        return merged;
+    }
+
+  private:
+    ObjStream &s_;
+    bool byAddress_;
+    fh::SeenIndex index_;
+};
+
 // ------------------------------------------------------------------ writer
 
 class Writer {
   public:
     enum class Sink { measure, memory, buffer, stream };
 
-    Writer(ObjStream &s, Sink sink) : s_(s), sink_(sink) {
+    Writer(ObjStream &s, Sink sink) : s_(s), seen_(s, true), sink_(sink) {
         if (sink == Sink::stream) open(stage_.data(), stage_.size());
     }
     void open(Byte *window, size_t room) {
@@ -175,6 +230,7 @@ class Writer {
     void detach() { buffer_->Used = static_cast<int32_t>(written()); }
 
     ObjStream &stream() { return s_; }
+    Seen &seen() { return seen_; }
 
   private:
     bool flush() {
@@ -219,6 +275,7 @@ class Writer {
     }
 
     ObjStream &s_;
+    Seen seen_;
     Sink sink_;
     Byte *base_ = nullptr, *at_ = nullptr;
     size_t room_ = 0;
@@ -304,13 +361,12 @@ bool writeObject(Writer &w, const void *object) {
     if (refCount(object) == 1) {
         if (!w.byte(1)) return false;
     } else {
-        ObjStream &s = w.stream();
-        void *found = nullptr;
-        if (s.Seen != nullptr && MapFindEntry(&found, s.Seen, object))
-            return w.byte(3) && w.u32(static_cast<uint32_t>(static_cast<ObjMapAddressEntry *>(found)->iId));
-        const ObjMapAddressEntry entry{++s.NextId, const_cast<void *>(object)};
-        if (!ensureSeen(s, true) || !MapInsertEntry(s.Seen, &entry)) return false;
-        if (!w.byte(2) || !w.u32(static_cast<uint32_t>(entry.iId))) return false;
+        const auto address = reinterpret_cast<uintptr_t>(object);
+        uintptr_t id = 0;
+        if (w.seen().find(address, id)) return w.byte(3) && w.u32(static_cast<uint32_t>(id));
+        id = static_cast<uint32_t>(++w.stream().NextId);
+        if (!w.seen().put(address, id)) return false;
+        if (!w.byte(2) || !w.u32(static_cast<uint32_t>(id))) return false;
     }
     uint32_t magic = 0;
     if (!ObjGetMagic(object, &magic)) {
@@ -498,6 +554,7 @@ class Reader {
     }
 
     ObjStream &stream() { return s_; }
+    Seen &seen() { return seen_; }
     bool bounded() const { return bounded_; }
 
     // Objects whose bodies are open, for the bounded reader's checks.
@@ -515,6 +572,7 @@ class Reader {
 
   private:
     ObjStream &s_;
+    Seen seen_{s_, false};
     const Byte *at_ = nullptr;
     size_t left_ = 0;
     size_t budget_;
@@ -536,20 +594,20 @@ bool readStanza(Reader &r, Stanza **out);
 // Enters a decoded object under its id (0: none) before its body is read.
 bool remember(Reader &r, int32_t id, void *object) {
     if (id == 0) return true;
-    ObjStream &s = r.stream();
-    const ObjMapAddressEntry entry{id, object};
-    // The map, and room for each entry while the array grows beside the old one.
-    if (s.Seen == nullptr && !(r.charge(instanceBytes(MAP_MAGIC)) && r.chargeBlock(16 * sizeof entry))) return false;
-    if (!r.charge(2 * sizeof entry) || !ensureSeen(s, false)) return false;
-    if (r.bounded() && MapFindEntry(nullptr, s.Seen, &id)) {
+    // The index's first slots, then its share of the peak for each entry.
+    using fh::SeenIndex;
+    if (r.seen().size() == 0 && !r.chargeBlock(3 * SeenIndex::kFirstSlots * sizeof(SeenIndex::Slot))) return false;
+    if (!r.charge(SeenIndex::kPeakBytesPerKey)) return false;
+    uintptr_t found = 0;
+    if (r.bounded() && r.seen().find(static_cast<uintptr_t>(id), found)) {
         trace(kIdDuplicateId, 1, -1, "Id %ld given twice", static_cast<long>(id));
         return false;
     }
-    return MapUpdateEntry(s.Seen, &entry);
+    return r.seen().put(static_cast<uintptr_t>(id), reinterpret_cast<uintptr_t>(object));
 }
 
 void forget(Reader &r, int32_t id) {
-    if (id != 0 && r.stream().Seen != nullptr) MapDeleteEntry(r.stream().Seen, &id);
+    if (id != 0) r.seen().erase(static_cast<uintptr_t>(id));
 }
 
 bool readComponent(Reader &r, void *object, const ComponentEntry &e) {
@@ -853,14 +911,14 @@ bool readObject(Reader &r, void **out) {
         if (id == 0 || id > INT32_MAX) return r.refuse("id", id);
         break;
     case 3: {
-        void *found = nullptr;
+        uintptr_t found = 0;
         if (!r.u32(id)) return false;
         const auto wanted = static_cast<int32_t>(id);
-        if (r.stream().Seen == nullptr || !MapFindEntry(&found, r.stream().Seen, &wanted)) {
+        if (wanted <= 0 || !r.seen().find(static_cast<uintptr_t>(wanted), found)) {
             trace(49, 1, -1, "Fatal error - entry not in map");
             return false;
         }
-        void *object = static_cast<ObjMapAddressEntry *>(found)->pObject;
+        void *object = reinterpret_cast<void *>(found);
         if (r.bounded() && r.isOpen(object)) {
             trace(kIdOpenBackReference, 1, -1, "Back reference %ld into an object not yet complete",
                   static_cast<long>(wanted));
@@ -1036,7 +1094,8 @@ BOOL ObjSerialize(const void *object, ObjStream *stream) {
         return trace.fault(FALSE, 149, 1, "Invalid argument");
     }
     Writer w(*stream, Writer::Sink::stream);
-    return writeObject(w, object) && w.finish();
+    const bool written = writeObject(w, object) && w.finish();
+    return w.seen().publish() && written; // the ids given out stay given
 }
 
 BOOL ObjReconstruct(void **out, ObjStream *stream) {
@@ -1044,7 +1103,8 @@ BOOL ObjReconstruct(void **out, ObjStream *stream) {
         return trace.fault(FALSE, 149, 1, "Invalid argument");
     }
     Reader r(*stream, SIZE_MAX, false);
-    return reconstructTop(r, out);
+    const bool read = reconstructTop(r, out);
+    return r.seen().publish() && read;
 }
 
 int32_t ObjSerializedSize(const void *object) {

@@ -1,8 +1,10 @@
 // objwalk.cpp - the walker over object graphs.
 //
-// The walker visits each object once, keeping in Visited the objects with
-// more than one reference (only those can be met twice); it walks lists and
-// trees by their own code and every other object by its components.
+// The walker visits each object once, keeping in a private index of visited
+// objects those with more than one reference (only those can be met twice;
+// the index costs O(1) an object where the sorted map of ObjWalkMapNew
+// would move its tail); it walks lists and trees by their own code and every
+// other object by its components.
 #include "core/objwalk.h"
 
 #include "core/context.h"
@@ -11,6 +13,7 @@
 #include "core/object.h"
 #include "core/tree.h"
 #include "objcore.h"
+#include "seenindex.h"
 #include "tracer.h"
 
 namespace {
@@ -29,7 +32,13 @@ int32_t comparePointers(const void *a, const void *b) {
 struct Walk {
     ObjWalkFunction callback;
     void *cookie;
-    MAP *visited;
+    fh::SeenIndex visited; // address to 1
+    bool seen(const void *object) const {
+        uintptr_t ignored = 0;
+        return visited.find(reinterpret_cast<uintptr_t>(object), ignored);
+    }
+    void enter(const void *object) { visited.put(reinterpret_cast<uintptr_t>(object), 1); }
+    void leave(const void *object) { visited.erase(reinterpret_cast<uintptr_t>(object)); }
 };
 
 int32_t visitSlot(Walk &walk, void **slot);
@@ -107,23 +116,23 @@ int32_t walkChain(Walk &walk, TREENODE *first) {
 int32_t visitSlot(Walk &walk, void **slot) {
     void *object = *slot;
     if (object == nullptr) return eObjWalkEnter;
-    if (MapFindEntry(nullptr, walk.visited, &object)) return eObjWalkEnter;
-    if (refCount(object) >= 2) MapUpdateEntry(walk.visited, &object);
+    if (walk.seen(object)) return eObjWalkEnter;
+    if (refCount(object) >= 2) walk.enter(object);
     switch (const int32_t result = walk.callback(walk.cookie, slot)) {
     case eObjWalkAbort: return eObjWalkAbort;
     case eObjWalkSkip: return eObjWalkEnter;
     case eObjWalkRelease:
-        MapDeleteEntry(walk.visited, &object);
+        walk.leave(object);
         ObjReleaseInternal(slot);
         return eObjWalkEnter;
     case eObjWalkEnter: break;
     default: return result;
     }
     if (*slot != object) {
-        MapDeleteEntry(walk.visited, &object);
+        walk.leave(object);
         object = *slot;
         if (object == nullptr) return eObjWalkEnter;
-        MapUpdateEntry(walk.visited, &object);
+        walk.enter(object);
     }
     uint32_t magic = 0;
     if (!ObjGetMagic(object, &magic)) {
@@ -143,10 +152,8 @@ int32_t visitSlot(Walk &walk, void **slot) {
 
 BOOL ObjWalk(void **objectVariable, ObjWalkFunction callback, void *cookie, int32_t reserved) {
     if (objectVariable == nullptr || callback == nullptr || reserved != 0) return FALSE;
-    Walk walk{callback, cookie, ObjWalkMapNew()};
-    const int32_t result = visitSlot(walk, objectVariable);
-    ObjWalkMapRelease(&walk.visited);
-    return result != eObjWalkAbort;
+    Walk walk{callback, cookie, {}};
+    return visitSlot(walk, objectVariable) != eObjWalkAbort;
 }
 
 MAP *ObjWalkMapNew(void) {

@@ -38,8 +38,8 @@ enum TraceId : int32_t {
     kIdAddOnlyBranchArgs = 79,
 };
 
-ObjectTemplate *gTreeTemplate = nullptr;
-ObjectTemplate *gNodeTemplate = nullptr;
+constinit fh::ObjectType<TREE> gTreeType{TREE_MAGIC, TREE_FORMAT};
+constinit fh::ObjectType<TREENODE> gNodeType{TREENODE_MAGIC, TREENODE_FORMAT};
 
 MemPool *gPool = nullptr;
 MemPool *pool() {
@@ -52,7 +52,7 @@ inline bool isNode(const void *p) { return p != nullptr && fh::startMagic(p) == 
 
 // Holds item (whose reference passes to the node).
 TREENODE *newNode(void *item, MemPool *from) {
-    auto *node = static_cast<TREENODE *>(ObjTemplateNewInstanceFromPool(gNodeTemplate, from));
+    auto *node = gNodeType.newInstance(from);
     node->oItem = item;
     return node;
 }
@@ -299,7 +299,7 @@ BOOL TreeCreateFromPool(TREE **out, MemPool *from) {
     if (out == nullptr) {
         return trace.fault(FALSE, kIdCreateNull, 0, "NULL pointer passed to TreeCreate");
     }
-    *out = static_cast<TREE *>(ObjTemplateNewInstanceFromPool(gTreeTemplate, from));
+    *out = gTreeType.newInstance(from);
     return TRUE;
 }
 
@@ -601,8 +601,8 @@ BOOL TreeFindNodeInBranch(TREENODE **out, TREENODE *node, const void *item) {
 }
 
 BOOL TreeInitialize(void) {
-    return ObjTemplateCreateInternal(&gTreeTemplate, sizeof(TREE), TREE_MAGIC, TREE_FORMAT, nullptr) &&
-           ObjTemplateCreateInternal(&gNodeTemplate, sizeof(TREENODE), TREENODE_MAGIC, TREENODE_FORMAT, nullptr);
+    return gTreeType.declare() &&
+           gNodeType.declare();
 }
 
 BOOL TreeInitializeThread(void) { return TRUE; }
