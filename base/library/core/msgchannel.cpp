@@ -75,9 +75,6 @@ constexpr int32_t kMapGrowth = 64;
 MemPool *gPool = nullptr;
 MemPool *pool() { return gPool != nullptr ? gPool : (gPool = MemGetDefaultPoolId()); }
 
-ObjectTemplate *gChannelTemplate = nullptr;
-
-static_assert(fh::formatPayloadSize(MSG_CHANNEL_FORMAT) == sizeof(MSG_CHANNEL), "MSG_CHANNEL as its format");
 
 OBJ_MAP *channelMap() { return static_cast<OBJ_MAP *>(gtLmContext.oMsgChannels); }
 int32_t restartPosition(const MSG_CHANNEL *c) { return c->bIsIpc ? 0 : MSG_PACKET_HEADER_SIZE; }
@@ -95,6 +92,8 @@ BOOL releaseChannel(void *object) {
     if (c->iSocket != -1) NetClose(&c->iSocket);
     return TRUE;
 }
+
+constinit fh::ObjectType<MSG_CHANNEL> gChannelType{MSG_CHANNEL_MAGIC, MSG_CHANNEL_FORMAT, releaseChannel};
 
 void selectBits(int32_t socket, bool read, bool write, bool exception) {
     NetSelectMask *mask = fh::msgSelectMask();
@@ -114,7 +113,7 @@ int32_t nextId() {
 }
 
 MSG_CHANNEL *newChannel(int32_t socket, BOOL isBlocking, BOOL notifyOnDown, BOOL isIpc, BOOL holdOutput) {
-    auto *c = static_cast<MSG_CHANNEL *>(ObjTemplateNewInstanceFromPool(gChannelTemplate, pool()));
+    auto *c = gChannelType.newInstance(pool());
     c->iSocket = socket;
     NetSetNoLinger(socket);
     c->oOutputList = ListNewFromPool(MSG_PACKET_MAGIC, pool());
@@ -364,8 +363,7 @@ void fh::msgPutLe32(unsigned char *p, int32_t value) {
 }
 
 bool fh::msgChannelsInitialize() {
-    return ObjTemplateCreateInternal(&gChannelTemplate, sizeof(MSG_CHANNEL), MSG_CHANNEL_MAGIC, MSG_CHANNEL_FORMAT,
-                                     releaseChannel) != FALSE;
+    return gChannelType.declare();
 }
 
 bool fh::msgChannelsInitializeThread() {
@@ -462,7 +460,7 @@ void fh::msgChannelRemove(MSG_CHANNEL *c) {
 
 BOOL MsgChannelCreateInternal(MSG_CHANNEL **channel, int32_t socket, const MSG_ADDRESS *remoteAddress,
                               BOOL isBlocking, BOOL notifyOnDown, BOOL isIpc, BOOL holdOutput, BOOL notInMap) {
-    if (socket == -1 || gChannelTemplate == nullptr)
+    if (socket == -1 || gChannelType.get() == nullptr)
         return trace.fault(FALSE, kIdBadChannel, 0, "MsgChannelCreateInternal(%ld) - no socket",
                            static_cast<long>(socket));
     MSG_CHANNEL *c = newChannel(socket, isBlocking, notifyOnDown, isIpc, holdOutput);

@@ -59,17 +59,12 @@ struct Limits {
 };
 Limits gLimits;
 
-ObjectTemplate *gConnectingTemplate = nullptr, *gConnectTemplate = nullptr, *gInetTemplate = nullptr,
-               *gConnectedTemplate = nullptr, *gIpcConnectTemplate = nullptr;
-
-static_assert(fh::formatPayloadSize(MSG_CONNECTING_FORMAT) == sizeof(MSG_CONNECTING), "MSG_CONNECTING as its format");
-static_assert(fh::formatPayloadSize(MSG_CONNECT_FORMAT) == sizeof(MSG_CONNECT), "MSG_CONNECT as its format");
-static_assert(fh::formatPayloadSize(MSG_CONNECTED_FORMAT) == sizeof(MSG_CONNECTED), "MSG_CONNECTED as its format");
-static_assert(fh::formatPayloadSize(MSG_IPC_CONNECT_FORMAT) == sizeof(MSG_IPC_CONNECT), "MSG_IPC_CONNECT as format");
-
-template <typename T> T *make(ObjectTemplate *objectTemplate) {
-    return static_cast<T *>(ObjTemplateNewInstanceFromPool(objectTemplate, nullptr));
-}
+constinit fh::ObjectType<MSG_CONNECTING> gConnectingType{MSG_CONNECTING_MAGIC, MSG_CONNECTING_FORMAT};
+constinit fh::ObjectType<MSG_CONNECT> gConnectType{MSG_CONNECT_MAGIC, MSG_CONNECT_FORMAT, fh::kReceivable};
+constinit fh::ObjectType<MSG_CONNECT_INET> gInetType{MSG_CONNECT_INET_MAGIC, MSG_CONNECT_INET_FORMAT, fh::kReceivable};
+constinit fh::ObjectType<MSG_CONNECTED> gConnectedType{MSG_CONNECTED_MAGIC, MSG_CONNECTED_FORMAT, fh::kReceivable};
+constinit fh::ObjectType<MSG_IPC_CONNECT> gIpcConnectType{MSG_IPC_CONNECT_MAGIC, MSG_IPC_CONNECT_FORMAT,
+                                                          fh::kReceivable};
 
 LIST *connecting() { return static_cast<LIST *>(gtLmContext.oMsgConnectingList); }
 NetSelectMask *mask() { return fh::msgSelectMask(); }
@@ -129,7 +124,7 @@ bool ipcOpen(int32_t socket, int32_t kind) {
     MSG_CHANNEL *channel = nullptr;
     if (!MsgChannelCreateInternal(&channel, socket, MsgCommMgrAddress(), TRUE, TRUE, TRUE, FALSE, FALSE)) return false;
     gtLmContext.oMsgIpcChannel = channel;
-    auto *body = make<MSG_IPC_CONNECT>(gIpcConnectTemplate);
+    auto *body = gIpcConnectType.newInstance(nullptr);
     *body = {kind == 1 ? 1 : 0, gtLmContext.iProcessId, kind == 1 ? static_cast<int32_t>(gettid()) : static_cast<int32_t>(getpid())};
     ObjIncRefCount(channel); // a failed send lets go of the context's reference
     const bool sent = MsgSendObject(MsgCommMgrAddress(), MSG_IPC_CONNECT_MSG, body);
@@ -172,13 +167,13 @@ int32_t listenFor(int32_t *socket, int32_t *port, const MSG_ADDRESS *peer) {
 }
 
 MSG_CONNECT *connectBody(void *peerCookie, int32_t error, int32_t port) {
-    auto *body = make<MSG_CONNECT>(gConnectTemplate);
+    auto *body = gConnectType.newInstance(nullptr);
     body->bSuccess = error == 0;
     body->iError = error;
     if (peerCookie != nullptr) ObjIncRefCount(peerCookie);
     body->oCookie = peerCookie;
     if (error == 0) {
-        auto *inet = make<MSG_CONNECT_INET>(gInetTemplate);
+        auto *inet = gInetType.newInstance(nullptr);
         inet->iPort = port;
         body->iFamily = kFamilyInet;
         body->oDetails = inet;
@@ -188,7 +183,7 @@ MSG_CONNECT *connectBody(void *peerCookie, int32_t error, int32_t port) {
 
 void addPending(MSG_ADDRESS *peer, int32_t socket, void *cookie, bool listening, bool holdOutput, bool blocking,
                 bool notify, bool sendOk) {
-    auto *entry = make<MSG_CONNECTING>(gConnectingTemplate);
+    auto *entry = gConnectingType.newInstance(nullptr);
     if (peer != nullptr) ObjIncRefCount(peer);
     if (cookie != nullptr) ObjIncRefCount(cookie);
     *entry = {peer, socket, deadline(gLimits.waitSeconds), 0, blocking, notify, holdOutput, sendOk, cookie, 0};
@@ -331,19 +326,13 @@ void fh::msgSetConnectLimits(int32_t ipcSeconds, int32_t waitSeconds, int32_t re
 }
 
 bool fh::msgConnectInitialize() {
-    return ObjTemplateCreateInternal(&gConnectingTemplate, sizeof(MSG_CONNECTING), MSG_CONNECTING_MAGIC,
-                                     MSG_CONNECTING_FORMAT, nullptr) &&
-           declareReceivable(&gConnectTemplate, sizeof(MSG_CONNECT), MSG_CONNECT_MAGIC, MSG_CONNECT_FORMAT) &&
-           declareReceivable(&gInetTemplate, sizeof(MSG_CONNECT_INET), MSG_CONNECT_INET_MAGIC,
-                             MSG_CONNECT_INET_FORMAT) &&
-           declareReceivable(&gConnectedTemplate, sizeof(MSG_CONNECTED), MSG_CONNECTED_MAGIC, MSG_CONNECTED_FORMAT) &&
-           declareReceivable(&gIpcConnectTemplate, sizeof(MSG_IPC_CONNECT), MSG_IPC_CONNECT_MAGIC,
-                             MSG_IPC_CONNECT_FORMAT);
+    return gConnectingType.declare() && gConnectType.declare() && gInetType.declare() && gConnectedType.declare() &&
+           gIpcConnectType.declare();
 }
 
 void fh::msgQueueConnected(const MSG_ADDRESS *peer, bool connected, int32_t error, const MSG_ADDRESS *channel,
                            void *cookie) {
-    auto *body = make<MSG_CONNECTED>(gConnectedTemplate);
+    auto *body = gConnectedType.newInstance(nullptr);
     for (const void *held : {static_cast<const void *>(channel), static_cast<const void *>(cookie)})
         if (held != nullptr) ObjIncRefCount(const_cast<void *>(held));
     *body = {connected ? TRUE : FALSE, error, const_cast<MSG_ADDRESS *>(channel), cookie};
