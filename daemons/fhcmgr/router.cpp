@@ -49,7 +49,7 @@ Router::~Router() {
     }
 }
 
-bool Router::add(int32_t socket) {
+bool Router::add(int32_t socket, MSG_CHANNEL **made) {
     MSG_CHANNEL *channel = nullptr;
     if (socket >= FD_SETSIZE ||
         !MsgChannelCreateInternal(&channel, socket, nullptr, FALSE, TRUE, TRUE, FALSE, FALSE)) {
@@ -58,6 +58,7 @@ bool Router::add(int32_t socket) {
         return false;
     }
     clients_.push_back({channel, 0});
+    if (made != nullptr) *made = channel;
     return true;
 }
 

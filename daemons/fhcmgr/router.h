@@ -26,9 +26,9 @@ public:
     Router(const Router &) = delete;
     Router &operator=(const Router &) = delete;
 
-    // Makes an accepted connection a client. False (socket closed) when
-    // there is no room for it.
-    bool add(int32_t socket);
+    // Makes an accepted connection a client, its channel in *channel if
+    // asked for (borrowed). False (socket closed) when there is no room.
+    bool add(int32_t socket, MSG_CHANNEL **channel = nullptr);
     // Sets the bits select is to watch: read for every client, write for
     // those with output waiting.
     void fillMask(NetSelectMask *mask) const;
