@@ -2,7 +2,7 @@
 // processes: modes and permission bits, record locks between processes,
 // interrupted calls, close-on-exec, copies and moves, whole-file loads, and
 // directory walks, with failing system calls through the call table.
-#include "fixture.h"
+#include "helpers.h"
 
 #include <signal.h>
 #include <sys/wait.h>
@@ -15,13 +15,10 @@
 
 namespace {
 
+using namespace testhelp;
+
 using FileTest = LibraryTest;
 
-void write(const std::string &path, const std::string &bytes) { std::ofstream(path, std::ios::binary) << bytes; }
-std::string read(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
 mode_t permissions(const std::string &path) {
     struct stat s {};
     stat(path.c_str(), &s);
@@ -73,7 +70,7 @@ TEST_F(FileTest, ModesAndPermissionBits) {
     EXPECT_TRUE(traced("FILESYS", 7, "Unknown file mode in FileSysFOpen 1"));
     ASSERT_TRUE(FileSysFOpen(&stream, path.c_str(), FILE_MODE_BINARY | FILE_MODE_APPEND));
     ASSERT_TRUE(FileSysFWrite(stream, " world", 6) && FileSysFClose(&stream));
-    EXPECT_EQ(read(path), "hello world");
+    EXPECT_EQ(readFile(path), "hello world");
     EXPECT_FALSE(FileExists(home().c_str())); // a directory
     EXPECT_TRUE(FileExists(path.c_str()));
     chmod(path.c_str(), 0444);
@@ -83,7 +80,7 @@ TEST_F(FileTest, ModesAndPermissionBits) {
 
 TEST_F(FileTest, RecordLocksBetweenProcesses) {
     const std::string path = home() + "/locked";
-    write(path, "x");
+    writeFile(path, "x");
     int32_t handle = -1;
     ASSERT_TRUE(FileSysOpen(&handle, path.c_str(), FILE_MODE_UPDATE));
     ASSERT_TRUE(FileLockSet(handle, FILE_LOCK_SHARED));
@@ -168,7 +165,7 @@ int descriptorsAfterExec(const std::string &listing) {
         execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char *>(nullptr));
         _exit(127);
     }
-    return exitCode(pid) == 0 ? std::stoi(read(listing)) : -1;
+    return exitCode(pid) == 0 ? std::stoi(readFile(listing)) : -1;
 }
 
 TEST_F(FileTest, NoHandleSurvivesExec) {
@@ -227,10 +224,10 @@ TEST_F(FileTest, CopiesMovesLoadsAndMatches) {
     std::string big(3 * 32768 + 17, '\0');
     for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 7);
     for (const std::string &bytes : {std::string(), std::string(65536, 'z'), big}) {
-        write(a + "/src", bytes);
+        writeFile(a + "/src", bytes);
         chmod((a + "/src").c_str(), 0600);
         ASSERT_TRUE(FileCopy((a + "/src").c_str(), (b + "/copy").c_str()));
-        EXPECT_EQ(read(b + "/copy"), bytes);
+        EXPECT_EQ(readFile(b + "/copy"), bytes);
         EXPECT_EQ(permissions(b + "/copy"), 0644u);
         EXPECT_TRUE(FilesMatch((a + "/src").c_str(), (b + "/copy").c_str()));
         ASSERT_TRUE(FileRenameAndMove((b + "/copy").c_str(), (a + "/src").c_str())); // onto an existing file
@@ -241,10 +238,10 @@ TEST_F(FileTest, CopiesMovesLoadsAndMatches) {
         EXPECT_EQ(text[bytes.size()], '\0');
         MemFreeInternal(&text);
     }
-    write(b + "/other", std::string(big.size(), 'q'));
+    writeFile(b + "/other", std::string(big.size(), 'q'));
     EXPECT_FALSE(FilesMatch((a + "/src").c_str(), (b + "/other").c_str()));
     ASSERT_TRUE(FileCopyMoveAppendInternal((b + "/other").c_str(), (a + "/src").c_str(), TRUE, TRUE));
-    EXPECT_EQ(read(b + "/other").size(), 2 * big.size());
+    EXPECT_EQ(readFile(b + "/other").size(), 2 * big.size());
     EXPECT_FALSE(FileExists((a + "/src").c_str()));
     EXPECT_FALSE(FileSaveText("x", 0, (b + "/other").c_str()));
     EXPECT_TRUE(traced("FILEWRAP", 1, "FileSaveText - bad params."));
@@ -267,14 +264,14 @@ TEST_F(FileTest, CopiesMovesLoadsAndMatches) {
 
     // A write that fails halfway: the copy fails, nothing leaks.
     fh::sys().write = [](int, const void *, size_t) -> ssize_t { return errno = ENOSPC, -1; };
-    write(a + "/src", big);
+    writeFile(a + "/src", big);
     EXPECT_FALSE(FileCopy((a + "/src").c_str(), (b + "/copy").c_str()));
     EXPECT_TRUE(traced("FILESYS", 13, "Failed to write: No space left on device"));
     fh::sys().rename = [](const char *, const char *) { return errno = EXDEV, -1; };
     fh::sys().write = fh::platformCalls().write;
     ASSERT_TRUE(FileRenameAndMove((a + "/src").c_str(), (b + "/moved").c_str()));
     EXPECT_TRUE(traced("FILE", 4, "Try copy+delete instead of simple move"));
-    EXPECT_EQ(read(b + "/moved"), big);
+    EXPECT_EQ(readFile(b + "/moved"), big);
     fh::sys() = fh::platformCalls();
 }
 
@@ -291,7 +288,7 @@ BOOL note(const char *directory, const char *entry, void *user) {
 TEST_F(FileTest, DirectoryWalks) {
     const std::string root = home() + "/tree";
     for (const char *dir : {"", "/a", "/a/b", "/c"}) mkdir((root + dir).c_str(), 0755);
-    for (const char *file : {"/f", "/a/g", "/a/b/h"}) write(root + file, "x");
+    for (const char *file : {"/f", "/a/g", "/a/b/h"}) writeFile(root + file, "x");
     Seen seen;
     EXPECT_EQ(DirScanDirectRecursive(root.c_str(), note, &seen, TRUE), 1);
     EXPECT_EQ(seen.entries, (std::multiset<std::string>{"|f", "|a", "|c", "a/|g", "a/|b", "a/b/|h"}));

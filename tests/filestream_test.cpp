@@ -2,7 +2,7 @@
 // ".new" proven crash-safe under SIGKILL, the lock matrix between processes,
 // the edge cases of appends, commits and cancels, and characters of the
 // string layer read and written through a stream.
-#include "fixture.h"
+#include "helpers.h"
 
 #include <signal.h>
 #include <sys/resource.h>
@@ -17,14 +17,11 @@
 
 namespace {
 
+using namespace testhelp;
+
 using FileStreamTest = LibraryTest;
 
 constexpr int32_t kUpdate = FILE_MODE_TEXT | FILE_MODE_UPDATE;
-
-std::string read(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
 
 // Version n of the file: it names its version and size and checks itself.
 std::string version(uint32_t n) {
@@ -58,13 +55,13 @@ TEST_F(FileStreamTest, RewriteSurvivesSigkillAtAnyMoment) {
         usleep(1000 + random() % 12000);
         kill(writer, SIGKILL);
         waitpid(writer, nullptr, 0);
-        ASSERT_TRUE(isAVersion(read(path))) << "round " << round;
+        ASSERT_TRUE(isAVersion(readFile(path))) << "round " << round;
     }
     // The next rewrite starts from an empty ".new", whatever a crash left there.
     FILE_STREAM *stream = nullptr;
     ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), kUpdate));
     ASSERT_TRUE(FileStreamStartRewrite(stream));
-    EXPECT_EQ(read(path + ".new"), "");
+    EXPECT_EQ(readFile(path + ".new"), "");
     ASSERT_TRUE(FileStreamCancelRewrite(stream));
     EXPECT_FALSE(FileExists((path + ".new").c_str()));
     FileStreamClose(&stream);
@@ -138,7 +135,7 @@ TEST_F(FileStreamTest, AppendCommitAndCancel) {
     // Closing in the midst of a rewrite commits it.
     ASSERT_TRUE(FileStreamStartRewrite(stream) && FileStreamWrite(stream, "last", 4));
     ASSERT_TRUE(FileStreamClose(&stream));
-    EXPECT_EQ(read(path), "last");
+    EXPECT_EQ(readFile(path), "last");
     EXPECT_FALSE(FileStreamClose(&stream));
 
     ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), FILE_MODE_TEXT | FILE_MODE_READ));
@@ -172,22 +169,19 @@ TEST_F(FileStreamTest, AppendCommitAndCancel) {
 TEST_F(FileStreamTest, RewriteThatFailsToFlushIsNotCommitted) {
     const std::string path = home() + "/data";
     std::ofstream(path) << "the old contents\n";
-    const pid_t child = fork();
-    if (child == 0) {
-        signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit{64, 64};
-        setrlimit(RLIMIT_FSIZE, &limit);
-        FILE_STREAM *stream = nullptr;
-        const std::string text(1000, 'n'); // held in the output's buffer until the close
-        const bool ok = FileStreamOpen(&stream, path.c_str(), kUpdate) && FileStreamStartRewrite(stream) &&
-                        FileStreamWrite(stream, text.data(), 1000) && !FileStreamCloseOutput(stream) &&
-                        FileStreamCancelRewrite(stream) && FileStreamClose(&stream);
-        _exit(ok ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    EXPECT_EQ(read(path), "the old contents\n");
+    EXPECT_EQ(0, inChild([&] {
+                  signal(SIGXFSZ, SIG_IGN);
+                  const rlimit limit{64, 64};
+                  setrlimit(RLIMIT_FSIZE, &limit);
+                  FILE_STREAM *stream = nullptr;
+                  const std::string text(1000, 'n'); // held in the output's buffer until the close
+                  return FileStreamOpen(&stream, path.c_str(), kUpdate) && FileStreamStartRewrite(stream) &&
+                                 FileStreamWrite(stream, text.data(), 1000) && !FileStreamCloseOutput(stream) &&
+                                 FileStreamCancelRewrite(stream) && FileStreamClose(&stream)
+                             ? 0
+                             : 1;
+              }));
+    EXPECT_EQ(readFile(path), "the old contents\n");
     EXPECT_FALSE(FileExists((path + ".new").c_str()));
 }
 
@@ -229,7 +223,7 @@ TEST_F(FileStreamTest, ACommitReachesTheDiskAroundItsRename) {
     ASSERT_TRUE(FileStreamStartRewrite(stream) && FileStreamWrite(stream, "closed\n", 7));
     EXPECT_TRUE(FileStreamClose(&stream)); // a close in the midst of a rewrite commits it the same way
     EXPECT_EQ(gCalls, commit);
-    EXPECT_EQ(read(path), "closed\n");
+    EXPECT_EQ(readFile(path), "closed\n");
 
     fh::sys().fsync = failFsync;
     ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), kUpdate));
@@ -238,7 +232,7 @@ TEST_F(FileStreamTest, ACommitReachesTheDiskAroundItsRename) {
     EXPECT_TRUE(traced("FILE", 48, "Failed to flush '" + fresh + "' to the disk: " + strerror(EIO)));
     EXPECT_TRUE(FileStreamCancelRewrite(stream));
     EXPECT_TRUE(FileStreamClose(&stream));
-    EXPECT_EQ(read(path), "closed\n");
+    EXPECT_EQ(readFile(path), "closed\n");
     EXPECT_FALSE(FileExists(fresh.c_str()));
     fh::sys() = fh::platformCalls();
 }
@@ -270,7 +264,7 @@ TEST_F(FileStreamTest, CharactersThroughAStream) {
     ASSERT_TRUE(StrFileWriteString(stream, "yz"));
     EXPECT_FALSE(StrFileWriteString(stream, nullptr));
     FileStreamClose(&stream);
-    EXPECT_EQ(read(path), "\x81\x41xyz");
+    EXPECT_EQ(readFile(path), "\x81\x41xyz");
 }
 
 // The line reader against a model of its rule, on lines where a carriage

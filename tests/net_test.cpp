@@ -23,6 +23,7 @@ constexpr int32_t F = NET_ERROR_FATAL, W = NET_ERROR_WOULD_BLOCK, I = NET_ERROR_
 // the calls made.
 int gError = 0, gFailures = 0, gCalls = 0;
 ssize_t gCount = 0;
+void inject(int error, int failures) { gError = error, gFailures = failures, gCalls = 0; }
 
 ssize_t failing() { return ++gCalls, errno = gError, -1; }
 
@@ -100,18 +101,13 @@ TEST_F(NetTest, OneShotTransfersClassifyEveryError) {
     const char *fatal[] = {"Fatal error during UDP send: %s", "Fatal error during TCP send: %s (%ld)",
                            "Fatal error during UDP receive: %s", "Fatal error during TCP receive: %s"};
     const std::pair<int, std::array<int32_t, 4>> rows[] = {
-        {EAGAIN, {W, W, W, W}},
-        {ENOMEM, {F, W, F, F}},
-        {EINTR, {I, I, I, I}}, // and not repeated
-        {EPIPE, {F, D, D, D}},
-        {ENOTCONN, {F, NET_ERROR_NOT_CONNECTED, F, F}},
-        {ECONNREFUSED, {F, F, F, NET_ERROR_REFUSED}},
-        {EBADF, {F, F, F, F}},
+        {EAGAIN, {W, W, W, W}}, {ENOMEM, {F, W, F, F}}, {EINTR, {I, I, I, I}}, // and not repeated
+        {EPIPE, {F, D, D, D}}, {ENOTCONN, {F, NET_ERROR_NOT_CONNECTED, F, F}},
+        {ECONNREFUSED, {F, F, F, NET_ERROR_REFUSED}}, {EBADF, {F, F, F, F}},
     };
     for (const auto &[error, results] : rows) {
         for (int column = 0; column < 4; ++column) {
-            gError = error;
-            gCalls = 0;
+            inject(error, 0);
             Traces traces;
             if (results[column] == F) traces.push_back({text(fatal[column], strerror(error), error), error, -1});
             if (results[column] == D && column >= 2) traces.push_back({"Connection down", error, 2});
@@ -188,9 +184,7 @@ TEST_F(NetTest, BlockingTransfersClassifyEveryError) {
     };
     int row = 0;
     for (const auto &[sends, error, failures, until, result, count, waits, traces] : rows) {
-        gError = error;
-        gFailures = failures;
-        gCalls = 0;
+        inject(error, failures);
         if (++row == static_cast<int>(std::size(rows)))
             calls.poll = [](pollfd *, nfds_t, int) { return errno = EINTR, -1; };
         int32_t moved = -1;
@@ -204,8 +198,7 @@ TEST_F(NetTest, BlockingTransfersClassifyEveryError) {
         EXPECT_TRUE(moved == count && didWait == waits) << "row " << row;
     }
     calls.poll = [](pollfd *, nfds_t, int) { return errno = EBADF, -1; };
-    gFailures = 1;
-    gCalls = 0;
+    inject(EAGAIN, 1);
     EXPECT_EQ(seen([&] { return NetTcpSendBlocking(nullptr, 5, "0123456789", 10, inFive, nullptr, nullptr); }),
               (Seen{F, {{"Fatal error during TCP send: Bad file descriptor", EBADF, -1}}}));
     ObjReleaseInternal(&inFive);
@@ -232,20 +225,12 @@ TEST_F(NetTest, ConnectRetriesOnlyProtocolErrors) {
     };
     const NetAddressT to = loopback(9);
     const std::tuple<int, int, int32_t, int> rows[] = {
-        {EPROTO, 10, 0, 11},
-        {EPROTO, 11, NET_ERROR_PROTOCOL, 11},
-        {EINTR, 1, I, 1},
-        {EINPROGRESS, 1, W, 1},
-        {EAGAIN, 1, W, 1},
-        {ETIMEDOUT, 1, NET_ERROR_TIMEOUT, 1},
-        {ECONNREFUSED, 1, NET_ERROR_REFUSED, 1},
-        {ENETUNREACH, 1, NET_ERROR_UNREACHABLE, 1},
-        {EACCES, 1, F, 1},
+        {EPROTO, 10, 0, 11}, {EPROTO, 11, NET_ERROR_PROTOCOL, 11}, {EINTR, 1, I, 1}, {EINPROGRESS, 1, W, 1},
+        {EAGAIN, 1, W, 1}, {ETIMEDOUT, 1, NET_ERROR_TIMEOUT, 1}, {ECONNREFUSED, 1, NET_ERROR_REFUSED, 1},
+        {ENETUNREACH, 1, NET_ERROR_UNREACHABLE, 1}, {EACCES, 1, F, 1},
     };
     for (const auto &[error, failures, result, made] : rows) {
-        gError = error;
-        gFailures = failures;
-        gCalls = 0;
+        inject(error, failures);
         const Traces fatal = {{"Fatal connect error: Permission denied", EACCES, -1}};
         EXPECT_EQ(seen([&] { return NetConnect(5, &to); }), (Seen{result, result == F ? fatal : Traces{}}))
             << strerror(error) << " x" << failures;
@@ -266,8 +251,7 @@ TEST_F(NetTest, AcceptRepeatsOnlyInterruptions) {
         ++gCalls;
         return gFailures-- > 0 ? (errno = gError, -1) : fh::netPlatformCalls().accept(fd, from, length, flags);
     };
-    gError = EINTR;
-    gFailures = 2;
+    inject(EINTR, 2);
     NetAddressT peer, client;
     memset(&peer, 0xEE, sizeof peer);
     ASSERT_EQ(NetAccept(&c.server, c.listener, &peer), NET_ERROR_NONE);
@@ -277,16 +261,11 @@ TEST_F(NetTest, AcceptRepeatsOnlyInterruptions) {
     EXPECT_TRUE((fcntl(c.server, F_GETFL) & O_NONBLOCK) == 0 && (fcntl(c.server, F_GETFD) & FD_CLOEXEC) != 0);
 
     const std::pair<int, int32_t> rows[] = {
-        {EAGAIN, W},
-        {ECONNABORTED, NET_ERROR_ACCEPT_FAILED},
-        {ENOSR, NET_ERROR_ACCEPT_FAILED},
-        {ENOBUFS, NET_ERROR_ACCEPT_FAILED},
-        {ENOMEM, NET_ERROR_ACCEPT_FAILED},
-        {EMFILE, F},
+        {EAGAIN, W}, {ECONNABORTED, NET_ERROR_ACCEPT_FAILED}, {ENOSR, NET_ERROR_ACCEPT_FAILED},
+        {ENOBUFS, NET_ERROR_ACCEPT_FAILED}, {ENOMEM, NET_ERROR_ACCEPT_FAILED}, {EMFILE, F},
     };
     for (const auto &[error, result] : rows) {
-        gError = error;
-        gFailures = 1;
+        inject(error, 1);
         int32_t accepted = -5;
         const Traces traced = {{text("Fatal accept error: %s", strerror(error)), error, -1}};
         EXPECT_EQ(seen([&] { return NetAccept(&accepted, c.listener, nullptr); }),
@@ -418,8 +397,7 @@ TEST_F(NetOpenTest, FailuresLeaveNothingOpen) {
     };
     for (const auto &[option, error, kind, line] : rows) {
         gFailingOption = option;
-        gError = error;
-        gFailures = error != 0 ? 1 : 0;
+        inject(error, error != 0 ? 1 : 0);
         const int before = openDescriptors();
         int32_t socket = 42;
         EXPECT_EQ(seen([&] { return NetOpen(&socket, kind); }),
@@ -427,8 +405,7 @@ TEST_F(NetOpenTest, FailuresLeaveNothingOpen) {
         EXPECT_TRUE(socket == 42 && openDescriptors() == before) << line;
     }
     gFailingOption = 0;
-    gError = EINTR;
-    gFailures = 2;
+    inject(EINTR, 2);
     int32_t socket = -1;
     ASSERT_TRUE(NetOpen(&socket, NET_SOCKET_DATAGRAM)); // the interrupted call is made again
 
@@ -499,8 +476,7 @@ TEST_F(NetTest, SelectWaitsAsLongAsAsked) {
     for (TIME_TIMEOUT *t : {never, later, past}) ObjReleaseInternal(&t);
 
     const std::tuple<int32_t, timeval, const char *> spans[] = {
-        {-1, {-1, -1}, "Wait for data (no timeout)"},
-        {0, {0, 0}, "poll for data"},
+        {-1, {-1, -1}, "Wait for data (no timeout)"}, {0, {0, 0}, "poll for data"},
         {2500, {2, 500000}, "Wait 2500 milliseconds for data"},
         {172800000, {172800, 0}, "Wait 172800000 milliseconds for data"}, // no cut
     };

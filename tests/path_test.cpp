@@ -2,7 +2,7 @@
 // apart (with double-byte characters whose trail byte is "/"), component
 // lists, recursive removal that never follows a link out of the tree, the
 // directory lock between processes, and the mount table.
-#include "fixture.h"
+#include "helpers.h"
 
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -14,13 +14,9 @@
 
 namespace {
 
-using PathTest = LibraryTest;
+using namespace testhelp;
 
-std::string taken(char *text) {
-    std::string copy = text != nullptr ? text : "(null)";
-    MemFreeInternal(&text);
-    return copy;
-}
+using PathTest = LibraryTest;
 
 std::vector<std::string> items(const LIST *list) {
     std::vector<std::string> out;

@@ -3,7 +3,7 @@
 // the finds, the operations by path, the writers' name limits, a rewrite
 // that fails on a full file system, and read-change-write between processes
 // under the exclusive lock.
-#include "fixture.h"
+#include "helpers.h"
 
 #include <signal.h>
 #include <sys/resource.h>
@@ -16,22 +16,12 @@
 
 namespace {
 
+using namespace testhelp;
+
 using StanzaFileTest = LibraryTest;
 
-std::string read(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-void write(const std::string &path, const std::string &text) { std::ofstream(path, std::ios::binary) << text; }
-std::string corpus(const char *name) { return read(std::string(FHCORE_TEST_DATA "/stanzafile/") + name); }
+std::string corpus(const char *name) { return readFile(FHCORE_TEST_DATA "/stanzafile/" + std::string(name)); }
 bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
-
-// A string the library made, taken over and freed.
-std::string take(char *text) {
-    std::string copy = text != nullptr ? text : "<null>";
-    MemFreeInternal(&text);
-    return copy;
-}
 
 // A key's values as "a|<null>|b".
 std::string values(const StanzaKey *key) {
@@ -67,8 +57,8 @@ TEST_F(StanzaFileTest, TitleAndKeyLines) {
         const BOOL isTitle = StnzLineToTitle(&category, &title, c.line);
         EXPECT_EQ(isTitle, c.title != nullptr) << c.line;
         if (!isTitle) continue;
-        EXPECT_EQ(take(category), c.category != nullptr ? c.category : "<null>") << c.line;
-        EXPECT_EQ(take(title), c.title) << c.line;
+        EXPECT_EQ(taken(category), c.category != nullptr ? c.category : "<null>") << c.line;
+        EXPECT_EQ(taken(title), c.title) << c.line;
     }
     struct KeyCase {
         const char *line, *keyword, *argument; // keyword null: no key
@@ -86,8 +76,8 @@ TEST_F(StanzaFileTest, TitleAndKeyLines) {
         EXPECT_EQ(isKey, c.keyword != nullptr) << c.line;
         EXPECT_EQ(StnzLineIsKey(c.line), isKey) << c.line;
         if (!isKey) continue;
-        EXPECT_EQ(take(keyword), c.keyword) << c.line;
-        EXPECT_EQ(take(argument), c.argument) << c.line;
+        EXPECT_EQ(taken(keyword), c.keyword) << c.line;
+        EXPECT_EQ(taken(argument), c.argument) << c.line;
     }
     // The looser title test: a '[' first and a ']' anywhere.
     EXPECT_TRUE(StnzLineIsTitle("  [:x]"));
@@ -130,7 +120,7 @@ TEST_F(StanzaFileTest, ValueListsAndTheirEscapes) {
         {"   ", "! ! ! "}, {"a b", "a b"},   {"=:[]\"", "=:[]\""},    {"\t", "!\t"},
         {"\x81,", "\x81,"}, {"", ""},
     };
-    for (const Escape &e : escapes) EXPECT_EQ(take(StnzEscapeText(e.text)), e.escaped) << e.text;
+    for (const Escape &e : escapes) EXPECT_EQ(taken(StnzEscapeText(e.text)), e.escaped) << e.text;
     EXPECT_EQ(StnzEscapeText(nullptr), nullptr);
     // Whatever a value holds but a carriage return, its escape reads back as it.
     const char *texts[] = {" lead", "trail\t", "!,!n\n,", " ", "mid dle", "\x81!\x82,"};
@@ -146,7 +136,7 @@ TEST_F(StanzaFileTest, ValueListsAndTheirEscapes) {
 
 TEST_F(StanzaFileTest, WrittenFormComesBackByteForByte) {
     const std::string path = home() + "/written.cfg";
-    write(path, corpus("written.cfg"));
+    writeFile(path, corpus("written.cfg"));
     LIST *list = nullptr;
     ASSERT_TRUE(StnzLoadStanzaListFromFile(&list, path.c_str()));
     int32_t count = 0;
@@ -163,18 +153,18 @@ TEST_F(StanzaFileTest, WrittenFormComesBackByteForByte) {
     EXPECT_STREQ(net->keys[11]->keyword, "Twice");
     ObjReleaseInternal(&item);
 
-    write(path, "stale contents that the save replaces\n");
+    writeFile(path, "stale contents that the save replaces\n");
     ASSERT_TRUE(StnzSaveStanzaListToFile(list, path.c_str()));
-    EXPECT_EQ(read(path), corpus("written.cfg"));
+    EXPECT_EQ(readFile(path), corpus("written.cfg"));
     EXPECT_FALSE(exists(path + ".new"));
 
     // The same through the dynamic list, which keeps its path.
     STNZ_DYNAMIC_LIST *dynamicList = nullptr;
     ASSERT_TRUE(StnzLoadDynamicStanzaListFromFile(&dynamicList, path.c_str()));
     EXPECT_EQ(dynamicList->pszPath, path);
-    write(path, "");
+    writeFile(path, "");
     ASSERT_TRUE(StnzSaveDynamicStanzaListToFile(dynamicList));
-    EXPECT_EQ(read(path), corpus("written.cfg"));
+    EXPECT_EQ(readFile(path), corpus("written.cfg"));
     EXPECT_FALSE(StnzSaveDynamicStanzaListToFile(reinterpret_cast<STNZ_DYNAMIC_LIST *>(list)));
     // A save leaves out what the writer refuses, and items of other types.
     Stanza *untitled = nullptr;
@@ -184,12 +174,12 @@ TEST_F(StanzaFileTest, WrittenFormComesBackByteForByte) {
     ListPushFirstItemInternal(dynamicList->oList, &bad);
     ListPushLastItemInternal(dynamicList->oList, &other);
     ASSERT_TRUE(StnzSaveDynamicStanzaListToFile(dynamicList));
-    EXPECT_EQ(read(path), corpus("written.cfg"));
+    EXPECT_EQ(readFile(path), corpus("written.cfg"));
     ObjReleaseInternal(&dynamicList);
     ObjReleaseInternal(&list);
 
     // A file without stanzas is an empty list; a missing one is no list.
-    write(path, "key=before any title\n\n");
+    writeFile(path, "key=before any title\n\n");
     ASSERT_TRUE(StnzLoadStanzaListFromFile(&list, path.c_str()));
     EXPECT_EQ(list->iCount, 0);
     ObjReleaseInternal(&list);
@@ -200,42 +190,42 @@ TEST_F(StanzaFileTest, WrittenFormComesBackByteForByte) {
 TEST_F(StanzaFileTest, RewritesGiveTheCopiedForm) {
     const std::string path = home() + "/messy.cfg";
     // Removing what is not there still rewrites every kept line.
-    write(path, corpus("messy.cfg"));
+    writeFile(path, corpus("messy.cfg"));
     EXPECT_TRUE(StnzRemoveStanzaFromFile(nullptr, "Nothing", path.c_str()));
-    EXPECT_EQ(read(path), corpus("messy.copied"));
+    EXPECT_EQ(readFile(path), corpus("messy.copied"));
     // Both stanzas of the name go; case does not count.
-    write(path, corpus("messy.cfg"));
+    writeFile(path, corpus("messy.cfg"));
     EXPECT_TRUE(StnzRemoveStanzaFromFile("net", "PORT", path.c_str()));
-    EXPECT_EQ(read(path), corpus("messy.removed"));
+    EXPECT_EQ(readFile(path), corpus("messy.removed"));
     // The replaced stanza moves to the end, once.
-    write(path, corpus("messy.cfg"));
+    writeFile(path, corpus("messy.cfg"));
     Stanza *stanza = stanzaOf("NET", "port", {{"value", "7000"}});
     EXPECT_TRUE(StnzReplaceStanzaInFile(stanza, path.c_str()));
-    EXPECT_EQ(read(path), corpus("messy.replaced"));
+    EXPECT_EQ(readFile(path), corpus("messy.replaced"));
     // A file with no such stanza simply gets it, behind two blank lines.
-    write(path, "[A]\nx=1\n[B]\n");
+    writeFile(path, "[A]\nx=1\n[B]\n");
     EXPECT_TRUE(StnzReplaceStanzaInFile(stanza, path.c_str()));
-    EXPECT_EQ(read(path), "[A]\nx=1\n\n[B]\n\n\n[NET:port]\nvalue=7000\n\n");
+    EXPECT_EQ(readFile(path), "[A]\nx=1\n\n[B]\n\n\n[NET:port]\nvalue=7000\n\n");
     StnzRelease(&stanza);
     EXPECT_FALSE(exists(path + ".new"));
 
     // CR LF line ends give the same stanzas as LF, a CR behind a lead byte too.
-    write(path, "[T]\r\nk=x\x81\r\nj=1\r\n");
+    writeFile(path, "[T]\r\nk=x\x81\r\nj=1\r\n");
     ASSERT_TRUE(StnzRemoveStanzaFromFile(nullptr, "none", path.c_str()));
-    EXPECT_EQ(read(path), "[T]\nk=x\x81\nj=1\n");
+    EXPECT_EQ(readFile(path), "[T]\nk=x\x81\nj=1\n");
     std::string crlf;
     for (char c : corpus("written.cfg")) crlf += c == '\n' ? std::string("\r\n") : std::string(1, c);
-    write(path, crlf);
+    writeFile(path, crlf);
     LIST *list = nullptr;
     ASSERT_TRUE(StnzLoadStanzaListFromFile(&list, path.c_str()));
     ASSERT_TRUE(StnzSaveStanzaListToFile(list, path.c_str()));
-    EXPECT_EQ(read(path), corpus("written.cfg"));
+    EXPECT_EQ(readFile(path), corpus("written.cfg"));
     ObjReleaseInternal(&list);
 }
 
 TEST_F(StanzaFileTest, FindsMoveThePositionOnlyWhenTheyFind) {
     const std::string path = home() + "/finds.cfg";
-    write(path, "lone=before\n[One]\nk=a,b\nK=c\n\n[Cat:Two]\nx=1\n# note\ny=2\n[Three]\nz=3\nx=again\n");
+    writeFile(path, "lone=before\n[One]\nk=a,b\nK=c\n\n[Cat:Two]\nx=1\n# note\ny=2\n[Three]\nz=3\nx=again\n");
     STNZ_FILE *file = nullptr;
     ASSERT_TRUE(StnzOpenFile(&file, path.c_str(), STNZ_MODE_READ));
     EXPECT_EQ(StnzFileOpenMode(file), STNZ_MODE_READ);
@@ -246,12 +236,12 @@ TEST_F(StanzaFileTest, FindsMoveThePositionOnlyWhenTheyFind) {
     EXPECT_TRUE(StnzFindKeyword(file, "LONE"));
     EXPECT_FALSE(StnzCurrentTitle(nullptr, &title, file));
     EXPECT_TRUE(StnzCurrentArgument(&text, file));
-    EXPECT_EQ(take(text), "before");
+    EXPECT_EQ(taken(text), "before");
 
     ASSERT_TRUE(StnzFindStanza(file, nullptr, "one"));
     EXPECT_TRUE(StnzFindKeywordInStanza(file, "K"));
     EXPECT_TRUE(StnzCurrentArgument(&text, file));
-    EXPECT_EQ(take(text), "a,b");
+    EXPECT_EQ(taken(text), "a,b");
     Stanza *stanza = nullptr;
     ASSERT_TRUE(StnzLoadCurrentStanza(&stanza, file));
     EXPECT_EQ(stanza->keyCount, 2);
@@ -260,7 +250,7 @@ TEST_F(StanzaFileTest, FindsMoveThePositionOnlyWhenTheyFind) {
     // Loading left the position behind "k=a,b": the next key is "K=c".
     EXPECT_TRUE(StnzFindNextKeyword(file));
     EXPECT_TRUE(StnzCurrentKeyword(&text, file));
-    EXPECT_EQ(take(text), "K");
+    EXPECT_EQ(taken(text), "K");
     EXPECT_FALSE(StnzFindNextKeyword(file)); // a title comes first
     EXPECT_FALSE(StnzFindKeywordInStanza(file, "x"));
 
@@ -268,17 +258,17 @@ TEST_F(StanzaFileTest, FindsMoveThePositionOnlyWhenTheyFind) {
     EXPECT_FALSE(StnzFindStanza(file, nullptr, "Missing"));
     EXPECT_FALSE(StnzFindStanza(file, "Other", "Two"));
     EXPECT_TRUE(StnzCurrentTitle(&category, &title, file));
-    EXPECT_EQ(take(title), "one"); // the names the find was given
-    EXPECT_EQ(take(category), "<null>");
+    EXPECT_EQ(taken(title), "one"); // the names the find was given
+    EXPECT_EQ(taken(category), "<null>");
     ASSERT_TRUE(StnzFindNextStanza(file));
     EXPECT_TRUE(StnzCurrentTitle(&category, &title, file));
-    EXPECT_EQ(take(category) + ":" + take(title), "Cat:Two");
+    EXPECT_EQ(taken(category) + ":" + taken(title), "Cat:Two");
     EXPECT_FALSE(StnzCurrentKeyword(&text, file)); // the new stanza has no current key
 
     // FindKeyword runs on across stanzas and makes the stanza it found current.
     EXPECT_TRUE(StnzFindKeyword(file, "z"));
     EXPECT_TRUE(StnzCurrentTitle(&category, &title, file));
-    EXPECT_EQ(take(category) + ":" + take(title), "<null>:Three");
+    EXPECT_EQ(taken(category) + ":" + taken(title), "<null>:Three");
     EXPECT_FALSE(StnzFindKeyword(file, "y")); // behind the position
     EXPECT_FALSE(StnzFindNextStanza(file));
     StanzaKey *key = nullptr;
@@ -292,7 +282,7 @@ TEST_F(StanzaFileTest, FindsMoveThePositionOnlyWhenTheyFind) {
     EXPECT_TRUE(StnzFindKeywordInStanza(file, "y"));
     EXPECT_TRUE(StnzFindStanza(file, "cat", "two"));
     EXPECT_TRUE(StnzCurrentTitle(&category, &title, file));
-    EXPECT_EQ(take(category) + ":" + take(title), "cat:TWO");
+    EXPECT_EQ(taken(category) + ":" + taken(title), "cat:TWO");
     EXPECT_TRUE(StnzFindStanza(file, "", "three"));
     // A find given the file's own current keyword goes on to its next use.
     EXPECT_TRUE(StnzRewindFile(file));
@@ -301,7 +291,7 @@ TEST_F(StanzaFileTest, FindsMoveThePositionOnlyWhenTheyFind) {
     ASSERT_TRUE(StnzFindKeyword(file, file->pszKeyword));
     EXPECT_STREQ(file->pszKeyword, "x");
     EXPECT_TRUE(StnzCurrentArgument(&text, file));
-    EXPECT_EQ(take(text), "again");
+    EXPECT_EQ(taken(text), "again");
     EXPECT_STREQ(file->pszTitle, "Three");
     EXPECT_TRUE(StnzCloseFile(&file));
     EXPECT_FALSE(StnzCloseFile(&file));
@@ -310,7 +300,7 @@ TEST_F(StanzaFileTest, FindsMoveThePositionOnlyWhenTheyFind) {
     EXPECT_TRUE(traced("STANZA", 2, "Invalid file pointer"));
 
     // A line of 5000 bytes keeps its first 4095; its rest is no line.
-    write(path, "[Long]\nk=" + std::string(4991, 'v') + "=tail\nj=after\n");
+    writeFile(path, "[Long]\nk=" + std::string(4991, 'v') + "=tail\nj=after\n");
     ASSERT_TRUE(StnzLoadKeyFromFile(&key, path.c_str(), nullptr, "long", "K"));
     EXPECT_STREQ(key->keyword, "K");
     EXPECT_EQ(values(key), std::string(4093, 'v'));
@@ -325,17 +315,17 @@ TEST_F(StanzaFileTest, AddingStanzasAndKeysByPath) {
     const std::string path = home() + "/add.cfg";
     Stanza *trace = stanzaOf(nullptr, "Trace", {{"Do Crash", "FALSE"}});
     ASSERT_TRUE(StnzAddStanzaToFile(trace, path.c_str())); // made if missing
-    write(path, read(path) + "junk line\n");
+    writeFile(path, readFile(path) + "junk line\n");
     EXPECT_FALSE(StnzAddStanzaToFile(trace, path.c_str())); // there already
     Stanza *port = stanzaOf("Net", "Port", {{"value", "6000"}});
     EXPECT_TRUE(StnzAddStanzaToFile(port, path.c_str()));
-    EXPECT_EQ(read(path), "[Trace]\nDo Crash=FALSE\n\njunk line\n[Net:Port]\nvalue=6000\n\n");
+    EXPECT_EQ(readFile(path), "[Trace]\nDo Crash=FALSE\n\njunk line\n[Net:Port]\nvalue=6000\n\n");
     // A last line without its line feed gets one before the new title.
-    write(path, "[A]\nk=v");
+    writeFile(path, "[A]\nk=v");
     EXPECT_TRUE(StnzAddStanzaToFile(port, path.c_str()));
-    EXPECT_EQ(read(path), "[A]\nk=v\n[Net:Port]\nvalue=6000\n\n");
+    EXPECT_EQ(readFile(path), "[A]\nk=v\n[Net:Port]\nvalue=6000\n\n");
     EXPECT_FALSE(StnzAddStanzaToFile(port, path.c_str()));
-    write(path, "[Trace]\nDo Crash=FALSE\n\njunk line\n[Net:Port]\nvalue=6000\n\n");
+    writeFile(path, "[Trace]\nDo Crash=FALSE\n\njunk line\n[Net:Port]\nvalue=6000\n\n");
     EXPECT_FALSE(StnzAddStanzaToFile(nullptr, path.c_str()));
     EXPECT_TRUE(traced("STANZA", 3, "Attemped to add NULL stanza to file '" + path + "'"));
     EXPECT_FALSE(StnzAddStanzaToFile(trace, ""));
@@ -355,10 +345,10 @@ TEST_F(StanzaFileTest, AddingStanzasAndKeysByPath) {
     ASSERT_TRUE(StnzAddKeyToFile(path.c_str(), "net", "port", &key, FALSE));
     EXPECT_EQ(key, nullptr);
     // The stanza takes the names the caller gave.
-    EXPECT_EQ(read(path), "[Trace]\nDo Crash=FALSE\n\n\n[net:port]\nvalue=6000\nvalue=7000\n\n");
+    EXPECT_EQ(readFile(path), "[Trace]\nDo Crash=FALSE\n\n\n[net:port]\nvalue=6000\nvalue=7000\n\n");
     ASSERT_TRUE(StnzCreateKeyFromString(&key, "VALUE", "8000"));
     ASSERT_TRUE(StnzAddKeyToFile(path.c_str(), "Net", "Port", &key, TRUE));
-    EXPECT_EQ(read(path), "[Trace]\nDo Crash=FALSE\n\n\n[Net:Port]\nVALUE=8000\n\n");
+    EXPECT_EQ(readFile(path), "[Trace]\nDo Crash=FALSE\n\n\n[Net:Port]\nVALUE=8000\n\n");
     // A missing stanza is made; an empty category is none.
     ASSERT_TRUE(StnzCreateKeyFromInteger(&key, "Lines", 10));
     ASSERT_TRUE(StnzAddKeyToFile(path.c_str(), "", "New", &key, TRUE));
@@ -369,16 +359,16 @@ TEST_F(StanzaFileTest, AddingStanzasAndKeysByPath) {
     StnzReleaseKey(&key);
     ASSERT_TRUE(StnzCreateKeyFromInteger(&key, "More", 2));
     ASSERT_TRUE(StnzAddKeyToFile(path.c_str(), "", "new", &key, FALSE));
-    EXPECT_TRUE(read(path).ends_with("[new]\nLines=10\nMore=2\n\n"));
+    EXPECT_TRUE(readFile(path).ends_with("[new]\nLines=10\nMore=2\n\n"));
     // A key whose keyword would not read back is refused; the file stays.
-    const std::string before = read(path);
+    const std::string before = readFile(path);
     StnzReleaseKey(&key);
     ASSERT_TRUE(StnzCreateKeyFromString(&key, "a=b", "x"));
     EXPECT_FALSE(StnzAddKeyToFile(path.c_str(), nullptr, "", &key, FALSE));
     EXPECT_FALSE(StnzAddKeyToFile(path.c_str(), nullptr, "New", nullptr, FALSE));
     ASSERT_NE(key, nullptr);
     EXPECT_FALSE(StnzAddKeyToFile(path.c_str(), nullptr, "New", &key, FALSE));
-    EXPECT_EQ(read(path), before);
+    EXPECT_EQ(readFile(path), before);
     StnzReleaseKey(&key);
     EXPECT_FALSE(exists(path + ".new"));
 }
@@ -398,7 +388,7 @@ TEST_F(StanzaFileTest, WritersRefuseNamesThatWouldNotReadBack) {
         {nullptr, "", "key", false},
     };
     for (const Case &c : cases) {
-        write(path, "");
+        writeFile(path, "");
         Stanza *stanza = stanzaOf(c.category, c.title, {{c.keyword, "v"}});
         EXPECT_EQ(StnzAddStanzaToFile(stanza, path.c_str()), c.accepted) << c.title << " " << c.keyword;
         if (c.accepted) {
@@ -407,7 +397,7 @@ TEST_F(StanzaFileTest, WritersRefuseNamesThatWouldNotReadBack) {
             EXPECT_STREQ(back->keys[0]->keyword, c.keyword);
             StnzRelease(&back);
         } else {
-            EXPECT_EQ(read(path), "") << c.title << " " << c.keyword;
+            EXPECT_EQ(readFile(path), "") << c.title << " " << c.keyword;
         }
         StnzRelease(&stanza);
     }
@@ -420,14 +410,14 @@ TEST_F(StanzaFileTest, WritersRefuseNamesThatWouldNotReadBack) {
     StnzRelease(&stanza);
 
     // A value ending in a lone lead byte would take the line feed along.
-    write(path, "");
+    writeFile(path, "");
     stanza = stanzaOf(nullptr, "T", {{"k", "x\x81"}, {"j", "1"}});
     EXPECT_FALSE(StnzAddStanzaToFile(stanza, path.c_str()));
     StnzRelease(&stanza);
     // So must every key line with its escaped values.
     for (const auto &[value, accepted] : {std::pair{std::string(4093, 'v'), true}, {std::string(4094, 'v'), false},
                                           {std::string(2046, ','), true}, {std::string(2047, ','), false}}) {
-        write(path, "");
+        writeFile(path, "");
         stanza = stanzaOf(nullptr, "T", {{"k", value.c_str()}});
         EXPECT_EQ(StnzAddStanzaToFile(stanza, path.c_str()), accepted) << value.size();
         StnzRelease(&stanza);
@@ -453,13 +443,13 @@ TEST_F(StanzaFileTest, WritersRefuseNamesThatWouldNotReadBack) {
 // no rewrite loses a stanza it was not asked to remove.
 TEST_F(StanzaFileTest, FiftyRewritesKeepEveryCopiedStanza) {
     const std::string path = home() + "/bangs.cfg";
-    write(path, "[a!b]\nk!x=v!,w\n[c,d:e!!f]\n,=1\n");
+    writeFile(path, "[a!b]\nk!x=v!,w\n[c,d:e!!f]\n,=1\n");
     std::string second;
     for (int rewrite = 1; rewrite <= 50; ++rewrite) {
         Stanza *stanza = stanzaOf(nullptr, "Other", {{"n", std::to_string(rewrite).c_str()}});
         ASSERT_TRUE(StnzReplaceStanzaInFile(stanza, path.c_str())) << rewrite;
         StnzRelease(&stanza);
-        const std::string text = read(path);
+        const std::string text = readFile(path);
         const std::string copied = text.substr(0, text.find("[Other]"));
         if (rewrite == 2) second = copied;
         if (rewrite > 2) {
@@ -478,23 +468,23 @@ TEST_F(StanzaFileTest, FiftyRewritesKeepEveryCopiedStanza) {
     // byte would take the line feed, and the next title with it. The rewrite
     // fails rather than lose [T].
     const char cut[] = "k=a\x81\0rest\n[T]\nx=1\n";
-    write(path, std::string(cut, sizeof cut - 1));
+    writeFile(path, std::string(cut, sizeof cut - 1));
     EXPECT_FALSE(StnzRemoveStanzaFromFile(nullptr, "none", path.c_str()));
-    EXPECT_EQ(read(path), std::string(cut, sizeof cut - 1));
+    EXPECT_EQ(readFile(path), std::string(cut, sizeof cut - 1));
     EXPECT_TRUE(traced("STANZA", 13, "A rewrite stops at a line that would not read back as itself: k"));
-    write(path, "[a!b]\nk!x=v!,w\n[c,d:e!!f]\n,=1\n");
+    writeFile(path, "[a!b]\nk!x=v!,w\n[c,d:e!!f]\n,=1\n");
 
     // A record that would not read back as itself is not written.
     STNZ_FILE *file = nullptr;
     ASSERT_TRUE(StnzOpenFile(&file, path.c_str(), STNZ_MODE_APPEND));
-    const std::string before = read(path);
+    const std::string before = readFile(path);
     StnzLineRecord records[] = {{nullptr, const_cast<char *>("x]\n[y"), nullptr, nullptr},
                                 {const_cast<char *>("a:b"), const_cast<char *>("t"), nullptr, nullptr},
                                 {nullptr, nullptr, const_cast<char *>("k=j"), const_cast<char *>("v")},
                                 {nullptr, nullptr, const_cast<char *>("k"), const_cast<char *>("v\n[z]")}};
     for (const StnzLineRecord &record : records) EXPECT_FALSE(StnzWriteRecord(file, &record));
     StnzCloseFile(&file);
-    EXPECT_EQ(read(path), before);
+    EXPECT_EQ(readFile(path), before);
 }
 
 // A rewrite that cannot write its ".new" in full (the file size limit stands
@@ -503,24 +493,21 @@ TEST_F(StanzaFileTest, FailedRewriteLeavesTheFileWhole) {
     const std::string path = home() + "/big.cfg";
     std::string original;
     for (int i = 0; i < 400; ++i) original += "[S" + std::to_string(i) + "]\nkey=" + std::string(60, 'x') + "\n\n";
-    write(path, original);
-    const pid_t child = fork();
-    if (child == 0) {
-        signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit{8192, 8192};
-        setrlimit(RLIMIT_FSIZE, &limit);
-        Stanza *stanza = stanzaOf(nullptr, "S1", {{"key", "changed"}});
-        LIST *list = nullptr;
-        const bool loaded = StnzLoadStanzaListFromFile(&list, path.c_str());
-        const bool failed = !StnzReplaceStanzaInFile(stanza, path.c_str()) &&
-                            !StnzRemoveStanzaFromFile(nullptr, "S2", path.c_str()) &&
-                            !StnzSaveStanzaListToFile(list, path.c_str());
-        _exit(loaded && failed ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    EXPECT_EQ(read(path), original);
+    writeFile(path, original);
+    EXPECT_EQ(0, inChild([&] {
+                  signal(SIGXFSZ, SIG_IGN);
+                  const rlimit limit{8192, 8192};
+                  setrlimit(RLIMIT_FSIZE, &limit);
+                  Stanza *stanza = stanzaOf(nullptr, "S1", {{"key", "changed"}});
+                  LIST *list = nullptr;
+                  return StnzLoadStanzaListFromFile(&list, path.c_str()) &&
+                                 !StnzReplaceStanzaInFile(stanza, path.c_str()) &&
+                                 !StnzRemoveStanzaFromFile(nullptr, "S2", path.c_str()) &&
+                                 !StnzSaveStanzaListToFile(list, path.c_str())
+                             ? 0
+                             : 1;
+              }));
+    EXPECT_EQ(readFile(path), original);
     EXPECT_FALSE(exists(path + ".new"));
 }
 
@@ -528,7 +515,7 @@ TEST_F(StanzaFileTest, FailedRewriteLeavesTheFileWhole) {
 // exclusive lock holds from the find to the rewrite.
 TEST_F(StanzaFileTest, ConcurrentKeyAddsLoseNothing) {
     const std::string path = home() + "/shared.cfg";
-    write(path, "[Other]\nx=1\n");
+    writeFile(path, "[Other]\nx=1\n");
     constexpr int kProcesses = 3, kKeys = 15;
     pid_t children[kProcesses];
     for (int p = 0; p < kProcesses; ++p) {

@@ -1,10 +1,12 @@
 // Value lists as text and back, sorted insertion, clock text and skipping.
-#include "fixture.h"
+#include "helpers.h"
 
 #include <string>
 #include <vector>
 
 namespace {
+
+using namespace testhelp;
 
 using StrWrapTest = LibraryTest;
 
@@ -15,12 +17,6 @@ std::vector<std::string> texts(const LIST *list) {
         out.push_back(text != nullptr ? text : "(none)");
     }
     return out;
-}
-
-std::string taken(char *text) {
-    std::string copy = text != nullptr ? text : "(null)";
-    MemFreeInternal(&text);
-    return copy;
 }
 
 TEST_F(StrWrapTest, ListsJoinIntoOneLine) {
@@ -50,12 +46,8 @@ TEST_F(StrWrapTest, LinesSplitIntoItems) {
         const char *line;
         std::vector<std::string> items;
     } cases[] = {
-        {"", {}},
-        {nullptr, {}},
-        {" a , b c ,", {"a", "b c", "(none)"}},
-        {"a,", {"a", "(none)"}},
-        {",", {"(none)", "(none)"}},
-        {"\t x\t", {"x"}},
+        {"", {}}, {nullptr, {}}, {" a , b c ,", {"a", "b c", "(none)"}}, {"a,", {"a", "(none)"}},
+        {",", {"(none)", "(none)"}}, {"\t x\t", {"x"}},
         {"\x81,\x81 ,y", {"\x81,\x81 ", "y"}}, // trail bytes that look like a comma and a blank
     };
     for (const auto &c : cases) {

@@ -2,7 +2,7 @@
 // handlers and masks stay there: the mask a handler runs with, interrupted
 // calls, nested critical sections in and out of handlers, pausing, and
 // ignoring everything.
-#include "fixture.h"
+#include "helpers.h"
 
 #include <poll.h>
 #include <signal.h>
@@ -18,22 +18,9 @@ namespace {
 
 using SigTest = LibraryTest;
 
-// Runs body in a child; its exit code (0: every check held, else the number
-// of the first that failed), or -1 if it didn't exit within 10 seconds.
-template <typename Body> int inChild(Body body) {
-    const pid_t pid = fork();
-    if (pid == 0) _exit(body());
-    int status = 0;
-    for (int waited = 0; waitpid(pid, &status, WNOHANG) == 0; ++waited) {
-        if (waited == 1000) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-            return -1;
-        }
-        usleep(10 * 1000);
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+// Each check in a child: 0 when every check held, else the number of the
+// first that failed.
+using testhelp::inChild;
 
 bool held(int sig) {
     sigset_t now;

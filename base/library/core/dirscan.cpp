@@ -20,6 +20,7 @@
 #include "core/strbase.h"
 #include "core/sys.h"
 #include "core/tree.h"
+#include "objcore.h"
 #include "syscalls.h"
 #include "tracer.h"
 
@@ -38,9 +39,6 @@ enum TraceId : int32_t {
 constexpr size_t kNameRoom = 2048;
 constexpr size_t kPathLimit = 20000;
 
-ObjectTemplate *gDirTemplate = nullptr;
-ObjectTemplate *gContextTemplate = nullptr;
-
 struct DIR_SCAN_DIR {
     char *pszName;
 };
@@ -54,14 +52,15 @@ struct ScanContext {
     BOOL bStopped;
 };
 
+constinit fh::ObjectType<DIR_SCAN_DIR> gDirType{DIR_SCAN_DIR_MAGIC, DIR_SCAN_DIR_FORMAT};
+
+constinit fh::ObjectType<ScanContext> gContextType{DIR_SCAN_RECURSIVE_CONTEXT_MAGIC, DIR_SCAN_RECURSIVE_CONTEXT_FORMAT};
+
 bool isDot(const char *name) { return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0')); }
 
 void ensureTemplates() {
-    if (gDirTemplate == nullptr)
-        ObjTemplateCreateInternal(&gDirTemplate, sizeof(DIR_SCAN_DIR), DIR_SCAN_DIR_MAGIC, DIR_SCAN_DIR_FORMAT, nullptr);
-    if (gContextTemplate == nullptr)
-        ObjTemplateCreateInternal(&gContextTemplate, sizeof(ScanContext), DIR_SCAN_RECURSIVE_CONTEXT_MAGIC,
-                                  DIR_SCAN_RECURSIVE_CONTEXT_FORMAT, nullptr);
+    gDirType.declare();
+    gContextType.declare();
 }
 
 // The path of a scan node: the names from the root down, each followed by
@@ -115,7 +114,7 @@ BOOL scanEntry(const char *directory, const char *entry, void *user) {
     memcpy(mempcpy(path, directory, strlen(directory)), entry, strlen(entry) + 1);
     struct stat status {};
     if (fh::retried([&] { return fh::sys().lstat(path, &status); }) == 0 && S_ISDIR(status.st_mode)) {
-        auto *dir = static_cast<DIR_SCAN_DIR *>(ObjTemplateNewInstanceFromPool(gDirTemplate, nullptr));
+        auto *dir = gDirType.newInstance(nullptr);
         dir->pszName = StrDuplicateIntoPool(entry, nullptr);
         TreePushItem(&dir, context.oNode, 1);
     }
@@ -188,9 +187,9 @@ int32_t DirScanDirectRecursive(const char *directory, DirScanFunction callback, 
     if (directory == nullptr || *directory == '\0' || callback == nullptr) return 0;
     ensureTemplates();
     TREE *tree = TreeNewFromPool(nullptr);
-    auto *root = static_cast<DIR_SCAN_DIR *>(ObjTemplateNewInstanceFromPool(gDirTemplate, nullptr));
+    auto *root = gDirType.newInstance(nullptr);
     root->pszName = StrDuplicateIntoPool(directory, nullptr);
-    auto *context = static_cast<ScanContext *>(ObjTemplateNewInstanceFromPool(gContextTemplate, nullptr));
+    auto *context = gContextType.newInstance(nullptr);
     context->oNode = TreePushRootItem(&root, tree);
     context->pfnCallback = callback;
     context->pUser = user;

@@ -14,7 +14,6 @@
 
 #include "core/context.h"
 #include "core/memory.h"
-#include "core/object.h"
 #include "core/strbase.h"
 #include "objcore.h"
 #include "sizes.h"
@@ -26,8 +25,6 @@ constexpr fh::ModuleTracer trace{"STRDYNAM        "};
 
 enum TraceId : int32_t { kIdNew = 1, kIdTooLong = 2 };
 
-ObjectTemplate *gTemplate = nullptr;
-
 inline char *text(const OBJ_DSTRING *s) { return static_cast<char *>(s->oText.pData); }
 
 // What a dynamic string read from elsewhere must be: the invariants above,
@@ -37,6 +34,8 @@ BOOL holdsTogether(const void *object) {
     return s->oText.pData != nullptr && s->iUsed >= 1 && s->iUsed <= s->oText.iSize &&
            static_cast<const char *>(s->oText.pData)[s->iUsed - 1] == '\0' && s->oReserved == nullptr;
 }
+
+constinit fh::ObjectType<OBJ_DSTRING> gType{OBJ_DSTRING_MAGIC, OBJ_DSTRING_FORMAT, fh::kReceivable, holdsTogether};
 
 // The capacity for a text of needed bytes: twice that, or what the 32-bit
 // capacity holds. A text that cannot fit at all is exhausted memory.
@@ -88,13 +87,12 @@ int32_t lastCharSize(const OBJ_DSTRING *s) {
 } // namespace
 
 OBJ_DSTRING *ObjDStringNewSized(const char *initial, int32_t minimum) {
-    if (gTemplate == nullptr)
-        fh::declareReceivable(&gTemplate, sizeof(OBJ_DSTRING), OBJ_DSTRING_MAGIC, OBJ_DSTRING_FORMAT, holdsTogether);
+    gType.declare();
     const char *from = initial != nullptr ? initial : "";
     trace(kIdNew, 0, 3, "Creating new dstring '%s'", from);
     const int64_t length = static_cast<int64_t>(strlen(from));
     const int32_t doubled = capacityFor(length + 1);
-    auto *s = static_cast<OBJ_DSTRING *>(ObjTemplateNewInstanceFromPool(gTemplate, nullptr));
+    auto *s = gType.newInstance(nullptr);
     const auto used = static_cast<int32_t>(length + 1);
     const int32_t capacity = doubled > minimum ? doubled : minimum;
     s->oText = {capacity, MemAllocateFromPool(static_cast<size_t>(capacity), nullptr)};

@@ -9,7 +9,6 @@
 #include <sys/stat.h>
 #include <sys/time.h>
 
-#include "core/context.h"
 #include "core/filesys.h"
 #include "core/memory.h"
 #include "core/sys.h"

@@ -23,6 +23,7 @@
 #include "core/memory.h"
 #include "core/object.h"
 #include "core/strbase.h"
+#include "objcore.h"
 #include "syscalls.h"
 #include "tracer.h"
 
@@ -49,15 +50,13 @@ struct OpenArgs {
     BOOL bLock;
 };
 
-ObjectTemplate *gStreamTemplate = nullptr;
-ObjectTemplate *gArgsTemplate = nullptr;
+constinit fh::ObjectType<FILE_STREAM> gStreamType{FILE_STREAM_MAGIC, FILE_STREAM_FORMAT};
+
+constinit fh::ObjectType<OpenArgs> gArgsType{FILE_STREAM_OPEN_ARGS_MAGIC, FILE_STREAM_OPEN_ARGS_FORMAT};
 
 void ensureTemplates() {
-    if (gStreamTemplate == nullptr)
-        ObjTemplateCreateInternal(&gStreamTemplate, sizeof(FILE_STREAM), FILE_STREAM_MAGIC, FILE_STREAM_FORMAT, nullptr);
-    if (gArgsTemplate == nullptr)
-        ObjTemplateCreateInternal(&gArgsTemplate, sizeof(OpenArgs), FILE_STREAM_OPEN_ARGS_MAGIC,
-                                  FILE_STREAM_OPEN_ARGS_FORMAT, nullptr);
+    gStreamType.declare();
+    gArgsType.declare();
 }
 
 inline int32_t accessOf(const FILE_STREAM *s) { return FILE_MODE_ACCESS(s->iMode); }
@@ -117,7 +116,7 @@ bool openStream(FILE_STREAM **out, const OpenArgs &args) {
               args.pszPath != nullptr ? args.pszPath : "(null)");
         return false;
     }
-    auto *s = static_cast<FILE_STREAM *>(ObjTemplateNewInstanceFromPool(gStreamTemplate, nullptr));
+    auto *s = gStreamType.newInstance(nullptr);
     s->iLockHandle = -1;
     s->iMode = args.iMode;
     const int32_t access = accessOf(s);
@@ -148,7 +147,7 @@ BOOL FileStreamOpen(FILE_STREAM **out, const char *path, int32_t mode) {
 
 BOOL FileStreamOpenTags(FILE_STREAM **out, int32_t first, ...) {
     ensureTemplates();
-    auto *args = static_cast<OpenArgs *>(ObjTemplateNewInstanceFromPool(gArgsTemplate, nullptr));
+    auto *args = gArgsType.newInstance(nullptr);
     args->bLock = TRUE;
     if (first == -2) {
         va_list pairs;

@@ -30,7 +30,7 @@ namespace {
 
 constexpr fh::ModuleTracer trace{"MAP        "};
 MemPool *gPool = nullptr;
-ObjectTemplate *gMapTemplate = nullptr;
+constinit fh::ObjectType<MAP> gMapType{MAP_MAGIC, MAP_FORMAT, MapReleaseEntries};
 constexpr int32_t kDefaultGrowth = 64;
 
 enum TraceId : int32_t { kIdTooLarge = 6 };
@@ -172,7 +172,7 @@ BOOL MapCreate(MAP **out, int32_t entrySize, int32_t growBy, MapCompareFunction 
                MapReleaseEntryFunction releaseEntry) {
     BOOL ok = out != nullptr && locate != nullptr && entrySize > 0 && growBy >= 0;
     if (ok) {
-        auto *map = static_cast<MAP *>(ObjTemplateNewInstanceFromPool(gMapTemplate, pool()));
+        auto *map = gMapType.newInstance(pool());
         if (map == nullptr) {
             trace(2, 0, 3, "Failed to create MAP object");
             ok = FALSE;
@@ -273,7 +273,7 @@ BOOL MapReleaseEntries(void *object) {
 }
 
 BOOL MapInitialize(void) {
-    return ObjTemplateCreateInternal(&gMapTemplate, sizeof(MAP), MAP_MAGIC, MAP_FORMAT, MapReleaseEntries);
+    return gMapType.declare();
 }
 
 BOOL MapInitializeThread(void) { return TRUE; }

@@ -38,6 +38,9 @@ ObjectTemplate *gtObjTemplateAddress = nullptr;
 
 namespace {
 
+constinit fh::ObjectType<MSG_ADDRESS> gAddressType{MSG_ADDRESS_MAGIC, MSG_ADDRESS_FORMAT, fh::kReceivable, nullptr,
+                                                  &gtObjTemplateAddress};
+
 constexpr fh::ModuleTracer trace{"MESSAGE        "};
 
 enum TraceId : int32_t {
@@ -49,7 +52,6 @@ enum TraceId : int32_t {
 MemPool *gPool = nullptr;
 MemPool *pool() { return gPool != nullptr ? gPool : (gPool = MemGetDefaultPoolId()); }
 
-static_assert(fh::formatPayloadSize(MSG_ADDRESS_FORMAT) == sizeof(MSG_ADDRESS), "MSG_ADDRESS as its format");
 
 // The well-known addresses, by process id; made once per process.
 struct WellKnown {
@@ -70,7 +72,7 @@ MSG_ADDRESS *wellKnown(int32_t id) {
 using fh::msgAddressOf;
 
 MSG_ADDRESS *newAddress(const char *machine, int32_t process) {
-    auto *a = static_cast<MSG_ADDRESS *>(ObjTemplateNewInstanceFromPool(gtObjTemplateAddress, pool()));
+    auto *a = gAddressType.newInstance(pool());
     if (a == nullptr) return nullptr;
     a->pszMachine = machine != nullptr ? StrDuplicateIntoPool(machine, pool()) : nullptr;
     a->iProcess = process;
@@ -164,10 +166,7 @@ void loopbackAddress(NetAddressT *address) {
 // ---- The module's part of start-up ----
 
 bool fh::msgAddressesInitialize() {
-    if (!ObjTemplateCreateInternal(&gtObjTemplateAddress, sizeof(MSG_ADDRESS), MSG_ADDRESS_MAGIC, MSG_ADDRESS_FORMAT,
-                                   nullptr) ||
-        !ObjTemplateSetReceivable(gtObjTemplateAddress, nullptr))
-        return false;
+    if (!gAddressType.declare()) return false;
     // Run again after a failed ladder, it keeps what it made.
     const char *machine = SysLocalMachineName();
     for (WellKnown &w : gWellKnown)
@@ -189,10 +188,8 @@ void fh::msgAddressesReleaseThread(LmContext *context) { ObjReleaseInternal(&con
 
 BOOL MsgMakeAddress(MSG_ADDRESS **address, const char *machineName, int32_t processId) {
     if (address == nullptr || gtObjTemplateAddress == nullptr) {
-        trace(kIdBadAddress, 0, -1, "MsgMakeAddress(%p, %s, %ld) - bad arguments", static_cast<void *>(address),
+        return trace.fault(FALSE, kIdBadAddress, 0, "MsgMakeAddress(%p, %s, %ld) - bad arguments", static_cast<void *>(address),
               machineName != nullptr ? machineName : "(null)", static_cast<long>(processId));
-        ProcCrash(0);
-        return FALSE;
     }
     *address = newAddress(machineName, processId);
     return *address != nullptr;
@@ -200,10 +197,8 @@ BOOL MsgMakeAddress(MSG_ADDRESS **address, const char *machineName, int32_t proc
 
 BOOL MsgCreateAddress(MSG_ADDRESS **address, const char *machineName, int32_t processId) {
     if (machineName == nullptr) {
-        trace(kIdBadAddress, 0, -1, "MsgCreateAddress(%p, (null), %ld) - no machine name",
+        return trace.fault(FALSE, kIdBadAddress, 0, "MsgCreateAddress(%p, (null), %ld) - no machine name",
               static_cast<void *>(address), static_cast<long>(processId));
-        ProcCrash(0);
-        return FALSE;
     }
     return MsgMakeAddress(address, machineName, processId);
 }

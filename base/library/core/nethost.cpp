@@ -35,10 +35,16 @@
 #include "core/context.h"
 #include "core/list.h"
 #include "core/memory.h"
+#include "core/net.h"
+#include "core/msgpacket.h"
+#include "core/msgsend.h"
 #include "core/object.h"
 #include "core/objwrappers.h"
 #include "core/strbase.h"
 #include "core/strwrap.h"
+#include "core/sys.h"
+#include "messages/msgmsg.h"
+#include "codec.h"
 #include "netcalls.h"
 #include "objcore.h"
 #include "tracer.h"
@@ -70,19 +76,17 @@ enum TraceId : int32_t {
     kIdInheritArguments = 118,
     kIdInheritCloseOnExec = 119,
     kIdInheritPhase2 = 120,
+    kIdInheritPhase4 = 121,
     kIdPortOutOfRange = 121,
 };
 
 MemPool *gPool = nullptr;
-ObjectTemplate *gInterfaceTemplate = nullptr;
-ObjectTemplate *gInheritTemplate = nullptr;
+constinit fh::ObjectType<NET_INTERFACE> gInterfaceType{NET_INTERFACE_MAGIC, NET_INTERFACE_FORMAT, fh::kReceivable};
+constinit fh::ObjectType<NET_INHERIT_CONTEXT> gInheritType{NET_INHERIT_CONTEXT_MAGIC, NET_INHERIT_CONTEXT_FORMAT,
+                                                           fh::kReceivable};
 LIST *gUnresolvable = nullptr; // addresses whose reverse look-up failed
 
 MemPool *pool() { return gPool != nullptr ? gPool : (gPool = MemGetDefaultPoolId()); }
-
-static_assert(fh::formatPayloadSize(NET_INTERFACE_FORMAT) == sizeof(NET_INTERFACE), "NET_INTERFACE as its format");
-static_assert(fh::formatPayloadSize(NET_INHERIT_CONTEXT_FORMAT) == sizeof(NET_INHERIT_CONTEXT),
-              "NET_INHERIT_CONTEXT as its format");
 
 constexpr uint32_t kLoopback = 0x7f000001;
 constexpr long kHighestPort = 65535;
@@ -94,8 +98,7 @@ using fh::repeated;
 // An IPv4 address in host order from the four bytes of a host entry or a
 // platform address, which are in network order.
 uint32_t fromNetworkBytes(const void *bytes) {
-    const auto *b = static_cast<const unsigned char *>(bytes);
-    return uint32_t{b[0]} << 24 | uint32_t{b[1]} << 16 | uint32_t{b[2]} << 8 | b[3];
+    return fh::readBe32(static_cast<const unsigned char *>(bytes));
 }
 
 // "a.b.c.d" with each part at most 255 and nothing behind it.
@@ -175,7 +178,7 @@ NET_INTERFACE *interfaceOf(int32_t socket, const ifreq &entry, int32_t port, con
     NetAddressT address{};
     NetInitializeIpAddress(&address, ip, port);
     if (listHoldsAddress(barred, &address)) return nullptr;
-    auto *object = static_cast<NET_INTERFACE *>(ObjTemplateNewInstanceFromPool(gInterfaceTemplate, pool()));
+    auto *object = gInterfaceType.newInstance(pool());
     object->oAddress = address;
     ifreq request = entry;
     if (interfaceRequest(socket, SIOCGIFFLAGS, &request)) {
@@ -286,9 +289,7 @@ NET_INHERIT_CONTEXT *inheritContext(const void *object) {
 } // namespace
 
 bool fh::netHostInitialize() {
-    if (!declareReceivable(&gInterfaceTemplate, sizeof(NET_INTERFACE), NET_INTERFACE_MAGIC, NET_INTERFACE_FORMAT) ||
-        !declareReceivable(&gInheritTemplate, sizeof(NET_INHERIT_CONTEXT), NET_INHERIT_CONTEXT_MAGIC,
-                           NET_INHERIT_CONTEXT_FORMAT))
+    if (!gInterfaceType.declare() || !gInheritType.declare())
         return false;
     // Run again after a failed ladder, it keeps the list it made.
     if (gUnresolvable == nullptr) gUnresolvable = ListNewFromPool(NET_ADDRESS_MAGIC, pool());
@@ -453,9 +454,7 @@ BOOL NetBarredAddresses(LIST **list) {
 BOOL NetBindThroughFirewallTyped(int32_t socket, uint32_t ipHostOrder, const char *stanza, BOOL isListening) {
     trace(kIdFirewallEntry, 0, 0, "NetBindThroughFirewallTyped(0x%x)", static_cast<unsigned>(socket));
     if (socket == -1) {
-        trace(kIdFirewallSocket, 0, -1, "NULL socket passed to NetBindThroughFirewallTyped");
-        ProcCrash(0);
-        return FALSE;
+        return trace.fault(FALSE, kIdFirewallSocket, 0, "NULL socket passed to NetBindThroughFirewallTyped");
     }
     LIST *values = stanza != nullptr ? firewallPorts(stanza, isListening) : nullptr;
     bool anyPort = false, bound = false;
@@ -478,10 +477,8 @@ BOOL NetBindThroughFirewall(int32_t socket) { return NetBindThroughFirewallTyped
 
 BOOL NetInheritPhase1(NET_INHERIT_CONTEXT **context, int32_t socket) {
     if (context == nullptr || socket == -1) {
-        trace(kIdInheritArguments, 0, -1, "NetInheritPhase1: invalid arguments %p %ld", static_cast<void *>(context),
+        return trace.fault(FALSE, kIdInheritArguments, 0, "NetInheritPhase1: invalid arguments %p %ld", static_cast<void *>(context),
               static_cast<long>(socket));
-        ProcCrash(0);
-        return FALSE;
     }
     const int flags = repeated([&] { return calls().fcntl(socket, F_GETFD, 0); });
     if (flags == -1 || repeated([&] { return calls().fcntl(socket, F_SETFD, flags & ~FD_CLOEXEC); }) == -1) {
@@ -489,7 +486,7 @@ BOOL NetInheritPhase1(NET_INHERIT_CONTEXT **context, int32_t socket) {
               strerror(errno));
         return FALSE;
     }
-    auto *made = static_cast<NET_INHERIT_CONTEXT *>(ObjTemplateNewInstanceFromPool(gInheritTemplate, pool()));
+    auto *made = gInheritType.newInstance(pool());
     made->iSerial = ++gtLmContext.iNetInheritCounter;
     made->iSocket = socket;
     made->iOwner = static_cast<int32_t>(getpid());
@@ -500,14 +497,43 @@ BOOL NetInheritPhase1(NET_INHERIT_CONTEXT **context, int32_t socket) {
 BOOL NetInheritPhase2(NET_INHERIT_CONTEXT *context, int32_t processId) {
     NET_INHERIT_CONTEXT *c = inheritContext(context);
     if (c == nullptr || c->iSocket == -1) {
-        trace(kIdInheritPhase2, 0, -1, "NetInheritPhase2: invalid arguments %p %ld", static_cast<void *>(context),
+        return trace.fault(FALSE, kIdInheritPhase2, 0, "NetInheritPhase2: invalid arguments %p %ld", static_cast<void *>(context),
               static_cast<long>(processId));
-        ProcCrash(0);
-        return FALSE;
     }
     c->iTarget = processId;
     int32_t ownCopy = c->iSocket; // the number stays in the context for the other process
     return NetClose(&ownCopy);
+}
+
+namespace {
+
+// Sends the context to process id on this machine.
+BOOL sendContext(const NET_INHERIT_CONTEXT *context, int32_t processId, int32_t type) {
+    MSG_ADDRESS *to = nullptr;
+    if (!MsgCreateAddress(&to, SysLocalMachineName(), processId)) return FALSE;
+    const BOOL sent = MsgSendObject(to, type, context);
+    ObjReleaseInternal(&to);
+    return sent;
+}
+
+} // namespace
+
+BOOL NetInheritPhase3(NET_INHERIT_CONTEXT *context, int32_t processId) {
+    const NET_INHERIT_CONTEXT *c = inheritContext(context);
+    return c != nullptr && sendContext(c, processId, MSG_INHERIT_SOCKET_MSG);
+}
+
+BOOL NetInheritPhase4(int32_t *socket, NET_INHERIT_CONTEXT *context) {
+    NET_INHERIT_CONTEXT *c = inheritContext(context);
+    if (socket == nullptr || c == nullptr || c->iSocket == -1) {
+        trace(kIdInheritPhase4, 0, -1, "NetInheritPhase4: invalid arguments %p %p %ld", static_cast<void *>(socket),
+              static_cast<void *>(context), static_cast<long>(c != nullptr ? c->iSocket : -1));
+        return FALSE;
+    }
+    *socket = c->iSocket;
+    c->iSocket = -1;
+    c->bInherited = TRUE;
+    return sendContext(c, c->iOwner, MSG_INHERITED_SOCKET_MSG);
 }
 
 BOOL NetInheritDone(NET_INHERIT_CONTEXT **context) {

@@ -15,6 +15,8 @@
 
 namespace fh {
 
+struct ContainerOperations; // objcontainer.h
+
 // The header in front of an object's payload, its start magic (compared
 // inline by the accessors that run on every message), and the pool of its
 // block, which stands directly in front of the header.
@@ -153,6 +155,71 @@ constexpr int64_t formatPayloadSize(const char *format) {
 static_assert(formatPayloadSize("b;c5;") == 12 && formatPayloadSize("i;c5;b;") == 16 && formatPayloadSize("c3l;i;") == 8 &&
               formatPayloadSize("i;x;i;") == 4);
 
+// ---- Declared types
+//
+// A type of this library is declared in one line from its C struct, magic
+// and format: fh::ObjectType<T> is made at compile time (constinit), which
+// proves that T is laid out as its format, and declare() makes its template
+// once (ObjTemplateCreateInternal), marked receivable when the type may
+// arrive from elsewhere (see below).
+
+// Not defined: reaching it while a type is made at compile time stops the
+// build, because the struct is not laid out as its format.
+void structIsNotLaidOutAsItsFormat();
+
+inline constexpr struct Receivable {
+} kReceivable;
+
+class DeclaredType {
+  public:
+    consteval DeclaredType(int32_t size, int64_t formatSize, uint32_t magic, const char *format,
+                           ObjReleaseCallback release, bool receivable, ObjReceivedCheck check,
+                           ObjectTemplate **exported, const ContainerOperations *operations = nullptr)
+        : size_(size), magic_(magic), format_(format), release_(release), receivable_(receivable), check_(check),
+          exported_(exported), operations_(operations) {
+        if (formatSize != size) structIsNotLaidOutAsItsFormat();
+    }
+
+    // Makes the template unless it is made already, and stores it in the
+    // exported template variable if the type has one; false when it cannot
+    // be made or marked (traced by the object core).
+    bool declare();
+    ObjectTemplate *get() const { return template_; }
+    int32_t size() const { return size_; }
+    uint32_t magic() const { return magic_; }
+
+  private:
+    int32_t size_;
+    uint32_t magic_;
+    const char *format_;
+    ObjReleaseCallback release_;
+    bool receivable_;
+    ObjReceivedCheck check_;
+    ObjectTemplate **exported_;
+    const ContainerOperations *operations_;
+    ObjectTemplate *template_ = nullptr;
+};
+
+template <typename T> class ObjectType : public DeclaredType {
+  public:
+    // exported: the template variable of the interface (gtObjTemplate...)
+    // that holds the template once it is made, if the type has one.
+    consteval ObjectType(uint32_t magic, const char *format, ObjReleaseCallback release = nullptr,
+                         ObjectTemplate **exported = nullptr)
+        : DeclaredType(sizeof(T), formatPayloadSize(format), magic, format, release, false, nullptr, exported) {}
+    consteval ObjectType(uint32_t magic, const char *format, Receivable, ObjReceivedCheck check = nullptr,
+                         ObjectTemplate **exported = nullptr)
+        : DeclaredType(sizeof(T), formatPayloadSize(format), magic, format, nullptr, true, check, exported) {}
+    // A container type, with its table of operations (objcontainer.h).
+    consteval ObjectType(uint32_t magic, const char *format, const ContainerOperations *operations)
+        : DeclaredType(sizeof(T), formatPayloadSize(format), magic, format, nullptr, false, nullptr, nullptr,
+                       operations) {}
+
+    // A new instance from pool (null: the default pool), as
+    // ObjTemplateNewInstanceFromPool makes it of the template as it stands.
+    T *newInstance(MemPool *from) const { return static_cast<T *>(ObjTemplateNewInstanceFromPool(get(), from)); }
+};
+
 // Blocks that templates, the template table and run-time names hold until
 // the process ends; a leak check leaves them out.
 int32_t objectTemplateBlocks();
@@ -162,16 +229,11 @@ int32_t objectTemplateBlocks();
 // A reader of bytes from elsewhere makes objects of two kinds of template
 // only: those made for a received format (Foreign, no release callback),
 // and declared ones that their module marked receivable
-// (ObjTemplateSetReceivable). A receivable template with a release
+// (ObjTemplateSetReceivable, or fh::kReceivable above). A receivable template with a release
 // callback or a p component, or with fields that must agree, carries a
 // check: it sees each object so made once its components are read, and a
 // FALSE answer refuses the object.
 enum class Reception { kRefused, kPlain, kChecked };
-
-// How a module declares a type that may arrive from elsewhere, in one call:
-// the template as ObjTemplateCreateInternal gets it, marked receivable.
-bool declareReceivable(ObjectTemplate **templateVariable, int32_t size, uint32_t magic, const char *format,
-                       ObjReceivedCheck check = nullptr);
 
 // What a reader of bytes from elsewhere may do with a template, and the
 // check it runs (null for kPlain).

@@ -10,12 +10,13 @@
 #include "core/memory.h"
 #include "core/object.h"
 #include "mapcore.h"
+#include "objcore.h"
 #include "tracer.h"
 
 namespace {
 
 constexpr fh::ModuleTracer trace{"OBJMAP        "};
-ObjectTemplate *gObjMapTemplate = nullptr;
+constinit fh::ObjectType<OBJ_MAP> gObjMapType{OBJ_MAP_MAGIC, OBJ_MAP_FORMAT, ObjMapReleaseEntries};
 constexpr int32_t kEntry = sizeof(void *);
 
 inline bool isObjMap(const OBJ_MAP *map) { return map != nullptr && ObjCheckTypeInternal(map, OBJ_MAP_MAGIC); }
@@ -61,7 +62,7 @@ BOOL ObjMapCreateInternal(OBJ_MAP **out, uint32_t itemMagic, int32_t growBy, Map
                           MapCompareFunction find, MapReleaseEntryFunction releaseEntry) {
     BOOL ok = out != nullptr && locate != nullptr && OBJ_VALID_MAGIC(itemMagic) && growBy >= 0;
     if (ok) {
-        auto *map = static_cast<OBJ_MAP *>(ObjTemplateNewInstanceFromPool(gObjMapTemplate, MemGetDefaultPoolId()));
+        auto *map = gObjMapType.newInstance(MemGetDefaultPoolId());
         if (map == nullptr) {
             trace(2, 0, 3, "Failed to create OBJ_MAP object");
             ok = FALSE;
@@ -178,8 +179,7 @@ int32_t ObjMapAddressFind(const void *key, const void *stored) {
 }
 
 BOOL ObjMapInitialize(void) {
-    return ObjTemplateCreateInternal(&gObjMapTemplate, sizeof(OBJ_MAP), OBJ_MAP_MAGIC, OBJ_MAP_FORMAT,
-                                     ObjMapReleaseEntries);
+    return gObjMapType.declare();
 }
 
 BOOL ObjMapInitializeThread(void) { return TRUE; }

@@ -1,8 +1,8 @@
 // objwrappers.cpp - the simple object types: one value per object.
 //
-// Eight types, one mechanism. kTypes holds per type its magic, its format,
-// its payload size and the report of its Create form; Payloads names the
-// payload structs in the same order. From those, payload<T>(object) gives
+// Eight types, one mechanism. kTypes holds per type its magic, its format
+// and the report of its Create form; Payloads names the payload structs in
+// the same order, and gTypes declares each type from both. From those, payload<T>(object) gives
 // "the payload if the object is exactly a T, else null", make<T> builds a
 // T, create<T> is the Create form over a New form, and read and update are
 // the getters and setters, so each exported entry is a line or three.
@@ -13,6 +13,7 @@
 // each, so all eight may arrive from elsewhere (objserial.h).
 #include "core/objwrappers.h"
 
+#include <algorithm>
 #include <cstring>
 #include <iterator>
 #include <tuple>
@@ -37,7 +38,6 @@ MemPool *pool() { return gPool != nullptr ? gPool : (gPool = MemGetDefaultPoolId
 struct SimpleType {
     uint32_t magic;
     const char *format;
-    size_t size;
     int32_t createId; // 0: a null out pointer is not reported
     const char *createError;
     bool readByGetValue; // ObjGetValue copies the whole payload
@@ -48,25 +48,24 @@ using Payloads =
 
 // In the order of registration.
 constexpr SimpleType kTypes[] = {
-    {OBJ_BOOLEAN_MAGIC, OBJ_BOOLEAN_FORMAT, sizeof(OBJ_BOOLEAN), 93, "Invalid Argument", true},
-    {OBJ_INTEGER_MAGIC, OBJ_INTEGER_FORMAT, sizeof(OBJ_INTEGER), 94, "Invalid Argument", true},
-    {OBJ_INT64_MAGIC, OBJ_INT64_FORMAT, sizeof(OBJ_INT64), 95, "Invalid Argument", true},
-    {OBJ_STRING_MAGIC, OBJ_STRING_FORMAT, sizeof(OBJ_STRING), 96, "Invalid Argument", true},
-    {OBJ_DATA_FIELD_MAGIC, OBJ_DATA_FIELD_FORMAT, sizeof(OBJ_DATA_FIELD), 97, "Invalid Argument", false},
-    {OBJ_STANZA_MAGIC, OBJ_STANZA_FORMAT, sizeof(OBJ_STANZA), 98, "Invalid Argument", true},
-    {OBJ_UNIQUE_MAGIC, OBJ_UNIQUE_FORMAT, sizeof(OBJ_UNIQUE), 0, nullptr, true},
-    {OBJ_VIEWABLE_MAGIC, OBJ_VIEWABLE_FORMAT, sizeof(OBJ_VIEWABLE), 151, "Invalid Arguments", false},
+    {OBJ_BOOLEAN_MAGIC, OBJ_BOOLEAN_FORMAT, 93, "Invalid Argument", true},
+    {OBJ_INTEGER_MAGIC, OBJ_INTEGER_FORMAT, 94, "Invalid Argument", true},
+    {OBJ_INT64_MAGIC, OBJ_INT64_FORMAT, 95, "Invalid Argument", true},
+    {OBJ_STRING_MAGIC, OBJ_STRING_FORMAT, 96, "Invalid Argument", true},
+    {OBJ_DATA_FIELD_MAGIC, OBJ_DATA_FIELD_FORMAT, 97, "Invalid Argument", false},
+    {OBJ_STANZA_MAGIC, OBJ_STANZA_FORMAT, 98, "Invalid Argument", true},
+    {OBJ_UNIQUE_MAGIC, OBJ_UNIQUE_FORMAT, 0, nullptr, true},
+    {OBJ_VIEWABLE_MAGIC, OBJ_VIEWABLE_FORMAT, 151, "Invalid Arguments", false},
 };
 constexpr int32_t kDataFieldNoCopyCreateId = 175;
-ObjectTemplate *gTemplates[std::size(kTypes)];
-
-template <size_t... I> constexpr bool laidOutAsFormats(std::index_sequence<I...>) {
-    return ((kTypes[I].size == sizeof(std::tuple_element_t<I, Payloads>) &&
-             fh::formatPayloadSize(kTypes[I].format) == static_cast<int64_t>(kTypes[I].size)) &&
-            ...);
-}
 static_assert(std::tuple_size_v<Payloads> == std::size(kTypes), "one payload struct per type");
-static_assert(laidOutAsFormats(std::make_index_sequence<std::size(kTypes)>{}), "payloads are laid out as formats");
+
+// Each type declared from its payload struct, which proves its layout.
+template <size_t... I> consteval auto declaredTypes(std::index_sequence<I...>) {
+    return std::array<fh::DeclaredType, sizeof...(I)>{
+        fh::ObjectType<std::tuple_element_t<I, Payloads>>{kTypes[I].magic, kTypes[I].format, fh::kReceivable}...};
+}
+constinit auto gTypes = declaredTypes(std::make_index_sequence<std::size(kTypes)>{});
 
 template <typename T, size_t I = 0> constexpr size_t kindOf() {
     if constexpr (std::is_same_v<T, std::tuple_element_t<I, Payloads>>)
@@ -85,7 +84,7 @@ template <typename T> T *payload(const void *object) {
 
 // A new T from the module's pool, its payload filled in by fill.
 template <typename T, typename Fill> T *make(Fill fill) {
-    auto *object = static_cast<T *>(ObjTemplateNewInstanceFromPool(gTemplates[kindOf<T>()], pool()));
+    auto *object = static_cast<T *>(ObjTemplateNewInstanceFromPool(gTypes[kindOf<T>()].get(), pool()));
     if (object != nullptr) fill(*object);
     return object;
 }
@@ -280,21 +279,16 @@ BOOL ObjUniqueSameSessionId(const void *, const void *) { return FALSE; }
 BOOL ObjGetValue(void *out, const void *object) {
     uint32_t magic = 0;
     if (out == nullptr || !ObjGetMagic(object, &magic)) return FALSE;
-    for (const SimpleType &type : kTypes) {
-        if (type.magic != magic || !type.readByGetValue) continue;
-        memcpy(out, object, type.size);
+    for (size_t i = 0; i < std::size(kTypes); ++i) {
+        if (kTypes[i].magic != magic || !kTypes[i].readByGetValue) continue;
+        memcpy(out, object, static_cast<size_t>(gTypes[i].size()));
         return TRUE;
     }
     return FALSE;
 }
 
 BOOL ObjWrappersInitialize(void) {
-    for (size_t i = 0; i < std::size(kTypes); ++i) {
-        const SimpleType &type = kTypes[i];
-        if (!fh::declareReceivable(&gTemplates[i], static_cast<int32_t>(type.size), type.magic, type.format))
-            return FALSE;
-    }
-    return TRUE;
+    return std::all_of(gTypes.begin(), gTypes.end(), [](fh::DeclaredType &type) { return type.declare(); });
 }
 
 BOOL ObjWrappersInitializeThread(void) { return TRUE; }

@@ -49,15 +49,13 @@ enum TraceId : int32_t {
 
 constexpr size_t kLongestWorkingDirectory = 2048;
 
-ObjectTemplate *gLockTemplate = nullptr;
-ObjectTemplate *gMountTemplate = nullptr;
+constinit fh::ObjectType<PATH_LOCK> gLockType{PATH_LOCK_MAGIC, PATH_LOCK_FORMAT};
+
+constinit fh::ObjectType<PATH_FH_MOUNT_POINT> gMountType{PATH_FH_MOUNT_POINT_MAGIC, PATH_FH_MOUNT_POINT_FORMAT};
 
 void ensureTemplates() {
-    if (gLockTemplate == nullptr)
-        ObjTemplateCreateInternal(&gLockTemplate, sizeof(PATH_LOCK), PATH_LOCK_MAGIC, PATH_LOCK_FORMAT, nullptr);
-    if (gMountTemplate == nullptr)
-        ObjTemplateCreateInternal(&gMountTemplate, sizeof(PATH_FH_MOUNT_POINT), PATH_FH_MOUNT_POINT_MAGIC,
-                                  PATH_FH_MOUNT_POINT_FORMAT, nullptr);
+    gLockType.declare();
+    gMountType.declare();
 }
 
 // The entry itself is a directory (a symbolic link never is).
@@ -182,7 +180,7 @@ int32_t PathLock(PATH_LOCK **out, const char *path, int32_t kind) {
         return 2;
     }
     ensureTemplates();
-    auto *lock = static_cast<PATH_LOCK *>(ObjTemplateNewInstanceFromPool(gLockTemplate, nullptr));
+    auto *lock = gLockType.newInstance(nullptr);
     lock->iHandle = -1;
     lock->pszPath = StrCat(path, ".lck", static_cast<char *>(nullptr));
     if (!FileSysOpen(&lock->iHandle, lock->pszPath, FILE_MODE_LOCK_FILE)) {
@@ -220,7 +218,7 @@ BOOL PathUnixMountPoints(LIST **out) {
     LIST *list = ListNewFromPool(PATH_FH_MOUNT_POINT_MAGIC, nullptr);
     for (const mntent *entry; (entry = getmntent(table)) != nullptr;) {
         if (strcmp(entry->mnt_type, "ignore") == 0) continue;
-        auto *m = static_cast<PATH_FH_MOUNT_POINT *>(ObjTemplateNewInstanceFromPool(gMountTemplate, nullptr));
+        auto *m = gMountType.newInstance(nullptr);
         m->mount_dir = StrDuplicateIntoPool(entry->mnt_dir, nullptr);
         m->device = StrDuplicateIntoPool(entry->mnt_fsname, nullptr);
         m->mount_class = mountClass(entry->mnt_type);

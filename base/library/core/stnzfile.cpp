@@ -64,11 +64,8 @@ enum TraceId : int32_t {
     kIdBadCopy = 13,
 };
 
-static_assert(fh::formatPayloadSize(STNZ_FILE_FORMAT) == sizeof(STNZ_FILE));
-static_assert(fh::formatPayloadSize(STNZ_DYNAMIC_LIST_FORMAT) == sizeof(STNZ_DYNAMIC_LIST));
-
-ObjectTemplate *gFileTemplate = nullptr;
-ObjectTemplate *gDynamicListTemplate = nullptr;
+constinit fh::ObjectType<STNZ_FILE> gFileType{STNZ_FILE_MAGIC, STNZ_FILE_FORMAT};
+constinit fh::ObjectType<STNZ_DYNAMIC_LIST> gDynamicListType{STNZ_DYNAMIC_LIST_MAGIC, STNZ_DYNAMIC_LIST_FORMAT};
 
 using View = std::string_view;
 
@@ -508,16 +505,11 @@ bool writable(const Stanza *stanza) {
 // ---- The open file ----------------------------------------------------------
 
 bool fileTemplate() {
-    if (gFileTemplate == nullptr)
-        ObjTemplateCreateInternal(&gFileTemplate, sizeof(STNZ_FILE), STNZ_FILE_MAGIC, STNZ_FILE_FORMAT, nullptr);
-    return gFileTemplate != nullptr;
+    return gFileType.declare();
 }
 
 bool dynamicListTemplate() {
-    if (gDynamicListTemplate == nullptr)
-        ObjTemplateCreateInternal(&gDynamicListTemplate, sizeof(STNZ_DYNAMIC_LIST), STNZ_DYNAMIC_LIST_MAGIC,
-                                  STNZ_DYNAMIC_LIST_FORMAT, nullptr);
-    return gDynamicListTemplate != nullptr;
+    return gDynamicListType.declare();
 }
 
 inline bool hasStream(const STNZ_FILE *file) { return file != nullptr && file->pStream != nullptr; }
@@ -809,7 +801,7 @@ BOOL StnzOpenFile(STNZ_FILE **out, const char *path, int32_t mode) {
     if (out == nullptr || isEmpty(path) || !fileTemplate()) return FALSE;
     FILE_STREAM *stream = nullptr;
     if (!FileStreamOpen(&stream, path, mode)) return FALSE;
-    auto *file = static_cast<STNZ_FILE *>(ObjTemplateNewInstanceFromPool(gFileTemplate, nullptr));
+    auto *file = gFileType.newInstance(nullptr);
     if (file == nullptr) {
         FileStreamClose(&stream);
         return FALSE;
@@ -1150,7 +1142,7 @@ BOOL StnzLoadDynamicStanzaListFromFile(STNZ_DYNAMIC_LIST **out, const char *path
     LIST *list = nullptr;
     if (!StnzLoadStanzaListFromFile(&list, path)) return FALSE;
     auto *dynamicList =
-        static_cast<STNZ_DYNAMIC_LIST *>(ObjTemplateNewInstanceFromPool(gDynamicListTemplate, nullptr));
+        gDynamicListType.newInstance(nullptr);
     if (dynamicList == nullptr) {
         ObjReleaseInternal(&list);
         return FALSE;

@@ -25,6 +25,7 @@
 #include "core/net.h"
 #include "core/object.h"
 #include "core/strbase.h"
+#include "objcore.h"
 #include "seams.h"
 #include "syscalls.h"
 #include "tracer.h"
@@ -49,7 +50,7 @@ enum TraceId : int32_t {
 constexpr size_t kMachineNameMax = 63;
 
 MemPool *gPool = nullptr;
-ObjectTemplate *gStatTemplate = nullptr;
+constinit fh::ObjectType<SYS_STAT> gStatType{SYS_STAT_MAGIC, SYS_STAT_FORMAT};
 char *gMachineName = nullptr;
 
 MemPool *pool() { return gPool != nullptr ? gPool : (gPool = MemGetDefaultPoolId()); }
@@ -67,7 +68,7 @@ fh::SystemCalls gCalls = kPlatform;
 // Makes a SYS_STAT, fills it with stat, and hands it out on success.
 template <typename Stat> BOOL statObject(SYS_STAT **out, Stat stat) {
     if (out == nullptr) return stat(nullptr);
-    auto *object = static_cast<SYS_STAT *>(ObjTemplateNewInstanceFromPool(gStatTemplate, nullptr));
+    auto *object = gStatType.newInstance(nullptr);
     if (!stat(object)) {
         ObjReleaseInternal(&object);
         return FALSE;
@@ -265,7 +266,7 @@ BOOL SysSetLocale(void) { return FALSE; }
 BOOL SysIsDefaultLocale(void) { return TRUE; }
 
 BOOL SysInitialize(void) {
-    return ObjTemplateCreateInternal(&gStatTemplate, sizeof(SYS_STAT), SYS_STAT_MAGIC, SYS_STAT_FORMAT, nullptr);
+    return gStatType.declare();
 }
 
 BOOL SysInitializeThread(void) { return TRUE; }

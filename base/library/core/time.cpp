@@ -33,8 +33,8 @@ enum TraceId : int32_t {
 // The largest difference in seconds whose milliseconds fit in 32 bits.
 constexpr int32_t kLargestLeft = 2147482;
 
-ObjectTemplate *gTimeoutTemplate = nullptr;
-ObjectTemplate *gOffsetTemplate = nullptr;
+constinit fh::ObjectType<TIME_TIMEOUT> gTimeoutType{TIME_TIMEOUT_MAGIC, TIME_TIMEOUT_FORMAT, fh::kReceivable};
+constinit fh::ObjectType<TIME_OFFSET> gOffsetType{TIME_OFFSET_MAGIC, TIME_OFFSET_FORMAT, fh::kReceivable};
 
 struct Moment {
     int32_t seconds;
@@ -114,18 +114,18 @@ template <typename F> BOOL setTimeout(TIME_TIMEOUT *timeout, F value) {
 
 } // namespace
 
-BOOL TimeCreateTimeout(TIME_TIMEOUT **out) { return create(out, gTimeoutTemplate, kNever); }
+BOOL TimeCreateTimeout(TIME_TIMEOUT **out) { return create(out, gTimeoutType.get(), kNever); }
 
 BOOL TimeCreateAndSetTimeout(TIME_TIMEOUT **out, int32_t seconds, int32_t milliseconds) {
-    return create(out, gTimeoutTemplate, plus(now(), {seconds, milliseconds}));
+    return create(out, gTimeoutType.get(), plus(now(), {seconds, milliseconds}));
 }
 
 BOOL TimeTimeoutClone(TIME_TIMEOUT **out, const TIME_TIMEOUT *source) {
-    return source != nullptr && create(out, gTimeoutTemplate, read(source));
+    return source != nullptr && create(out, gTimeoutType.get(), read(source));
 }
 
 BOOL TimeCreateOffset(TIME_OFFSET **out, int32_t seconds, int32_t milliseconds) {
-    return create(out, gOffsetTemplate, {seconds, milliseconds});
+    return create(out, gOffsetType.get(), {seconds, milliseconds});
 }
 
 BOOL TimeSetOffset(TIME_OFFSET *offset, int32_t seconds, int32_t milliseconds) {
@@ -219,8 +219,8 @@ int64_t TimeNowAsInt64(void) {
 // Timeouts and offsets are two plain words: any bytes make one, so both may
 // arrive from elsewhere.
 BOOL TimeInitialize(void) {
-    return fh::declareReceivable(&gTimeoutTemplate, sizeof(TIME_TIMEOUT), TIME_TIMEOUT_MAGIC, TIME_TIMEOUT_FORMAT) &&
-           fh::declareReceivable(&gOffsetTemplate, sizeof(TIME_OFFSET), TIME_OFFSET_MAGIC, TIME_OFFSET_FORMAT);
+    return gTimeoutType.declare() &&
+           gOffsetType.declare();
 }
 
 BOOL TimeInitializeThread(void) { return TRUE; }
