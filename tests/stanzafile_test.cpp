@@ -533,7 +533,8 @@ TEST_F(StanzaFileTest, ConcurrentKeyAddsLoseNothing) {
     for (pid_t child : children) {
         int status = 0;
         ASSERT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        EXPECT_TRUE(WIFEXITED(status));
+        EXPECT_TRUE(WEXITSTATUS(status) == 0);
     }
     Stanza *stanza = nullptr;
     ASSERT_TRUE(StnzLoadStanzaFromFile(&stanza, path.c_str(), "shared", "keys"));
