@@ -44,6 +44,9 @@ class ObjectReader {
     // An object whose body is being read; nesting is bounded.
     virtual bool enter(void *object) = 0;
     virtual void leave() = 0;
+    // The end of a container's read: *out = container when ok; else the
+    // container is released and its id forgotten. Gives ok.
+    virtual bool settle(bool ok, int32_t id, void *container, void **out) = 0;
 };
 
 // The walker, for the nodes of a container.
