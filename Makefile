@@ -12,7 +12,7 @@ FUZZ_TIMEOUT ?= 20
 
 CMAKE_FLAGS = -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all configure build demo test test32 sanitize bench fuzz install clean format
+.PHONY: all configure build demo test test32 sanitize bench bench-build fuzz fuzz-build install clean format
 
 all: build
 
@@ -50,18 +50,31 @@ sanitize:
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 		ctest --output-on-failure -j $(JOBS) -E '^Install\.'
 
-bench:
-	@test -f /usr/include/spdlog/spdlog.h || (apt-get update -qq && apt-get install -y -qq libspdlog-dev)
-	@test -f /usr/include/msgpack.h || (apt-get update -qq && apt-get install -y -qq libmsgpack-dev)
-	@test -f /usr/include/ini.h || (apt-get update -qq && apt-get install -y -qq libinih-dev)
+# Installs a Debian package when a file it brings is missing, and says so in
+# one line: $(call need,FILE,PACKAGE).
+need = @test -e $(1) || { echo "make $@: installing $(2)"; apt-get update -qq >/dev/null 2>&1 || true; \
+	apt-get install -y -qq $(2) >/dev/null; }
+
+# The benchmarks and fuzz targets built without being run: what CI does, so
+# that neither rots unnoticed.
+bench-build:
+	$(call need,/usr/include/benchmark/benchmark.h,libbenchmark-dev)
+	$(call need,/usr/include/spdlog/spdlog.h,libspdlog-dev)
+	$(call need,/usr/include/msgpack.h,libmsgpack-dev)
+	$(call need,/usr/include/ini.h,libinih-dev)
 	cmake -S . -B $(BENCH_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DFHCORE_TESTS=OFF -DFHCORE_EXAMPLES=OFF -DFHCORE_BENCH=ON
 	cmake --build $(BENCH_BUILD) -j $(JOBS)
+
+bench: bench-build
 	@for b in $(BENCH_BUILD)/bin/bench/*; do $$b || exit 1; done
 
-fuzz:
+fuzz-build:
+	$(call need,/usr/bin/clang++,clang)
 	cmake -S . -B $(FUZZ_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang \
 		-DCMAKE_CXX_COMPILER=clang++ -DFHCORE_TESTS=OFF -DFHCORE_EXAMPLES=OFF -DFHCORE_FUZZ=ON
 	cmake --build $(FUZZ_BUILD) -j $(JOBS)
+
+fuzz: fuzz-build
 	@for f in $(FUZZ_BUILD)/bin/fuzz/*; do \
 		name=$$(basename $$f); mkdir -p $(FUZZ_BUILD)/corpus/$$name; \
 		echo "== $$name for $(FUZZ_SECONDS)s"; \

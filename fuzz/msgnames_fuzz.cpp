@@ -17,15 +17,11 @@
 
 #include "core/fhcore.h"
 #include "objcore.h"
+#include "leakcheck.h"
 
 namespace {
 
-#define CHECK(condition)                                                                                               \
-    do {                                                                                                               \
-        if (!(condition)) abort();                                                                                     \
-    } while (0)
 
-int32_t blocksInUse() { return MemUsedCount() - fh::objectTemplateBlocks(); }
 
 uint64_t littleEndian(const uint8_t *bytes, int count) {
     uint64_t value = 0;
@@ -72,7 +68,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 14 || size > 4096) return 0;
-    const int32_t blocksBefore = blocksInUse(), objectsBefore = ObjCount();
+    const InUse before;
     const auto id = static_cast<int32_t>(littleEndian(data, 4));
     const auto bufferSize = static_cast<int32_t>(littleEndian(data + 4, 2) % 512) + 1;
     const auto value = static_cast<int64_t>(littleEndian(data + 6, 8));
@@ -99,6 +95,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         CHECK(MsgInitializeThread());
     }
     free(name);
-    CHECK(blocksInUse() == blocksBefore && ObjCount() == objectsBefore);
+    CHECK(!before.leaked());
     return 0;
 }

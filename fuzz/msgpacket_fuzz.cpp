@@ -24,6 +24,7 @@
 #include "core/fhcore.h"
 #include "netcalls.h"
 #include "seams.h"
+#include "leakcheck.h"
 
 namespace {
 
@@ -109,7 +110,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 1 || size > 1 << 20) return 0;
-    const int32_t objectsBefore = ObjCount();
+    const InUse before;
     const uint8_t *rest = data + 1;
     const size_t length = size - 1;
     switch (data[0] % 4) {
@@ -118,7 +119,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     case 2: scanName(rest, length); break;
     default: walkPorts(rest, std::min<size_t>(length, 4000)); break;
     }
-    if (ObjCount() != objectsBefore) abort();
+    CHECK(!before.objectsLeaked());
     fh::objectForgetUnusedForeignTemplates();
     return 0;
 }

@@ -20,6 +20,7 @@
 #include "objcore.h"
 #include "seams.h"
 #include "sizes.h"
+#include "leakcheck.h"
 
 namespace {
 
@@ -61,7 +62,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size > 1 << 20) return 0;
-    const int32_t objectsBefore = ObjCount();
+    const InUse before;
     bool ok = false;
     void *object = readBounded(data, size, ok);
     if (ok) {
@@ -77,7 +78,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         ObjReleaseInternal(&copy);
         ObjReleaseInternal(&object);
     }
-    if (object != nullptr || ObjCount() != objectsBefore) abort();
+    CHECK(object == nullptr && !before.objectsLeaked());
     fh::objectForgetUnusedForeignTemplates(); // each input starts with the declared types only
     return 0;
 }

@@ -13,13 +13,13 @@
 #include "core/fhcore.h"
 #include "objcore.h"
 #include "seams.h"
+#include "leakcheck.h"
 
 namespace {
 
 char gFile[] = "/tmp/path_fuzz-XXXXXX";
 int gHandle = -1;
 
-int32_t blocksInUse() { return MemUsedCount() - fh::objectTemplateBlocks(); }
 
 void readFiles(const uint8_t *data, size_t size) {
     if (ftruncate(gHandle, 0) != 0 || pwrite(gHandle, data, size, 0) != static_cast<ssize_t>(size)) abort();
@@ -59,10 +59,10 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size > 1 << 16) return 0;
-    const int32_t blocksBefore = blocksInUse(), objectsBefore = ObjCount();
+    const InUse before;
     readFiles(data, size);
     const std::string text(reinterpret_cast<const char *>(data), strnlen(reinterpret_cast<const char *>(data), size));
     splitAndJoin(text);
-    if (blocksInUse() != blocksBefore || ObjCount() != objectsBefore) abort();
+    CHECK(!before.leaked());
     return 0;
 }

@@ -15,13 +15,10 @@
 #include <vector>
 
 #include "core/fhcore.h"
+#include "leakcheck.h"
 
 namespace {
 
-#define CHECK(condition)                                                                                               \
-    do {                                                                                                               \
-        if (!(condition)) abort();                                                                                     \
-    } while (0)
 
 // A NUL-terminated copy in a block of exactly its size.
 struct Exact {
@@ -212,7 +209,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const size_t bLength = strlen(b.p); // b may hold further NULs
     const Exact bString(reinterpret_cast<const uint8_t *>(b.p), bLength);
 
-    const int32_t usedBefore = MemUsedCount();
+    const InUse before;
     const std::vector<size_t> atA = boundaries(a.p, a.length);
     boundaries(bString.p, bString.length);
     walkBack(a.p, atA);
@@ -221,6 +218,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     copies(a, bString, n, character);
     tokens(a, bString);
     conversions(a, rest, restSize, n);
-    CHECK(MemUsedCount() == usedBefore);
+    CHECK(!before.leaked());
     return 0;
 }

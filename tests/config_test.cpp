@@ -350,12 +350,14 @@ TEST_F(ConfigTest, ConcurrentWritersLoseNothing) {
     for (pid_t child : writers) {
         int status = 0;
         ASSERT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        EXPECT_TRUE(WIFEXITED(status));
+        EXPECT_TRUE(WEXITSTATUS(status) == 0);
     }
     std::ofstream{done};
     int status = 0;
     ASSERT_EQ(waitpid(reader, &status, 0), reader);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_TRUE(WEXITSTATUS(status) == 0);
 
     Stanza *stanza = nullptr;
     ASSERT_TRUE(CfgGetStanza(&stanza, "shared.cfg", "Settings"));

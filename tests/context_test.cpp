@@ -12,14 +12,17 @@ TEST(ContextStart, InitializeOnceThenNothing) {
     EXPECT_FALSE(ContextSetThreadData(7));
     ASSERT_TRUE(ContextInitialize());
     EXPECT_EQ(umask(0), 0u);
-    EXPECT_TRUE(ContextSetThreadData(7) && ContextGetThreadData() == 7);
+    EXPECT_TRUE(ContextSetThreadData(7));
+    EXPECT_TRUE(ContextGetThreadData() == 7);
     TraceBuffer *own = TraceGetBuffer();
     ASSERT_TRUE(own != nullptr && own->Size == TRACE_OWN_BUFFER_SIZE);
     const TracePosition kept = fh::ModuleTracer{"TEST"}(1, 0, 0, "kept");
     ASSERT_TRUE(ContextInitialize());
     TracePosition now;
     ASSERT_TRUE(TraceGetPosition(&now));
-    EXPECT_TRUE(now.Buffer == own && now.Offset == kept.Offset && now.Sequence == kept.Sequence);
+    EXPECT_TRUE(now.Buffer == own);
+    EXPECT_TRUE(now.Offset == kept.Offset);
+    EXPECT_TRUE(now.Sequence == kept.Sequence);
 }
 
 // A failing module prints its code alone; a further call runs the ladder

@@ -59,9 +59,11 @@ TEST_F(FileTest, ModesAndPermissionBits) {
     int64_t size = 0, offset = 0;
     ASSERT_TRUE(FileSysSize(&size, handle));
     EXPECT_EQ(size, 5);
-    ASSERT_TRUE(FileSysSeekEnd(handle) && FileSysGetOffset(&offset, handle));
+    ASSERT_TRUE(FileSysSeekEnd(handle));
+    ASSERT_TRUE(FileSysGetOffset(&offset, handle));
     EXPECT_EQ(offset, 5);
-    ASSERT_TRUE(FileSysSkip(handle, -2) && FileSysGetOffset(&offset, handle));
+    ASSERT_TRUE(FileSysSkip(handle, -2));
+    ASSERT_TRUE(FileSysGetOffset(&offset, handle));
     EXPECT_EQ(offset, 3);
     FileSysClose(&handle);
 
@@ -69,7 +71,8 @@ TEST_F(FileTest, ModesAndPermissionBits) {
     EXPECT_FALSE(FileSysFOpen(&stream, path.c_str(), FILE_MODE_READ)); // the kind is needed
     EXPECT_TRUE(traced("FILESYS", 7, "Unknown file mode in FileSysFOpen 1"));
     ASSERT_TRUE(FileSysFOpen(&stream, path.c_str(), FILE_MODE_BINARY | FILE_MODE_APPEND));
-    ASSERT_TRUE(FileSysFWrite(stream, " world", 6) && FileSysFClose(&stream));
+    ASSERT_TRUE(FileSysFWrite(stream, " world", 6));
+    ASSERT_TRUE(FileSysFClose(&stream));
     EXPECT_EQ(readFile(path), "hello world");
     EXPECT_FALSE(FileExists(home().c_str())); // a directory
     EXPECT_TRUE(FileExists(path.c_str()));
@@ -120,7 +123,8 @@ TEST_F(FileTest, RecordLocksBetweenProcesses) {
     ASSERT_TRUE(FileSysOpenLocked(&writer, path.c_str(), FILE_MODE_WRITE));
     EXPECT_FALSE(FileExists((path + ".new").c_str()));
     int32_t size = -1;
-    EXPECT_TRUE(FileSize(&size, path.c_str()) && size == 0); // (opening the file here would drop our lock)
+    EXPECT_TRUE(FileSize(&size, path.c_str()));
+    EXPECT_TRUE(size == 0);  // (opening the file here would drop our lock)
     const pid_t reader = child([&] {
         int32_t h = -1;
         char byte = 0;
@@ -210,9 +214,12 @@ TEST_F(FileTest, OffsetsAndSizesPast4GiB) {
     ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), FILE_MODE_BINARY | FILE_MODE_READ));
     fpos_t end{};
     unsigned char byte = 0;
-    ASSERT_TRUE(FileStreamSeekEnd(stream) && FileStreamGetOffset(&end, stream));
-    ASSERT_TRUE(FileStreamSeekStart(stream) && FileStreamSeek(stream, end));
-    ASSERT_TRUE(FileStreamSeekRelative(stream, -1) && FileStreamReadByte(stream, &byte));
+    ASSERT_TRUE(FileStreamSeekEnd(stream));
+    ASSERT_TRUE(FileStreamGetOffset(&end, stream));
+    ASSERT_TRUE(FileStreamSeekStart(stream));
+    ASSERT_TRUE(FileStreamSeek(stream, end));
+    ASSERT_TRUE(FileStreamSeekRelative(stream, -1));
+    ASSERT_TRUE(FileStreamReadByte(stream, &byte));
     EXPECT_EQ(byte, 'z');
     FileStreamClose(&stream);
 }
@@ -294,7 +301,8 @@ TEST_F(FileTest, DirectoryWalks) {
     EXPECT_EQ(seen.entries, (std::multiset<std::string>{"|f", "|a", "|c", "a/|g", "a/|b", "a/b/|h"}));
     seen = {{}, "b"};
     EXPECT_EQ(DirScanDirectRecursive(root.c_str(), note, &seen, FALSE), 2);
-    EXPECT_TRUE(seen.entries.count(root + "/a/|b") == 1 && seen.entries.count(root + "/a/b/|h") == 0);
+    EXPECT_TRUE(seen.entries.count(root + "/a/|b") == 1);
+    EXPECT_TRUE(seen.entries.count(root + "/a/b/|h") == 0);
 
     // A directory that can't be read stops the walk with 0.
     static std::string refused;

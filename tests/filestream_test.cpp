@@ -114,7 +114,8 @@ TEST_F(FileStreamTest, AppendCommitAndCancel) {
     EXPECT_FALSE(FileStreamReadByte(stream, &byte));
     EXPECT_EQ(byte, 0);
     EXPECT_FALSE(FileStreamWrite(stream, "x", 1)); // no output before a start
-    ASSERT_TRUE(FileStreamStartAppend(stream) && FileStreamPrintF(stream, "old %d\n", 1));
+    ASSERT_TRUE(FileStreamStartAppend(stream));
+    ASSERT_TRUE(FileStreamPrintF(stream, "old %d\n", 1));
     ASSERT_TRUE(FileStreamCloseOutput(stream));
     EXPECT_FALSE(FileStreamCloseOutput(stream));
 
@@ -123,17 +124,20 @@ TEST_F(FileStreamTest, AppendCommitAndCancel) {
     int32_t count = 0;
     ASSERT_TRUE(FileStreamRead(stream, copied, 3, &count)); // the old contents stay readable
     EXPECT_EQ(std::string(copied), "old");
-    ASSERT_TRUE(FileStreamWrite(stream, "new", 3) && FileStreamCloseOutput(stream));
+    ASSERT_TRUE(FileStreamWrite(stream, "new", 3));
+    ASSERT_TRUE(FileStreamCloseOutput(stream));
     ASSERT_TRUE(FileStreamReadByte(stream, &byte));
     EXPECT_EQ(byte, 'n');
-    ASSERT_TRUE(FileStreamStartRewrite(stream) && FileStreamWriteByte(stream, 'z'));
+    ASSERT_TRUE(FileStreamStartRewrite(stream));
+    ASSERT_TRUE(FileStreamWriteByte(stream, 'z'));
     ASSERT_TRUE(FileStreamCancelRewrite(stream));
     EXPECT_FALSE(FileExists((path + ".new").c_str()));
     ASSERT_TRUE(FileStreamReadByte(stream, &byte));
     EXPECT_EQ(byte, 'n');
     EXPECT_FALSE(FileStreamCancelRewrite(stream));
     // Closing in the midst of a rewrite commits it.
-    ASSERT_TRUE(FileStreamStartRewrite(stream) && FileStreamWrite(stream, "last", 4));
+    ASSERT_TRUE(FileStreamStartRewrite(stream));
+    ASSERT_TRUE(FileStreamWrite(stream, "last", 4));
     ASSERT_TRUE(FileStreamClose(&stream));
     EXPECT_EQ(readFile(path), "last");
     EXPECT_FALSE(FileStreamClose(&stream));
@@ -141,14 +145,19 @@ TEST_F(FileStreamTest, AppendCommitAndCancel) {
     ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), FILE_MODE_TEXT | FILE_MODE_READ));
     EXPECT_FALSE(FileStreamStartRewrite(stream));
     EXPECT_FALSE(FileStreamStartAppend(stream));
-    ASSERT_TRUE(FileStreamSeekEnd(stream) && FileStreamGetOffsetLong(&count, stream));
+    ASSERT_TRUE(FileStreamSeekEnd(stream));
+    ASSERT_TRUE(FileStreamGetOffsetLong(&count, stream));
     EXPECT_EQ(count, 4);
-    ASSERT_TRUE(FileStreamSeekFromLong(stream, 1) && FileStreamReadByte(stream, &byte));
+    ASSERT_TRUE(FileStreamSeekFromLong(stream, 1));
+    ASSERT_TRUE(FileStreamReadByte(stream, &byte));
     EXPECT_EQ(byte, 'a');
     fpos_t position;
-    ASSERT_TRUE(FileStreamGetOffset(&position, stream) && FileStreamSeekRelative(stream, 1));
-    ASSERT_TRUE(FileStreamReadByte(stream, &byte) && byte == 't');
-    ASSERT_TRUE(FileStreamSeek(stream, position) && FileStreamReadByte(stream, &byte));
+    ASSERT_TRUE(FileStreamGetOffset(&position, stream));
+    ASSERT_TRUE(FileStreamSeekRelative(stream, 1));
+    ASSERT_TRUE(FileStreamReadByte(stream, &byte));
+    ASSERT_TRUE(byte == 't');
+    ASSERT_TRUE(FileStreamSeek(stream, position));
+    ASSERT_TRUE(FileStreamReadByte(stream, &byte));
     EXPECT_EQ(byte, 's');
     const char *own = nullptr;
     ASSERT_TRUE(FileStreamGetPath(&own, stream));
@@ -220,14 +229,16 @@ TEST_F(FileStreamTest, ACommitReachesTheDiskAroundItsRename) {
     const std::vector<std::string> commit = {"fsync " + fresh, "rename " + fresh + " " + path, "fsync " + home()};
     EXPECT_EQ(gCalls, commit);
     gCalls.clear();
-    ASSERT_TRUE(FileStreamStartRewrite(stream) && FileStreamWrite(stream, "closed\n", 7));
+    ASSERT_TRUE(FileStreamStartRewrite(stream));
+    ASSERT_TRUE(FileStreamWrite(stream, "closed\n", 7));
     EXPECT_TRUE(FileStreamClose(&stream)); // a close in the midst of a rewrite commits it the same way
     EXPECT_EQ(gCalls, commit);
     EXPECT_EQ(readFile(path), "closed\n");
 
     fh::sys().fsync = failFsync;
     ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), kUpdate));
-    ASSERT_TRUE(FileStreamStartRewrite(stream) && FileStreamWrite(stream, "lost\n", 5));
+    ASSERT_TRUE(FileStreamStartRewrite(stream));
+    ASSERT_TRUE(FileStreamWrite(stream, "lost\n", 5));
     EXPECT_FALSE(FileStreamCloseOutput(stream));
     EXPECT_TRUE(traced("FILE", 48, "Failed to flush '" + fresh + "' to the disk: " + strerror(EIO)));
     EXPECT_TRUE(FileStreamCancelRewrite(stream));
@@ -243,10 +254,14 @@ TEST_F(FileStreamTest, CharactersThroughAStream) {
     FILE_STREAM *stream = nullptr;
     ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), FILE_MODE_BINARY | FILE_MODE_READ));
     int32_t c = 0;
-    ASSERT_TRUE(StrFileReadChar(stream, &c) && c == 'a');
-    ASSERT_TRUE(StrFileReadChar(stream, &c) && c == 'b');
-    ASSERT_TRUE(StrFileReadChar(stream, &c) && c == 0x8141);
-    ASSERT_TRUE(StrFileReadChar(stream, &c) && c == '\n'); // the carriage return is dropped
+    ASSERT_TRUE(StrFileReadChar(stream, &c));
+    ASSERT_TRUE(c == 'a');
+    ASSERT_TRUE(StrFileReadChar(stream, &c));
+    ASSERT_TRUE(c == 'b');
+    ASSERT_TRUE(StrFileReadChar(stream, &c));
+    ASSERT_TRUE(c == 0x8141);
+    ASSERT_TRUE(StrFileReadChar(stream, &c));
+    ASSERT_TRUE(c == '\n');  // the carriage return is dropped
     char line[8];
     EXPECT_EQ(StrFileReadLine(stream, line, sizeof line), 0); // CR LF alone
     EXPECT_EQ(StrFileReadLine(stream, line, 4), 3);
@@ -260,7 +275,9 @@ TEST_F(FileStreamTest, CharactersThroughAStream) {
     FileStreamClose(&stream);
 
     ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), FILE_MODE_BINARY | FILE_MODE_WRITE));
-    ASSERT_TRUE(StrFileWriteChar(stream, 0x8141) && StrFileWriteChar(stream, 'x') && StrFileWriteString(stream, ""));
+    ASSERT_TRUE(StrFileWriteChar(stream, 0x8141));
+    ASSERT_TRUE(StrFileWriteChar(stream, 'x'));
+    ASSERT_TRUE(StrFileWriteString(stream, ""));
     ASSERT_TRUE(StrFileWriteString(stream, "yz"));
     EXPECT_FALSE(StrFileWriteString(stream, nullptr));
     FileStreamClose(&stream);
@@ -349,9 +366,11 @@ TEST_F(FileStreamTest, SeeksLandOnTheirByte) {
     EXPECT_FALSE(FileStreamSeekFromLong(stream, -1));
     // After a rewrite the input reads the new contents from their start.
     ASSERT_TRUE(rewriteTo(stream, "0123456789"));
-    ASSERT_TRUE(FileStreamSeekFromLong(stream, 5) && FileStreamReadByte(stream, &byte));
+    ASSERT_TRUE(FileStreamSeekFromLong(stream, 5));
+    ASSERT_TRUE(FileStreamReadByte(stream, &byte));
     EXPECT_EQ(byte, '5');
-    ASSERT_TRUE(FileStreamSeekStart(stream) && FileStreamReadByte(stream, &byte));
+    ASSERT_TRUE(FileStreamSeekStart(stream));
+    ASSERT_TRUE(FileStreamReadByte(stream, &byte));
     EXPECT_EQ(byte, '0');
     FileStreamClose(&stream);
 }

@@ -141,7 +141,8 @@ TEST_F(ListTest, ATypedListRefusesItemsOfAnotherMagicAndChangesNothing) {
         EXPECT_FALSE(c.call()) << c.trace;
         EXPECT_TRUE(traced("LIST", c.id, c.trace)) << c.trace;
         EXPECT_EQ(values(list), std::vector<int>{1}) << c.trace;
-        EXPECT_TRUE(fh::refCount(text) == 1 && variable == text) << c.trace;
+        EXPECT_TRUE(fh::refCount(text) == 1) << c.trace;
+        EXPECT_TRUE(variable == text) << c.trace;
     }
     EXPECT_FALSE(ListAddLastItem(nullptr, text)); // a null list: no report
     LIST *any = listOf({}, 0);
@@ -168,7 +169,8 @@ TEST_F(ListTest, SortOrdersAndABrokenComparisonStillLeavesAPermutation) {
     std::sort(after.begin(), after.end());
     EXPECT_EQ(after, sorted);
     for (const LISTNODE *n = broken->oFirst; n != nullptr; n = n->oNext) ASSERT_EQ(fh::refCount(n->oItem), 1);
-    EXPECT_TRUE(!ListSort(list, nullptr) && traced("LIST", 55, "ListSort - Invalid arguments"));
+    EXPECT_TRUE(!ListSort(list, nullptr));
+    EXPECT_TRUE(traced("LIST", 55, "ListSort - Invalid arguments"));
     const int32_t allocations = MemAllocations();
     EXPECT_TRUE(ListSort(single, ascending));
     EXPECT_EQ(MemAllocations(), allocations);
@@ -215,8 +217,10 @@ TEST_F(ListTest, WalksMayRemoveTheCurrentNodeAndEndOnAnyResultButOne) {
         EXPECT_EQ(c.stop.seen, c.seen);
         EXPECT_EQ(c.walk(empty, stopAt, &c.stop), TRUE);
     }
-    EXPECT_TRUE(!ListWalk(list, nullptr, nullptr) && traced("LIST", 16, "ListWalk - bad argument(s)"));
-    EXPECT_TRUE(!ListWalkBackwards(nullptr, stopAt, nullptr) && traced("LIST", 18, "Bad argument(s)"));
+    EXPECT_TRUE(!ListWalk(list, nullptr, nullptr));
+    EXPECT_TRUE(traced("LIST", 16, "ListWalk - bad argument(s)"));
+    EXPECT_TRUE(!ListWalkBackwards(nullptr, stopAt, nullptr));
+    EXPECT_TRUE(traced("LIST", 18, "Bad argument(s)"));
     release(list, empty);
 }
 
@@ -225,7 +229,8 @@ TEST_F(ListTest, PositionsCountFromOneIndexesFromZeroAndSearchesRunFromEitherEnd
     for (int position = 1; position <= 5; ++position) { // the nearer end differs along the way
         LISTNODE *node = nullptr;
         void *item = nullptr;
-        ASSERT_TRUE(ListGetNthNode(&node, list, position) && ListGetNthItem(&item, list, position));
+        ASSERT_TRUE(ListGetNthNode(&node, list, position));
+        ASSERT_TRUE(ListGetNthItem(&item, list, position));
         EXPECT_TRUE(ListGetItemIndex(node) == position - 1 && node->oItem == item && fh::refCount(item) == 2);
         ObjReleaseInternal(&item);
     }
@@ -234,8 +239,10 @@ TEST_F(ListTest, PositionsCountFromOneIndexesFromZeroAndSearchesRunFromEitherEnd
     EXPECT_FALSE(ListGetNthItem(&item, list, 0) || ListGetNthItem(&item, list, 6) || ListGetNthNode(&node, list, 0));
     EXPECT_TRUE(traced("LIST", 93, "ListGetNthNode - Index out of range"));
     OBJ_INTEGER *key = ObjIntegerNew(20);
-    EXPECT_TRUE(ListSearch(list, sameValue, key, &node) && ListGetItemIndex(node) == 1);
-    EXPECT_TRUE(ListSearchBackwards(list, sameValue, key, &node) && ListGetItemIndex(node) == 3);
+    EXPECT_TRUE(ListSearch(list, sameValue, key, &node));
+    EXPECT_TRUE(ListGetItemIndex(node) == 1);
+    EXPECT_TRUE(ListSearchBackwards(list, sameValue, key, &node));
+    EXPECT_TRUE(ListGetItemIndex(node) == 3);
     EXPECT_FALSE(ListFindNode(&node, list, key)); // an equal value is not the same item
     OBJ_INTEGER *fifty = ObjIntegerNew(50);
     EXPECT_TRUE(ListAddUniqueItem(list, sameValue, fifty) && list->iCount == 5); // only the last item matches
@@ -244,7 +251,8 @@ TEST_F(ListTest, PositionsCountFromOneIndexesFromZeroAndSearchesRunFromEitherEnd
                 traced("LIST", 90, "ListSetNthItem - Index out of range (Index 6, list has 5 items)"));
     EXPECT_EQ(values(list), (std::vector<int>{20, 20, 30, 20, 50}));
     int32_t count = 0;
-    EXPECT_TRUE(ListGetItemCount(list, &count) == -1 && count == 5);
+    EXPECT_TRUE(ListGetItemCount(list, &count) == -1);
+    EXPECT_TRUE(count == 5);
     EXPECT_EQ(ListGetItemCount(reinterpret_cast<LIST *>(key), &count), -1);
     release(list, key, fifty);
 }
@@ -289,7 +297,8 @@ TEST_F(ListTest, CopiesHoldTheSameItemsAndDeepCopiesHoldCopies) {
     EXPECT_EQ(range->iItemMagic, static_cast<int32_t>(OBJ_INTEGER_MAGIC));
     const int32_t objects = ObjCount();
     EXPECT_FALSE(ListDuplicateRange(&tooLong, list, 4));
-    EXPECT_TRUE(tooLong == nullptr && ObjCount() == objects);
+    EXPECT_TRUE(tooLong == nullptr);
+    EXPECT_TRUE(ObjCount() == objects);
     EXPECT_EQ(values(range), (std::vector<int>{1, 2}));
     EXPECT_TRUE(clone->oFirst->oItem == list->oFirst->oItem && fh::refCount(list->oFirst->oItem) == 3);
 
@@ -301,9 +310,11 @@ TEST_F(ListTest, CopiesHoldTheSameItemsAndDeepCopiesHoldCopies) {
 
     EXPECT_TRUE(ListAppend(list, list)); // onto itself: each item once more
     EXPECT_EQ(values(list), (std::vector<int>{1, 2, 3, 1, 2, 3}));
-    EXPECT_TRUE(!ListAppend(range, clone) && traced("LIST", 45, "Invalid or mismatched lists")); // typed from untyped
+    EXPECT_TRUE(!ListAppend(range, clone));
+    EXPECT_TRUE(traced("LIST", 45, "Invalid or mismatched lists"));  // typed from untyped
     release(list, clone, range, copy);
-    EXPECT_TRUE(fh::refCount(cookie) == 1 && gPoolBlocks == 0); // the cookie and the nodes went with it
+    EXPECT_TRUE(fh::refCount(cookie) == 1);
+    EXPECT_TRUE(gPoolBlocks == 0);  // the cookie and the nodes went with it
     release(cookie);
 }
 
@@ -318,11 +329,16 @@ TEST_F(ListTest, AddObjectReplacesEveryItemOfItsMagic) {
     EXPECT_TRUE(ListAddObject(list, list->oFirst->oItem)); // held only by the list: it must survive its removal
     EXPECT_EQ(magics(list), (std::vector<uint32_t>{OBJ_INTEGER_MAGIC, OBJ_STRING_MAGIC}));
     void *four = ObjIntegerNew(4), *found = nullptr;
-    EXPECT_TRUE(ListPushObjectInternal(list, &four) && four == nullptr && fh::refCount(three) == 1);
-    EXPECT_TRUE(ListFindObjectInternal(&found, list, OBJ_INTEGER_MAGIC) && ObjGetInteger(found) == 4);
+    EXPECT_TRUE(ListPushObjectInternal(list, &four));
+    EXPECT_TRUE(four == nullptr);
+    EXPECT_TRUE(fh::refCount(three) == 1);
+    EXPECT_TRUE(ListFindObjectInternal(&found, list, OBJ_INTEGER_MAGIC));
+    EXPECT_TRUE(ObjGetInteger(found) == 4);
     EXPECT_TRUE(ListPopObjectInternal(&four, list, OBJ_STRING_MAGIC) && list->iCount == 1);
-    EXPECT_TRUE(!ListAddObject(typed, three) && traced("LIST", 72, "ListAddObject - bad argument(s)"));
-    EXPECT_TRUE(!ListAddObject(list, nullptr) && traced("LIST", 74, "ListPushAddObject - invailid object"));
+    EXPECT_TRUE(!ListAddObject(typed, three));
+    EXPECT_TRUE(traced("LIST", 72, "ListAddObject - bad argument(s)"));
+    EXPECT_TRUE(!ListAddObject(list, nullptr));
+    EXPECT_TRUE(traced("LIST", 74, "ListPushAddObject - invailid object"));
     release(list, typed, three, four, found);
 }
 
@@ -334,24 +350,29 @@ TEST_F(ListTest, AnExtensionListKeepsOneObjectPerMagic) {
         EXPECT_TRUE(ListSetExtensionItem(&extensions, item));
     EXPECT_EQ(magics(extensions), (std::vector<uint32_t>{OBJ_STRING_MAGIC, OBJ_INTEGER_MAGIC}));
     void *got = nullptr, *notAList = first;
-    EXPECT_TRUE(ListGetExtensionItem(&got, extensions, OBJ_INTEGER_MAGIC) && got == second);
+    EXPECT_TRUE(ListGetExtensionItem(&got, extensions, OBJ_INTEGER_MAGIC));
+    EXPECT_TRUE(got == second);
     EXPECT_EQ(fh::refCount(first), 1);
     EXPECT_TRUE(ListRemoveExtensionItem(extensions, OBJ_STRING_MAGIC));
     EXPECT_FALSE(ListGetExtensionItem(nullptr, extensions, OBJ_STRING_MAGIC));
-    EXPECT_TRUE(!ListSetExtensionItem(&notAList, second) && traced("LIST", 81, "Extension object is not a list!"));
+    EXPECT_TRUE(!ListSetExtensionItem(&notAList, second));
+    EXPECT_TRUE(traced("LIST", 81, "Extension object is not a list!"));
 
     // The context's list of context objects is one, released with the
     // per-context state of lists.
     for (void *item : {static_cast<void *>(first), static_cast<void *>(second), static_cast<void *>(text)})
         EXPECT_TRUE(ContextSetContextObject(item));
     void *object = nullptr, *gone = text;
-    EXPECT_TRUE(ContextGetContextObject(&object, OBJ_INTEGER_MAGIC) && object == second);
+    EXPECT_TRUE(ContextGetContextObject(&object, OBJ_INTEGER_MAGIC));
+    EXPECT_TRUE(object == second);
     EXPECT_EQ(fh::refCount(first), 1);
     EXPECT_TRUE(!ContextSetContextObject(nullptr) &&
                 traced("CONTEXT", 3, formatted("ContextSetContextObject(%p) - not passed an object", nullptr)));
     ListReleaseThread(&gtLmContext);
-    EXPECT_TRUE(gtLmContext.pContextObjects == nullptr && fh::refCount(text) == 1);
-    EXPECT_TRUE(!ContextGetContextObject(&gone, OBJ_STRING_MAGIC) && gone == nullptr);
+    EXPECT_TRUE(gtLmContext.pContextObjects == nullptr);
+    EXPECT_TRUE(fh::refCount(text) == 1);
+    EXPECT_TRUE(!ContextGetContextObject(&gone, OBJ_STRING_MAGIC));
+    EXPECT_TRUE(gone == nullptr);
     release(extensions, first, second, text, object, got);
 }
 
@@ -368,7 +389,8 @@ TEST_F(ListTest, VerifyReportsTheFirstFault) {
                  {[&] { *fh::objectHeader(list)->EndMagic ^= 1; }, 25, "Invalid list header"}};
     for (const auto &c : cases) {
         c.damage();
-        EXPECT_TRUE(!ListVerify(list) && traced("LIST", c.id, c.text)) << c.text;
+        EXPECT_TRUE(!ListVerify(list)) << c.text;
+        EXPECT_TRUE(traced("LIST", c.id, c.text)) << c.text;
         c.damage();
         EXPECT_TRUE(ListVerify(list)) << c.text;
     }

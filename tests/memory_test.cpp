@@ -46,11 +46,16 @@ TEST_F(MemoryTest, Counters) {
     auto at = [&](size_t offset) { return *reinterpret_cast<int32_t *>(entry + offset); };
     const int32_t used = MemUsedCount(), max = std::max(MemMax(), used + 2), made = MemAllocations();
     void *a = MemAllocateFromPool(1, nullptr), *b = MemAllocateFromPool(1, nullptr), *none = nullptr;
-    EXPECT_TRUE(at(80) == used + 2 && at(84) == max && at(88) == made + 2);
+    EXPECT_TRUE(at(80) == used + 2);
+    EXPECT_TRUE(at(84) == max);
+    EXPECT_TRUE(at(88) == made + 2);
     EXPECT_FALSE(MemFreeInternal(&none) || MemFreeInternal(nullptr));
     MemFreeInternal(&a);
     MemFreeInternal(&b);
-    EXPECT_TRUE(MemUsedCount() == used && at(80) == used && MemMax() == max && MemAllocations() == made + 2);
+    EXPECT_TRUE(MemUsedCount() == used);
+    EXPECT_TRUE(at(80) == used);
+    EXPECT_TRUE(MemMax() == max);
+    EXPECT_TRUE(MemAllocations() == made + 2);
     gtLmContext.pProcessTableEntry = nullptr;
 }
 

@@ -123,13 +123,17 @@ TEST_F(MsgPacketTest, RoutesFollowTheDestinationAlone) {
         ASSERT_TRUE(MsgCreatePacket(&packet, address(machine, c.process), address(local(), 12), 1, nullptr));
         const Bytes b = image(hold(packet));
         EXPECT_EQ(word(b, 0), c.route);
-        EXPECT_TRUE(word(b, 16) == c.machineId && word(b, 20) == c.process);
-        EXPECT_TRUE(word(b, 8) == 1 && word(b, 12) == 12);
+        EXPECT_TRUE(word(b, 16) == c.machineId);
+        EXPECT_TRUE(word(b, 20) == c.process);
+        EXPECT_TRUE(word(b, 8) == 1);
+        EXPECT_TRUE(word(b, 12) == 12);
         EXPECT_EQ(MsgPacketIsFromChannel(packet), c.machineId == -1);
         // Redirected to the process manager here: route 1, the source as it was.
         ASSERT_TRUE(MsgRedirectPacket(MsgProcMgrAddress(), packet));
         const Bytes redirected = image(packet);
-        EXPECT_TRUE(word(redirected, 0) == 1 && word(redirected, 16) == 1 && word(redirected, 20) == 1);
+        EXPECT_TRUE(word(redirected, 0) == 1);
+        EXPECT_TRUE(word(redirected, 16) == 1);
+        EXPECT_TRUE(word(redirected, 20) == 1);
         EXPECT_TRUE(std::equal(b.begin() + 4, b.begin() + 16, redirected.begin() + 4));
         EXPECT_TRUE(std::equal(b.begin() + 24, b.end(), redirected.begin() + 24));
     }
@@ -174,7 +178,9 @@ TEST_F(MsgPacketTest, MachineIdsAreTheReadersOwn) {
             EXPECT_STREQ(a->pszMachine, c.name);
     }
     EXPECT_TRUE(traced("MESSAGE", 21, "Failed to map machine id 6 to name"));
-    EXPECT_TRUE(MsgMachineIsServer("gamma") && !MsgMachineIsServer("beta") && !MsgMachineIsServer(nullptr));
+    EXPECT_TRUE(MsgMachineIsServer("gamma"));
+    EXPECT_TRUE(!MsgMachineIsServer("beta"));
+    EXPECT_TRUE(!MsgMachineIsServer(nullptr));
 
     // A packet made here to beta (5) from alpha (1), read on beta, whose own
     // file calls id 5 "delta" and knows no id 1 but itself.
@@ -297,7 +303,8 @@ TEST_F(MsgPacketTest, MessagesHoldTheirPartsAndTravelWhole) {
     EXPECT_TRUE(MsgAddressEqual(back->oDestination, message->oDestination));
     EXPECT_TRUE(MsgAddressEqual(back->oSource, message->oSource));
     EXPECT_TRUE(ObjCompare(back->oObject, body));
-    EXPECT_TRUE(MsgIsFromLocalMachine(back) && !MsgIsFromAChannel(back));
+    EXPECT_TRUE(MsgIsFromLocalMachine(back));
+    EXPECT_TRUE(!MsgIsFromAChannel(back));
 
     // A message arrives inside another object only with addresses in it.
     void *bytes = nullptr;
@@ -331,8 +338,10 @@ TEST_F(MsgPacketTest, AddressesCompareAndTheWellKnownAreBorrowed) {
     }
     void *notAddress = hold(ObjIntegerNew(4));
     EXPECT_FALSE(MsgAddressEqual(notAddress, notAddress));
-    EXPECT_TRUE(MsgGetProcessId(notAddress) == -1 && MsgGetChannelId(notAddress) == -1);
-    EXPECT_TRUE(MsgGetChannelId(address(nullptr, 8)) == 8 && MsgGetChannelId(address("a", 8)) == -1);
+    EXPECT_TRUE(MsgGetProcessId(notAddress) == -1);
+    EXPECT_TRUE(MsgGetChannelId(notAddress) == -1);
+    EXPECT_TRUE(MsgGetChannelId(address(nullptr, 8)) == 8);
+    EXPECT_TRUE(MsgGetChannelId(address("a", 8)) == -1);
     EXPECT_EQ(MsgGetMachineName(notAddress), nullptr);
 
     const int32_t objects = ObjCount();

@@ -48,8 +48,10 @@ TEST_F(NetTest, AddressLayoutBothWays) {
     const unsigned char golden[] = {0x10, 0x02, 0x4E, 0x41, 0x7F, 0x00, 0x00, 0x01};
     EXPECT_EQ(memcmp(address.aBytes, golden, 8), 0);
     EXPECT_EQ(std::count(address.aBytes + 8, address.aBytes + 32, 0xEE), 24);
-    EXPECT_TRUE(NetGetIpPort(&address) == 20033 && NetGetIpAddress(&address) == kLoopback);
-    EXPECT_TRUE(NetGetFamily(&address) == 2 && NetGetAddressLength(&address) == 16);
+    EXPECT_TRUE(NetGetIpPort(&address) == 20033);
+    EXPECT_TRUE(NetGetIpAddress(&address) == kLoopback);
+    EXPECT_TRUE(NetGetFamily(&address) == 2);
+    EXPECT_TRUE(NetGetAddressLength(&address) == 16);
     ASSERT_TRUE(NetSetIpPort(&address, 0xABCD));
     EXPECT_TRUE(address.aBytes[2] == 0xAB && address.aBytes[3] == 0xCD && address.aBytes[4] == 0x7F);
     EXPECT_FALSE(NetInitializeIpAddress(nullptr, 1, 2) || NetSetIpPort(nullptr, 2));
@@ -62,7 +64,8 @@ TEST_F(NetTest, AddressLayoutBothWays) {
     memset(&address, 0xEE, sizeof address);
     ASSERT_TRUE(NetGetLocalAddress(&address, socket));
     const NetAddressT built = loopback(NetGetIpPort(&address));
-    EXPECT_TRUE(memcmp(address.aBytes, built.aBytes, 8) == 0 && NetGetIpPort(&address) != 0);
+    EXPECT_TRUE(memcmp(address.aBytes, built.aBytes, 8) == 0);
+    EXPECT_TRUE(NetGetIpPort(&address) != 0);
     EXPECT_EQ(std::count(address.aBytes + 16, address.aBytes + 32, 0xEE), 16);
     NetClose(&socket);
 
@@ -118,7 +121,9 @@ TEST_F(NetTest, OneShotTransfersClassifyEveryError) {
                 return result;
             };
             EXPECT_EQ(seen(call), (Seen{results[column], traces})) << strerror(error) << ", column " << column;
-            EXPECT_TRUE(gCalls == 1 && left == error && moved == -7);
+            EXPECT_TRUE(gCalls == 1);
+            EXPECT_TRUE(left == error);
+            EXPECT_TRUE(moved == -7);
         }
     }
     // Bad handle and length: no call, no word. A short datagram is fatal
@@ -195,7 +200,8 @@ TEST_F(NetTest, BlockingTransfersClassifyEveryError) {
                   }),
                   (Seen{result, traces}))
             << "row " << row;
-        EXPECT_TRUE(moved == count && didWait == waits) << "row " << row;
+        EXPECT_TRUE(moved == count) << "row " << row;
+        EXPECT_TRUE(didWait == waits) << "row " << row;
     }
     calls.poll = [](pollfd *, nfds_t, int) { return errno = EBADF, -1; };
     inject(EAGAIN, 1);
@@ -211,7 +217,9 @@ TEST_F(NetTest, BlockingTransfersClassifyEveryError) {
               (Seen{NET_ERROR_BAD_SOCKET, {{"Invalid socket handle", 0, -1}}}));
     EXPECT_EQ(seen([&] { return NetTcpReceiveBlocking(&received, 5, buffer, 0, nullptr, nullptr, nullptr); }),
               (Seen{NET_ERROR_BAD_LENGTH, {{"Invalid buffer length", 0, -1}}}));
-    EXPECT_TRUE(sent == 0 && received == 77 && gCalls == 0);
+    EXPECT_TRUE(sent == 0);
+    EXPECT_TRUE(received == 77);
+    EXPECT_TRUE(gCalls == 0);
 }
 
 TEST_F(NetTest, ConnectRetriesOnlyProtocolErrors) {
@@ -255,10 +263,12 @@ TEST_F(NetTest, AcceptRepeatsOnlyInterruptions) {
     NetAddressT peer, client;
     memset(&peer, 0xEE, sizeof peer);
     ASSERT_EQ(NetAccept(&c.server, c.listener, &peer), NET_ERROR_NONE);
-    ASSERT_TRUE(gCalls == 3 && NetGetLocalAddress(&client, c.client));
+    ASSERT_TRUE(gCalls == 3);
+    ASSERT_TRUE(NetGetLocalAddress(&client, c.client));
     EXPECT_TRUE(NetAddressEqual(&peer, &client, FALSE) && peer.aBytes[0] == 16 && peer.aBytes[31] == 0xEE);
     // Nothing taken from the non-blocking listener; close-on-exec all the same.
-    EXPECT_TRUE((fcntl(c.server, F_GETFL) & O_NONBLOCK) == 0 && (fcntl(c.server, F_GETFD) & FD_CLOEXEC) != 0);
+    EXPECT_TRUE((fcntl(c.server, F_GETFL) & O_NONBLOCK) == 0);
+    EXPECT_TRUE((fcntl(c.server, F_GETFD) & FD_CLOEXEC) != 0);
 
     const std::pair<int, int32_t> rows[] = {
         {EAGAIN, W}, {ECONNABORTED, NET_ERROR_ACCEPT_FAILED}, {ENOSR, NET_ERROR_ACCEPT_FAILED},
@@ -281,18 +291,28 @@ TEST_F(NetTest, OptionsAndTheirFailures) {
     int32_t socket = -1, sendSize = 0, receiveSize = 0;
     ASSERT_TRUE(NetOpen(&socket, NET_SOCKET_STREAM));
     BOOL reuse = -1;
-    ASSERT_TRUE(NetGetReuseAddress(&reuse, socket) && reuse == 0);
-    ASSERT_TRUE(NetSetReuseAddress(socket) && NetGetReuseAddress(&reuse, socket) && reuse == 1);
+    ASSERT_TRUE(NetGetReuseAddress(&reuse, socket));
+    ASSERT_TRUE(reuse == 0);
+    ASSERT_TRUE(NetSetReuseAddress(socket));
+    ASSERT_TRUE(NetGetReuseAddress(&reuse, socket));
+    ASSERT_TRUE(reuse == 1);
     linger lingering{};
     socklen_t length = sizeof lingering;
     ASSERT_TRUE(NetSetNoLinger(socket));
     getsockopt(socket, SOL_SOCKET, SO_LINGER, &lingering, &length);
-    EXPECT_TRUE(lingering.l_onoff == 1 && lingering.l_linger == 0);
-    ASSERT_TRUE(NetSetSendBufferSize(socket, 8192) && NetSetReceiveBufferSize(socket, 12288));
-    ASSERT_TRUE(NetGetSendBufferSize(&sendSize, socket) && NetGetReceiveBufferSize(&receiveSize, socket));
-    EXPECT_TRUE(sendSize >= 8192 && receiveSize >= 12288 && sendSize != receiveSize) << sendSize << " " << receiveSize;
-    ASSERT_TRUE(NetSetNonBlocking(socket) && (fcntl(socket, F_GETFL) & O_NONBLOCK) != 0);
-    ASSERT_TRUE(NetSetBlocking(socket) && (fcntl(socket, F_GETFL) & O_NONBLOCK) == 0);
+    EXPECT_TRUE(lingering.l_onoff == 1);
+    EXPECT_TRUE(lingering.l_linger == 0);
+    ASSERT_TRUE(NetSetSendBufferSize(socket, 8192));
+    ASSERT_TRUE(NetSetReceiveBufferSize(socket, 12288));
+    ASSERT_TRUE(NetGetSendBufferSize(&sendSize, socket));
+    ASSERT_TRUE(NetGetReceiveBufferSize(&receiveSize, socket));
+    EXPECT_TRUE(sendSize >= 8192) << sendSize << " " << receiveSize;
+    EXPECT_TRUE(receiveSize >= 12288) << sendSize << " " << receiveSize;
+    EXPECT_TRUE(sendSize != receiveSize) << sendSize << " " << receiveSize;
+    ASSERT_TRUE(NetSetNonBlocking(socket));
+    ASSERT_TRUE((fcntl(socket, F_GETFL) & O_NONBLOCK) != 0);
+    ASSERT_TRUE(NetSetBlocking(socket));
+    ASSERT_TRUE((fcntl(socket, F_GETFL) & O_NONBLOCK) == 0);
     EXPECT_FALSE(NetIsConnected(socket) || NetGetReuseAddress(nullptr, socket) || NetTcpSetNoDelay());
     NetClose(&socket);
 
@@ -319,7 +339,9 @@ TEST_F(NetTest, OptionsAndTheirFailures) {
         EXPECT_EQ(errno, ENOTSOCK);
     }
     const NetAddressT unbound = loopback(0);
-    EXPECT_TRUE(memcmp(&address, &unbound, sizeof address) == 0 && reuse == 1 && sendSize >= 8192);
+    EXPECT_TRUE(memcmp(&address, &unbound, sizeof address) == 0);
+    EXPECT_TRUE(reuse == 1);
+    EXPECT_TRUE(sendSize >= 8192);
     EXPECT_FALSE(NetSocketError(pipe)); // a failed read is no pending error
     close(ends[0]);
     close(ends[1]);
@@ -359,11 +381,14 @@ class NetOpenTest : public LibraryTest {
 
 TEST_F(NetOpenTest, DatagramsBroadcastAndTakeTheirTimeToLive) {
     int32_t datagram = -1, stream = -1;
-    ASSERT_TRUE(NetOpen(&datagram, NET_SOCKET_DATAGRAM) && NetOpen(&stream, NET_SOCKET_STREAM));
-    EXPECT_TRUE(option(datagram, SOL_SOCKET, SO_BROADCAST) == 1 && option(stream, SOL_SOCKET, SO_BROADCAST) == 0);
+    ASSERT_TRUE(NetOpen(&datagram, NET_SOCKET_DATAGRAM));
+    ASSERT_TRUE(NetOpen(&stream, NET_SOCKET_STREAM));
+    EXPECT_TRUE(option(datagram, SOL_SOCKET, SO_BROADCAST) == 1);
+    EXPECT_TRUE(option(stream, SOL_SOCKET, SO_BROADCAST) == 0);
     EXPECT_TRUE(option(datagram, SOL_SOCKET, SO_TYPE) == SOCK_DGRAM &&
                 option(stream, SOL_SOCKET, SO_TYPE) == SOCK_STREAM);
-    EXPECT_TRUE((fcntl(datagram, F_GETFD) & FD_CLOEXEC) != 0 && (fcntl(stream, F_GETFD) & FD_CLOEXEC) != 0);
+    EXPECT_TRUE((fcntl(datagram, F_GETFD) & FD_CLOEXEC) != 0);
+    EXPECT_TRUE((fcntl(stream, F_GETFD) & FD_CLOEXEC) != 0);
     const int systemTtl = option(datagram, IPPROTO_IP, IP_TTL);
     for (const auto &[ttl, expected] : {std::pair{"7", 7}, {"-3", systemTtl}}) {
         setTtl(ttl);
@@ -371,7 +396,10 @@ TEST_F(NetOpenTest, DatagramsBroadcastAndTakeTheirTimeToLive) {
         ASSERT_TRUE(NetOpen(&datagram, NET_SOCKET_DATAGRAM));
         EXPECT_EQ(option(datagram, IPPROTO_IP, IP_TTL), expected);
     }
-    EXPECT_TRUE(NetClose(&datagram) && NetClose(&stream) && datagram == -1 && stream == -1);
+    EXPECT_TRUE(NetClose(&datagram));
+    EXPECT_TRUE(NetClose(&stream));
+    EXPECT_TRUE(datagram == -1);
+    EXPECT_TRUE(stream == -1);
     EXPECT_FALSE(NetClose(&datagram) || NetClose(nullptr));
     int32_t socket = 42;
     EXPECT_FALSE(NetOpen(&socket, 3) || NetOpen(nullptr, NET_SOCKET_STREAM) || socket != 42);
@@ -402,7 +430,8 @@ TEST_F(NetOpenTest, FailuresLeaveNothingOpen) {
         int32_t socket = 42;
         EXPECT_EQ(seen([&] { return NetOpen(&socket, kind); }),
                   (Seen{FALSE, {{line, error ? error : ENOPROTOOPT, -1}}}));
-        EXPECT_TRUE(socket == 42 && openDescriptors() == before) << line;
+        EXPECT_TRUE(socket == 42) << line;
+        EXPECT_TRUE(openDescriptors() == before) << line;
     }
     gFailingOption = 0;
     inject(EINTR, 2);
@@ -413,7 +442,10 @@ TEST_F(NetOpenTest, FailuresLeaveNothingOpen) {
     fh::netCalls().close = [](int fd) { return ++gCalls, fh::netPlatformCalls().close(fd), errno = EINTR, -1; };
     gCalls = 0;
     const int32_t handle = socket;
-    EXPECT_TRUE(NetClose(&socket) && socket == -1 && gCalls == 1 && fcntl(handle, F_GETFD) == -1);
+    EXPECT_TRUE(NetClose(&socket));
+    EXPECT_TRUE(socket == -1);
+    EXPECT_TRUE(gCalls == 1);
+    EXPECT_TRUE(fcntl(handle, F_GETFD) == -1);
     fh::netCalls().close = fh::netPlatformCalls().close;
     socket = handle;
     EXPECT_EQ(seen([&] { return NetClose(&socket); }),
@@ -423,11 +455,18 @@ TEST_F(NetOpenTest, FailuresLeaveNothingOpen) {
 
 TEST_F(NetTest, MasksKeepTheirHighestSocket) {
     NetSelectMask *mask = nullptr, *copy = nullptr, *empty = nullptr;
-    ASSERT_TRUE(NetInitializeSelectMask(&mask) && NetInitializeSelectMask(&empty));
-    EXPECT_TRUE(NetAddReadSelect(mask, 5) && NetAddWriteSelect(mask, 5) && NetAddExceptionSelect(mask, 5));
-    EXPECT_TRUE(NetIsReadSelectSet(mask, 5) && NetIsWriteSelectSet(mask, 5) && NetIsExceptionSelectSet(mask, 5));
+    ASSERT_TRUE(NetInitializeSelectMask(&mask));
+    ASSERT_TRUE(NetInitializeSelectMask(&empty));
+    EXPECT_TRUE(NetAddReadSelect(mask, 5));
+    EXPECT_TRUE(NetAddWriteSelect(mask, 5));
+    EXPECT_TRUE(NetAddExceptionSelect(mask, 5));
+    EXPECT_TRUE(NetIsReadSelectSet(mask, 5));
+    EXPECT_TRUE(NetIsWriteSelectSet(mask, 5));
+    EXPECT_TRUE(NetIsExceptionSelectSet(mask, 5));
     EXPECT_FALSE(NetIsReadSelectSet(mask, 4) || NetIsReadSelectSet(mask, 6));
-    EXPECT_TRUE(NetRemoveReadSelect(mask, 5) && NetRemoveWriteSelect(mask, 5) && NetRemoveExceptionSelect(mask, 5));
+    EXPECT_TRUE(NetRemoveReadSelect(mask, 5));
+    EXPECT_TRUE(NetRemoveWriteSelect(mask, 5));
+    EXPECT_TRUE(NetRemoveExceptionSelect(mask, 5));
     EXPECT_TRUE(mask->iNfds == 6 && memcmp(&mask->oRead, &empty->oRead, 3 * sizeof(fd_set)) == 0);
     NetAddReadSelect(mask, 3);
     EXPECT_EQ(mask->iNfds, 6);
@@ -436,8 +475,10 @@ TEST_F(NetTest, MasksKeepTheirHighestSocket) {
     memcpy(&word, reinterpret_cast<const char *>(&mask->oWrite) + 4, sizeof word);
     EXPECT_TRUE(mask->iNfds == 34 && word == 2u);
 
-    ASSERT_TRUE(NetDuplicateSelectMask(&copy, mask) && memcmp(copy, mask, sizeof *mask) == 0);
-    ASSERT_TRUE(NetCopySelectMask(mask, empty) && memcmp(mask, empty, sizeof *mask) == 0);
+    ASSERT_TRUE(NetDuplicateSelectMask(&copy, mask));
+    ASSERT_TRUE(memcmp(copy, mask, sizeof *mask) == 0);
+    ASSERT_TRUE(NetCopySelectMask(mask, empty));
+    ASSERT_TRUE(memcmp(mask, empty, sizeof *mask) == 0);
     EXPECT_FALSE(NetDuplicateSelectMask(&copy, nullptr) || NetCopySelectMask(nullptr, mask) ||
                  NetInitializeSelectMask(nullptr) || NetReleaseSelectMask(nullptr));
     EXPECT_FALSE(NetAddReadSelect(nullptr, 3) || NetAddReadSelect(copy, -1) || NetIsReadSelectSet(nullptr, 3));
@@ -446,7 +487,9 @@ TEST_F(NetTest, MasksKeepTheirHighestSocket) {
                                 std::to_string(FD_SETSIZE) + " sockets";
     EXPECT_EQ(seen([&] { return NetAddReadSelect(copy, FD_SETSIZE); }), (Seen{FALSE, {{refused, FD_SETSIZE, -1}}}));
     EXPECT_FALSE(NetIsReadSelectSet(copy, FD_SETSIZE) || NetRemoveReadSelect(copy, FD_SETSIZE) || copy->iNfds != 34);
-    EXPECT_TRUE(NetReleaseSelectMask(&mask) && NetReleaseSelectMask(&copy) && NetReleaseSelectMask(&empty));
+    EXPECT_TRUE(NetReleaseSelectMask(&mask));
+    EXPECT_TRUE(NetReleaseSelectMask(&copy));
+    EXPECT_TRUE(NetReleaseSelectMask(&empty));
     EXPECT_EQ(mask, nullptr);
 }
 
@@ -472,7 +515,8 @@ TEST_F(NetTest, SelectWaitsAsLongAsAsked) {
     NetSelect(nullptr, nullptr, later);
     EXPECT_TRUE(gLimit.tv_sec == 86400);
     NetSelect(nullptr, nullptr, past);
-    EXPECT_TRUE(gLimit.tv_sec == 0 && gLimit.tv_usec == 0);
+    EXPECT_TRUE(gLimit.tv_sec == 0);
+    EXPECT_TRUE(gLimit.tv_usec == 0);
     for (TIME_TIMEOUT *t : {never, later, past}) ObjReleaseInternal(&t);
 
     const std::tuple<int32_t, timeval, const char *> spans[] = {
@@ -483,7 +527,8 @@ TEST_F(NetTest, SelectWaitsAsLongAsAsked) {
     for (const auto &[milliseconds, limit, line] : spans) {
         EXPECT_EQ(seen([&] { return NetSelectRelative(nullptr, nullptr, milliseconds); }),
                   (Seen{NET_ERROR_TIMEOUT, {{line, 0, 3}}}));
-        EXPECT_TRUE(gLimit.tv_sec == limit.tv_sec && gLimit.tv_usec == limit.tv_usec) << milliseconds;
+        EXPECT_TRUE(gLimit.tv_sec == limit.tv_sec) << milliseconds;
+        EXPECT_TRUE(gLimit.tv_usec == limit.tv_usec) << milliseconds;
     }
     fh::netCalls().select = [](int, fd_set *, fd_set *, fd_set *, timeval *) { return errno = gError, -1; };
     gError = EINTR;
@@ -507,8 +552,10 @@ TEST_F(NetTest, SelectAndItsDiagnosis) {
     NetAddExceptionSelect(mask, c.server);
     NetDuplicateSelectMask(&work, mask);
     int32_t count = 0;
-    ASSERT_TRUE(NetSelect(&count, work, nullptr) == NET_ERROR_NONE && count == 2);
-    EXPECT_TRUE(NetIsReadSelectSet(work, c.server) && NetIsWriteSelectSet(work, c.client));
+    ASSERT_TRUE(NetSelect(&count, work, nullptr) == NET_ERROR_NONE);
+    ASSERT_TRUE(count == 2);
+    EXPECT_TRUE(NetIsReadSelectSet(work, c.server));
+    EXPECT_TRUE(NetIsWriteSelectSet(work, c.client));
     EXPECT_FALSE(NetIsReadSelectSet(work, c.client) || NetIsExceptionSelectSet(work, c.server));
 
     auto line = [](const char *format, long socket) {

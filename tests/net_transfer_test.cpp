@@ -64,7 +64,8 @@ TEST_F(NetTransferTest, PeerCloseAndReset) {
         EXPECT_EQ(NetTcpSend(&count, c.client, "b", 1), NET_ERROR_DOWN); // a broken pipe, no SIGPIPE
     }
     Connection c;
-    ASSERT_TRUE(c.connect() && NetSetNoLinger(c.server));
+    ASSERT_TRUE(c.connect());
+    ASSERT_TRUE(NetSetNoLinger(c.server));
     NetClose(&c.server); // a reset
     awaitReset(c.client);
     EXPECT_EQ(
@@ -76,14 +77,16 @@ TEST_F(NetTransferTest, PeerCloseAndReset) {
 TEST_F(NetTransferTest, ConnectToAClosedPort) {
     int32_t socket = -1;
     NetAddressT address = loopback(0);
-    ASSERT_TRUE(NetOpen(&socket, NET_SOCKET_STREAM) && NetBind(socket, &address));
+    ASSERT_TRUE(NetOpen(&socket, NET_SOCKET_STREAM));
+    ASSERT_TRUE(NetBind(socket, &address));
     NetGetLocalAddress(&address, socket);
     NetClose(&socket); // bound, never listening: the port refuses
     ASSERT_TRUE(NetOpen(&socket, NET_SOCKET_STREAM));
     EXPECT_EQ(NetConnect(socket, &address), NET_ERROR_REFUSED);
     NetClose(&socket);
 
-    ASSERT_TRUE(NetOpen(&socket, NET_SOCKET_STREAM) && NetSetNonBlocking(socket));
+    ASSERT_TRUE(NetOpen(&socket, NET_SOCKET_STREAM));
+    ASSERT_TRUE(NetSetNonBlocking(socket));
     EXPECT_EQ(NetConnect(socket, &address), NET_ERROR_WOULD_BLOCK);
     pollfd one{socket, POLLOUT, 0};
     ASSERT_EQ(poll(&one, 1, 2000), 1);
@@ -94,7 +97,8 @@ TEST_F(NetTransferTest, ConnectToAClosedPort) {
 
     Connection c;
     ASSERT_TRUE(c.connect());
-    EXPECT_TRUE(NetIsConnected(c.client) && NetIsConnected(c.server));
+    EXPECT_TRUE(NetIsConnected(c.client));
+    EXPECT_TRUE(NetIsConnected(c.server));
 }
 
 // Whole buffers against a child that moves 1 KiB at a time with pauses.
@@ -102,21 +106,25 @@ TEST_F(NetTransferTest, BlockingTransfersOfWholeBuffers) {
     constexpr int32_t kLength = 96 * kPiece;
     const std::vector<char> bytes = pattern(kLength);
     Connection c;
-    ASSERT_TRUE(c.connect(4096) && NetSetSendBufferSize(c.server, 4096) && NetSetNonBlocking(c.server));
+    ASSERT_TRUE(c.connect(4096));
+    ASSERT_TRUE(NetSetSendBufferSize(c.server, 4096));
+    ASSERT_TRUE(NetSetNonBlocking(c.server));
     const pid_t reader = peer(c, c.client, [](int32_t s) { return slowReader(s, kLength, 1000); });
     int32_t sent = -1, waited = 5;
     BOOL didWait = 0;
     TIME_TIMEOUT *deadline = nullptr;
     TimeCreateAndSetTimeout(&deadline, 60, 0);
     EXPECT_EQ(NetTcpSendBlocking(&sent, c.server, bytes.data(), kLength, deadline, &waited, &didWait), NET_ERROR_NONE);
-    EXPECT_TRUE(sent == kLength && didWait == 1);
+    EXPECT_TRUE(sent == kLength);
+    EXPECT_TRUE(didWait == 1);
     EXPECT_GT(waited, 5 + 20); // the child's pauses come to about 100 ms
     NetClose(&c.server);
     EXPECT_EQ(waitChild(reader), 0);
     ObjReleaseInternal(&deadline);
 
     Connection d;
-    ASSERT_TRUE(d.connect() && NetSetNonBlocking(d.server));
+    ASSERT_TRUE(d.connect());
+    ASSERT_TRUE(NetSetNonBlocking(d.server));
     const pid_t writer = peer(d, d.client, [&](int32_t s) {
         for (int32_t at = 0; at < kLength; at += kPiece, usleep(500))
             if (send(s, bytes.data() + at, kPiece, 0) != kPiece) return 1;
@@ -125,7 +133,9 @@ TEST_F(NetTransferTest, BlockingTransfersOfWholeBuffers) {
     std::vector<char> received(kLength);
     didWait = 0;
     EXPECT_EQ(NetTcpReceiveBlocking(&sent, d.server, received.data(), kLength, nullptr, nullptr, &didWait), 0);
-    EXPECT_TRUE(sent == kLength && received == bytes && didWait == 1);
+    EXPECT_TRUE(sent == kLength);
+    EXPECT_TRUE(received == bytes);
+    EXPECT_TRUE(didWait == 1);
     EXPECT_EQ(waitChild(writer), 0);
 }
 
@@ -137,19 +147,22 @@ TEST_F(NetTransferTest, BlockingTransfersEndPartWay) {
     int32_t count = -1;
     {
         Connection c;
-        ASSERT_TRUE(c.connect(4096) && NetSetNonBlocking(c.server));
+        ASSERT_TRUE(c.connect(4096));
+        ASSERT_TRUE(NetSetNonBlocking(c.server));
         TIME_TIMEOUT *deadline = nullptr;
         TimeCreateAndSetTimeout(&deadline, 0, 300);
         const int64_t started = TimeNowAsInt64();
         EXPECT_EQ(NetTcpSendBlocking(&count, c.server, bytes.data(), kLength, deadline, nullptr, nullptr),
                   NET_ERROR_TIMEOUT); // nobody reads
         EXPECT_GE(TimeNowAsInt64() - started, 290);
-        EXPECT_TRUE(count > 0 && count < kLength) << count;
+        EXPECT_TRUE(count > 0) << count;
+        EXPECT_TRUE(count < kLength) << count;
         ObjReleaseInternal(&deadline);
     }
     {
         Connection c;
-        ASSERT_TRUE(c.connect(4096) && NetSetNonBlocking(c.server));
+        ASSERT_TRUE(c.connect(4096));
+        ASSERT_TRUE(NetSetNonBlocking(c.server));
         const pid_t reader = peer(c, c.client, [](int32_t s) {
             char piece[kPiece];
             for (int32_t total = 0; total < 16 * kPiece; total += kPiece)
@@ -158,11 +171,13 @@ TEST_F(NetTransferTest, BlockingTransfersEndPartWay) {
         });
         const int32_t result = NetTcpSendBlocking(&count, c.server, bytes.data(), kLength, nullptr, nullptr, nullptr);
         EXPECT_TRUE(result == NET_ERROR_FATAL || result == NET_ERROR_DOWN) << result;
-        EXPECT_TRUE(count >= 16 * kPiece && count < kLength) << count;
+        EXPECT_TRUE(count >= 16 * kPiece) << count;
+        EXPECT_TRUE(count < kLength) << count;
         EXPECT_EQ(waitChild(reader), 128 + SIGKILL);
     }
     Connection c;
-    ASSERT_TRUE(c.connect() && NetSetNonBlocking(c.server));
+    ASSERT_TRUE(c.connect());
+    ASSERT_TRUE(NetSetNonBlocking(c.server));
     const pid_t writer = peer(c, c.client, [&](int32_t s) { return send(s, bytes.data(), 1000, 0) == 1000 ? 0 : 1; });
     std::vector<char> received(2000);
     EXPECT_EQ(
@@ -183,14 +198,17 @@ TEST_F(NetTransferTest, TimerSignalsThroughout) {
     constexpr int32_t kLength = 64 * kPiece;
     const std::vector<char> bytes = pattern(kLength);
     Connection c, quiet;
-    ASSERT_TRUE(c.connect(4096) && NetSetSendBufferSize(c.server, 4096) && quiet.connect());
+    ASSERT_TRUE(c.connect(4096));
+    ASSERT_TRUE(NetSetSendBufferSize(c.server, 4096));
+    ASSERT_TRUE(quiet.connect());
     const pid_t reader = peer(c, c.client, [](int32_t s) { return slowReader(s, kLength, 1000); });
     itimerval every{{0, 1000}, {0, 1000}};
     setitimer(ITIMER_REAL, &every, nullptr);
 
     int32_t count = -1; // blocking sockets: every send waits inside the call
     EXPECT_EQ(NetTcpSendBlocking(&count, c.server, bytes.data(), kLength, nullptr, nullptr, nullptr), NET_ERROR_NONE);
-    EXPECT_TRUE(count == kLength && gAlarms > 10) << count << " " << gAlarms;
+    EXPECT_TRUE(count == kLength) << count << " " << gAlarms;
+    EXPECT_TRUE(gAlarms > 10) << count << " " << gAlarms;
     NetClose(&c.server);
     EXPECT_EQ(waitChild(reader), 0);
     char buffer[16];
@@ -246,16 +264,20 @@ TEST_F(NetTransferTest, SocketBeyondTheSelectSets) {
 TEST_F(NetTransferTest, DatagramsTellTheirSender) {
     int32_t a = -1, b = -1;
     NetAddressT aAddress = loopback(0), bAddress = loopback(0), from{};
-    ASSERT_TRUE(NetOpen(&a, NET_SOCKET_DATAGRAM) && NetOpen(&b, NET_SOCKET_DATAGRAM));
-    ASSERT_TRUE(NetBind(a, &aAddress) && NetBind(b, &bAddress));
+    ASSERT_TRUE(NetOpen(&a, NET_SOCKET_DATAGRAM));
+    ASSERT_TRUE(NetOpen(&b, NET_SOCKET_DATAGRAM));
+    ASSERT_TRUE(NetBind(a, &aAddress));
+    ASSERT_TRUE(NetBind(b, &bAddress));
     NetGetLocalAddress(&aAddress, a);
     NetGetLocalAddress(&bAddress, b);
-    ASSERT_TRUE(NetUdpSend(a, "ping", 4, &bAddress) == 0 && NetUdpSend(a, "pong", 4, &bAddress) == 0);
+    ASSERT_TRUE(NetUdpSend(a, "ping", 4, &bAddress) == 0);
+    ASSERT_TRUE(NetUdpSend(a, "pong", 4, &bAddress) == 0);
     char buffer[16] = {};
     int32_t received = 0;
     ASSERT_EQ(NetUdpReceive(&received, b, buffer, sizeof buffer, &from), NET_ERROR_NONE);
     EXPECT_EQ(std::string(buffer, received), "ping");
-    EXPECT_TRUE(NetAddressEqual(&from, &aAddress, FALSE) && NetGetAddressLength(&from) == 16);
+    EXPECT_TRUE(NetAddressEqual(&from, &aAddress, FALSE));
+    EXPECT_TRUE(NetGetAddressLength(&from) == 16);
     ASSERT_EQ(NetUdpReceive(&received, b, buffer, sizeof buffer, nullptr), NET_ERROR_NONE);
     EXPECT_EQ(std::string(buffer, received), "pong");
     NetSetNonBlocking(b);

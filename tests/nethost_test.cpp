@@ -108,7 +108,8 @@ TEST_F(NetHostTest, DottedAddressesNeverAskTheNameService) {
         EXPECT_EQ(gNames.forwardCalls, c.lookups);
         if (c.found) {
             EXPECT_EQ(NetGetIpAddress(&address), c.ip);
-            EXPECT_TRUE(NetGetAddressLength(&address) == 16 && NetGetFamily(&address) == 2);
+            EXPECT_TRUE(NetGetAddressLength(&address) == 16);
+            EXPECT_TRUE(NetGetFamily(&address) == 2);
             EXPECT_TRUE(NetGetIpPort(&address) == 0 && address.aBytes[31] == 0);
             EXPECT_TRUE(c.lookups != 0 || error == 0);
         } else {
@@ -163,7 +164,8 @@ TEST_F(NetHostTest, HostDetailsAndTheLocalHost) {
     ASSERT_TRUE(NetGetHostDetails("fileserver", &aliases, &addresses));
     OBJ_STRING *name = nullptr;
     OBJ_INTEGER *ip = nullptr;
-    ASSERT_TRUE(ListGetNthItem(&name, aliases, 1) && ListGetNthItem(&ip, addresses, 1));
+    ASSERT_TRUE(ListGetNthItem(&name, aliases, 1));
+    ASSERT_TRUE(ListGetNthItem(&ip, addresses, 1));
     EXPECT_STREQ(ObjGetString(name), "fileserver");
     EXPECT_EQ(static_cast<uint32_t>(ObjGetInteger(ip)), 0x0a010203u);
     EXPECT_EQ(aliases->iCount, 2);
@@ -183,7 +185,9 @@ TEST_F(NetHostTest, HostDetailsAndTheLocalHost) {
     gNames.forward[host] = 0x0a090807;
     ASSERT_TRUE(NetGetLocalHostAddress(&local));
     EXPECT_EQ(NetGetAddressLength(&local), 4);
-    EXPECT_TRUE(NetGetFamily(&local) == 2 && NetGetIpAddress(&local) == 0x0a090807 && NetGetIpPort(&local) == 0);
+    EXPECT_TRUE(NetGetFamily(&local) == 2);
+    EXPECT_TRUE(NetGetIpAddress(&local) == 0x0a090807);
+    EXPECT_TRUE(NetGetIpPort(&local) == 0);
 }
 
 TEST_F(NetHostTest, AnUnknownServiceLeavesTheDefault) {
@@ -422,7 +426,8 @@ TEST_F(NetHostTest, ASocketIsHandedOverAcrossExec) {
     EXPECT_TRUE(NetInheritMatch(context, answer));
     EXPECT_FALSE(NetInheritMatch(context, other) || NetInheritMatch(context, nullptr));
     context->iSocket = -1;
-    EXPECT_TRUE(NetInheritDone(&context) && NetInheritDone(&answer));
+    EXPECT_TRUE(NetInheritDone(&context));
+    EXPECT_TRUE(NetInheritDone(&answer));
     EXPECT_TRUE(NetInheritDone(&other)); // closes spare
     EXPECT_EQ(fcntl(spare, F_GETFD), -1);
     EXPECT_FALSE(NetInheritPhase1(&other, -1));

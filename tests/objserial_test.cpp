@@ -409,7 +409,8 @@ TEST_F(SerialTest, FilesHoldOneObjectEach) {
 
     // Two objects one after the other in a stream, then a cut file.
     FILE *file = fopen(path.c_str(), "w+b");
-    ASSERT_TRUE(ObjSerializeToFP(node, file) && ObjSerializeToFP(nullptr, file));
+    ASSERT_TRUE(ObjSerializeToFP(node, file));
+    ASSERT_TRUE(ObjSerializeToFP(nullptr, file));
     rewind(file);
     ASSERT_TRUE(ObjReconstructFromFP(&copy, file));
     EXPECT_TRUE(ObjCompare(node, copy));

@@ -93,7 +93,8 @@ TEST_F(ObjWrappersTest, EachAccessorAnswersOnlyForItsOwnType) {
             EXPECT_EQ(memcmp(before.data(), object, bytes), 0); // nothing written
         }
         EXPECT_FALSE(s.set(nullptr));
-        EXPECT_TRUE(s.set(s.owner) && s.took());
+        EXPECT_TRUE(s.set(s.owner));
+        EXPECT_TRUE(s.took());
     }
     EXPECT_FALSE(ObjSetStanza(o.stanza, nullptr));
     EXPECT_EQ(o.stanza->pStanza, kOtherStanza);
@@ -112,7 +113,8 @@ TEST_F(ObjWrappersTest, StringsAreCopiedAndTheOldOneIsFreed) {
     EXPECT_TRUE(ObjSetStringNoCopy(object, block) && object->pszValue == block);
     EXPECT_EQ(MemUsedCount(), blocks); // the block came in, the old string went
     EXPECT_TRUE(ObjSetString(object, nullptr) && object->pszValue == nullptr && MemUsedCount() == blocks - 1);
-    EXPECT_TRUE(ObjGetString(none) == nullptr && !strcmp(ObjGetString(ranged), "abc"));
+    EXPECT_TRUE(ObjGetString(none) == nullptr);
+    EXPECT_TRUE(!strcmp(ObjGetString(ranged), "abc"));
     for (OBJ_STRING *s : {object, none, ranged}) ObjReleaseInternal(&s);
 }
 
@@ -157,7 +159,8 @@ TEST_F(ObjWrappersTest, CreateFormsReportANullOutUnderTheirId) {
         EXPECT_FALSE(c.create(nullptr)) << c.id;
         EXPECT_TRUE(c.id == 0 ? traceTexts().size() == records : traced("OBJECT", c.id, c.text)) << c.id;
         void *made = nullptr;
-        EXPECT_TRUE(c.create(&made) && made != nullptr) << c.id;
+        EXPECT_TRUE(c.create(&made)) << c.id;
+        EXPECT_TRUE(made != nullptr) << c.id;
         ObjReleaseInternal(&made);
     }
     // What needs the unique identifier module fails cleanly, with nothing made.
@@ -165,7 +168,8 @@ TEST_F(ObjWrappersTest, CreateFormsReportANullOutUnderTheirId) {
     OBJ_UNIQUE placeholder, *unique = &placeholder;
     EXPECT_FALSE(ObjUniqueCreateInternal(&unique, nullptr));
     EXPECT_FALSE(ObjUniqueCreateSessionId(&unique, 1, 2, 3) || unique != nullptr);
-    EXPECT_TRUE(ObjCount() == objects && MemUsedCount() == blocks);
+    EXPECT_TRUE(ObjCount() == objects);
+    EXPECT_TRUE(MemUsedCount() == blocks);
 }
 
 TEST_F(ObjWrappersTest, ValuesPassThroughTheirWords) {
@@ -186,7 +190,9 @@ TEST_F(ObjWrappersTest, ValuesPassThroughTheirWords) {
 
     OBJ_VIEWABLE *viewable = ObjViewableNew(4, "seen", nullptr);
     ObjViewInfo view;
-    EXPECT_TRUE(ObjGetViewInfo(&view, viewable) && view.iWord == 4 && !strcmp(view.pszString, "seen"));
+    EXPECT_TRUE(ObjGetViewInfo(&view, viewable));
+    EXPECT_TRUE(view.iWord == 4);
+    EXPECT_TRUE(!strcmp(view.pszString, "seen"));
     void *all[] = {wide, a, b, lookalike, viewable};
     for (void *&object : all) ObjReleaseInternal(&object);
 }

@@ -139,9 +139,12 @@ TEST_F(StanzaTest, GettersGiveTheirDefaults) {
     EXPECT_EQ(number, 8);
     EXPECT_TRUE(StnzGetInt64(stanza, "WIDE", 0, &wide));
     EXPECT_EQ(wide, -9000000000LL);
-    EXPECT_TRUE(StnzGetBoolean(stanza, "yes", FALSE, &flag) && flag == TRUE);
-    EXPECT_TRUE(StnzGetBoolean(stanza, "one", TRUE, &flag) && flag == FALSE);
-    EXPECT_TRUE(StnzGetBoolean(stanza, "missing", TRUE, &flag) && flag == TRUE);
+    EXPECT_TRUE(StnzGetBoolean(stanza, "yes", FALSE, &flag));
+    EXPECT_TRUE(flag == TRUE);
+    EXPECT_TRUE(StnzGetBoolean(stanza, "one", TRUE, &flag));
+    EXPECT_TRUE(flag == FALSE);
+    EXPECT_TRUE(StnzGetBoolean(stanza, "missing", TRUE, &flag));
+    EXPECT_TRUE(flag == TRUE);
     EXPECT_TRUE(StnzGetString(stanza, "missing", nullptr, &text));
     EXPECT_EQ(text, nullptr);
     EXPECT_TRUE(StnzGetString(stanza, "missing", "dflt", &text));

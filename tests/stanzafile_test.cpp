@@ -298,8 +298,13 @@ TEST_F(StanzaFileTest, FindsMoveThePositionOnlyWhenTheyFind) {
     EXPECT_EQ(StnzFileOpenMode(file), -1);
     EXPECT_FALSE(StnzFindNextStanza(nullptr));
     EXPECT_TRUE(traced("STANZA", 2, "Invalid file pointer"));
+}
 
-    // A line of 5000 bytes keeps its first 4095; its rest is no line.
+TEST_F(StanzaFileTest, ALineOfFiveThousandBytesKeepsItsFirst4095) {
+    const std::string path = home() + "/long.cfg";
+    StanzaKey *key = nullptr;
+    Stanza *stanza = nullptr;
+    // Its rest is no line.
     writeFile(path, "[Long]\nk=" + std::string(4991, 'v') + "=tail\nj=after\n");
     ASSERT_TRUE(StnzLoadKeyFromFile(&key, path.c_str(), nullptr, "long", "K"));
     EXPECT_STREQ(key->keyword, "K");
@@ -533,7 +538,8 @@ TEST_F(StanzaFileTest, ConcurrentKeyAddsLoseNothing) {
     for (pid_t child : children) {
         int status = 0;
         ASSERT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        EXPECT_TRUE(WIFEXITED(status));
+        EXPECT_TRUE(WEXITSTATUS(status) == 0);
     }
     Stanza *stanza = nullptr;
     ASSERT_TRUE(StnzLoadStanzaFromFile(&stanza, path.c_str(), "shared", "keys"));

@@ -55,7 +55,9 @@ TEST_F(StringTest, WalkerReadsWholeCharactersAndNeverPassesTheTerminator) {
     EXPECT_EQ(StrGetChar(nullptr), 0);
     EXPECT_EQ(StrGetCharAtPointer(nullptr), 0);
     EXPECT_EQ(StrCharCount(nullptr), 0);
-    EXPECT_TRUE(StrIsDBCSLeadByte(0x80) && StrIsDBCSLeadByte(0x9F) && StrIsDBCSLeadByte(0xE0));
+    EXPECT_TRUE(StrIsDBCSLeadByte(0x80));
+    EXPECT_TRUE(StrIsDBCSLeadByte(0x9F));
+    EXPECT_TRUE(StrIsDBCSLeadByte(0xE0));
     EXPECT_FALSE(StrIsDBCSLeadByte(0x7F) || StrIsDBCSLeadByte(0xA0) || StrIsDBCSLeadByte(0xDF));
     EXPECT_TRUE(StrCharIsAscii(127));
     EXPECT_FALSE(StrCharIsAscii(128) || StrCharIsAscii(0x8141));
@@ -518,7 +520,9 @@ TEST_F(StringTest, TextFormsOfNumbers) {
     }
     EXPECT_FALSE(StrFromInteger(nullptr, 1));
     EXPECT_FALSE(StrFromBoolean(nullptr, 1));
-    EXPECT_TRUE(StrIsAscii(nullptr) && StrIsAscii("") && StrIsAscii("a\x7F"));
+    EXPECT_TRUE(StrIsAscii(nullptr));
+    EXPECT_TRUE(StrIsAscii(""));
+    EXPECT_TRUE(StrIsAscii("a\x7F"));
     EXPECT_FALSE(StrIsAscii("ab\x80") || StrIsAscii("\xC9"));
 }
 

@@ -27,7 +27,9 @@ TEST_F(TraceTest, RecordsLieEndToEnd) {
     TestRing ring(1024);
     const TracePosition first = put(0, "hi");
     const TraceRecord *r = ring.at(0);
-    EXPECT_TRUE(first.Offset == 0 && first.Sequence == 1 && first.Buffer == ring.buffer);
+    EXPECT_TRUE(first.Offset == 0);
+    EXPECT_TRUE(first.Sequence == 1);
+    EXPECT_TRUE(first.Buffer == ring.buffer);
     EXPECT_TRUE(r->Previous == -1 && r->Sequence == 1 && r->Length == 48 && r->Id == 7 && r->Code == 9);
     EXPECT_EQ(std::string(r->Module, 8) + r->Text, "TEST    hi");
     EXPECT_LE(time(nullptr) - r->Time, 1);
@@ -55,14 +57,17 @@ TEST_F(TraceTest, SuppressedRecords) {
     for (const auto &[suspended, level, format] : {Case{1, -1, "x"}, Case{0, 4, "x"}, Case{0, 0, nullptr}}) {
         gtLmContext.bTraceSuspended = suspended;
         const TracePosition p = trace(7, 9, level, format);
-        EXPECT_TRUE(p.Offset == -1 && p.Sequence == -1 && p.Buffer == nullptr);
+        EXPECT_TRUE(p.Offset == -1);
+        EXPECT_TRUE(p.Sequence == -1);
+        EXPECT_TRUE(p.Buffer == nullptr);
         EXPECT_EQ(std::string(reinterpret_cast<char *>(ring.buffer), before.size()), before);
     }
     gtLmContext.bTraceSuspended = 0;
     EXPECT_EQ(putText(30).Sequence, 2);
     EXPECT_EQ(seen, 48 + 72);
     TraceSetBuffer(nullptr);
-    EXPECT_TRUE(put(-1, "x").Buffer == nullptr && TraceSetLevel(3) == 0);
+    EXPECT_TRUE(put(-1, "x").Buffer == nullptr);
+    EXPECT_TRUE(TraceSetLevel(3) == 0);
 }
 
 // Four 48-byte records in a 256-byte ring: a record that ends exactly at
@@ -95,7 +100,8 @@ TEST_F(TraceTest, SequenceWrapsFromTheHighestTo0) {
     for (uint32_t expected : {0x3FFFFFFFu, TRACE_SEQUENCE_MAX, 0u, 1u}) {
         TracePosition p;
         EXPECT_EQ(uint32_t(put(0, "x").Sequence), expected);
-        EXPECT_TRUE(TraceGetPosition(&p) && uint32_t(p.Sequence) == expected);
+        EXPECT_TRUE(TraceGetPosition(&p));
+        EXPECT_TRUE(uint32_t(p.Sequence) == expected);
     }
     EXPECT_EQ(ring.walk(), (std::vector<uint32_t>{1, 0, TRACE_SEQUENCE_MAX, 0x3FFFFFFF}));
 }
@@ -114,7 +120,9 @@ TEST_F(TraceTest, LongTextsAreCut) {
 // A new ring is empty, so no reader finds a record in it, and counts from 1
 // again; it takes the level of the ring it replaces, or keeps its own.
 TEST_F(TraceTest, InstallingARing) {
-    EXPECT_TRUE(TraceSetLevel(1) == TRACE_LEVEL_LIBVERBOSE && TraceSetLevel(-2) == 1 && TraceSetLevel(-2) == 1);
+    EXPECT_TRUE(TraceSetLevel(1) == TRACE_LEVEL_LIBVERBOSE);
+    EXPECT_TRUE(TraceSetLevel(-2) == 1);
+    EXPECT_TRUE(TraceSetLevel(-2) == 1);
     put(0, "old");
     TraceSetBuffer(TRACE_OWN_BUFFER);
     TracePosition p = {5, 5, nullptr};

@@ -343,13 +343,7 @@ bool readList(fh::ObjectReader &r, int32_t id, void **out) {
                     static_cast<long>(LIST_MAGIC));
         ok = false;
     }
-    if (!ok) {
-        r.forget(id);
-        ObjReleaseInternal(&list);
-        return false;
-    }
-    *out = list;
-    return true;
+    return r.settle(ok, id, list, out);
 }
 
 // The walk: the cookie, then each node and its item.

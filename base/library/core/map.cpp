@@ -170,19 +170,10 @@ bool mapSetUp(MAP *map, int32_t firstWord, int32_t entrySize, int32_t growBy, Ma
 
 BOOL MapCreate(MAP **out, int32_t entrySize, int32_t growBy, MapCompareFunction locate, MapCompareFunction find,
                MapReleaseEntryFunction releaseEntry) {
-    BOOL ok = out != nullptr && locate != nullptr && entrySize > 0 && growBy >= 0;
-    if (ok) {
-        auto *map = gMapType.newInstance(pool());
-        if (map == nullptr) {
-            trace(2, 0, 3, "Failed to create MAP object");
-            ok = FALSE;
-        } else if (!fh::mapSetUp(map, entrySize, entrySize, growBy, locate, find, releaseEntry)) {
-            ObjReleaseInternal(&map);
-            ok = FALSE;
-        } else {
-            *out = map;
-        }
-    }
+    const BOOL ok = out != nullptr && locate != nullptr && entrySize > 0 && growBy >= 0 &&
+                    fh::mapCreate(
+                        out, [] { return gMapType.newInstance(pool()); }, trace, "Failed to create MAP object",
+                        entrySize, entrySize, growBy, locate, find, releaseEntry);
     trace(3, 0, 3, "%s = MapCreate(%p, %ld, %ld, %p, %p, %p)", fh::boolText(ok), static_cast<void *>(out),
           static_cast<long>(entrySize), static_cast<long>(growBy), reinterpret_cast<void *>(locate),
           reinterpret_cast<void *>(find), reinterpret_cast<void *>(releaseEntry));

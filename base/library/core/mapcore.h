@@ -8,6 +8,7 @@
 
 #include "core/map.h"
 #include "core/objmap.h"
+#include "tracer.h"
 
 namespace fh {
 
@@ -41,6 +42,26 @@ void mapRemoveAt(MAP *map, int32_t entrySize, int32_t index);
 // would not fit.
 bool mapSetUp(MAP *map, int32_t firstWord, int32_t entrySize, int32_t growBy, MapCompareFunction locate,
               MapCompareFunction find, MapReleaseEntryFunction releaseEntry);
+
+// What MapCreate and ObjMapCreateInternal share: a map object as make()
+// gives it (null is traced as failedText under id 2), set up; TRUE with the
+// map in *out, else FALSE with nothing left behind.
+template <typename Map, typename Make>
+BOOL mapCreate(Map **out, Make make, const ModuleTracer &trace, const char *failedText, int32_t firstWord,
+               int32_t entrySize, int32_t growBy, MapCompareFunction locate, MapCompareFunction find,
+               MapReleaseEntryFunction releaseEntry) {
+    Map *map = make();
+    if (map == nullptr) {
+        trace(2, 0, 3, "%s", failedText);
+        return FALSE;
+    }
+    if (!mapSetUp(reinterpret_cast<MAP *>(map), firstWord, entrySize, growBy, locate, find, releaseEntry)) {
+        ObjReleaseInternal(&map);
+        return FALSE;
+    }
+    *out = map;
+    return TRUE;
+}
 
 inline MapCompareFunction mapFinder(const MAP *map) {
     return map->pfnFind != nullptr ? map->pfnFind : map->pfnLocate;

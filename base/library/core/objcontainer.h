@@ -44,6 +44,9 @@ class ObjectReader {
     // An object whose body is being read; nesting is bounded.
     virtual bool enter(void *object) = 0;
     virtual void leave() = 0;
+    // The end of a container's read: *out = container when ok; else the
+    // container is released and its id forgotten. Gives ok.
+    virtual bool settle(bool ok, int32_t id, void *container, void **out) = 0;
 };
 
 // The walker, for the nodes of a container.
@@ -69,10 +72,24 @@ struct ContainerOperations {
     int32_t (*walk)(ObjectVisitor &visitor, void *container);
 };
 
+// The container types and their operations, as their declarations register
+// them when their templates are made (object.cpp). Looked up inline, since
+// the serialiser asks for every object it writes or reads.
+struct ContainerType {
+    uint32_t magic;
+    const ContainerOperations *operations;
+};
+inline constexpr int32_t kMaxContainerTypes = 4;
+inline ContainerType gContainerTypes[kMaxContainerTypes] = {};
+inline int32_t gContainerTypeCount = 0;
+
 // The operations of the container type of magic, or null for a type that is
-// handled by its components. A declared type registers its table when its
-// template is made.
-const ContainerOperations *containerOperations(uint32_t magic);
+// handled by its components.
+inline const ContainerOperations *containerOperations(uint32_t magic) {
+    for (int32_t i = 0; i < gContainerTypeCount; ++i)
+        if (gContainerTypes[i].magic == magic) return gContainerTypes[i].operations;
+    return nullptr;
+}
 
 } // namespace fh
 

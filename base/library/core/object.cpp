@@ -82,14 +82,6 @@ ObjectTemplate *gRetired = nullptr; // retired templates, linked through Next
 int32_t gForeignTemplates = 0; // templates made for received formats
 size_t gForeignBytes = 0;      // and the pool bytes they hold
 
-// The container types and their operations, as their declarations register them.
-struct Container {
-    uint32_t magic;
-    const fh::ContainerOperations *operations;
-};
-Container gContainers[4];
-int32_t gContainerCount = 0;
-
 // A template and what this module keeps beside it; the entries follow.
 struct TemplateBlock {
     ObjectTemplate t;
@@ -387,11 +379,6 @@ namespace fh {
 
 int32_t objectTemplateBlocks() { return gTemplateBlocks; }
 
-const ContainerOperations *containerOperations(uint32_t magic) {
-    for (int32_t i = 0; i < gContainerCount; ++i)
-        if (gContainers[i].magic == magic) return gContainers[i].operations;
-    return nullptr;
-}
 
 bool DeclaredType::declare() {
     if (template_ == nullptr) {
@@ -399,8 +386,8 @@ bool DeclaredType::declare() {
         if (!ObjTemplateCreateInternal(&made, size_, magic_, format_, release_)) return false;
         if (receivable_ && !ObjTemplateSetReceivable(made, check_)) return false;
         if (operations_ != nullptr && containerOperations(magic_) == nullptr) {
-            if (gContainerCount == static_cast<int32_t>(std::size(gContainers))) return false;
-            gContainers[gContainerCount++] = {magic_, operations_};
+            if (gContainerTypeCount == kMaxContainerTypes) return false;
+            gContainerTypes[gContainerTypeCount++] = {magic_, operations_};
         }
         template_ = made;
     }

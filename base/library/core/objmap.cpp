@@ -60,20 +60,11 @@ template <typename Step> BOOL walk(OBJ_MAP *map, MapWalkFunction callback, void 
 
 BOOL ObjMapCreateInternal(OBJ_MAP **out, uint32_t itemMagic, int32_t growBy, MapCompareFunction locate,
                           MapCompareFunction find, MapReleaseEntryFunction releaseEntry) {
-    BOOL ok = out != nullptr && locate != nullptr && OBJ_VALID_MAGIC(itemMagic) && growBy >= 0;
-    if (ok) {
-        auto *map = gObjMapType.newInstance(MemGetDefaultPoolId());
-        if (map == nullptr) {
-            trace(2, 0, 3, "Failed to create OBJ_MAP object");
-            ok = FALSE;
-        } else if (!fh::mapSetUp(fh::asMap(map), static_cast<int32_t>(itemMagic), kEntry, growBy, locate, find,
-                                 releaseEntry)) {
-            ObjReleaseInternal(&map);
-            ok = FALSE;
-        } else {
-            *out = map;
-        }
-    }
+    const BOOL ok = out != nullptr && locate != nullptr && OBJ_VALID_MAGIC(itemMagic) && growBy >= 0 &&
+                    fh::mapCreate(
+                        out, [] { return gObjMapType.newInstance(MemGetDefaultPoolId()); }, trace,
+                        "Failed to create OBJ_MAP object", static_cast<int32_t>(itemMagic), kEntry, growBy, locate,
+                        find, releaseEntry);
     trace(3, 0, 3, "%s = MapCreate(%p, %lx, %ld, %p, %p, %p)", fh::boolText(ok), static_cast<void *>(out),
           static_cast<unsigned long>(itemMagic), static_cast<long>(growBy), reinterpret_cast<void *>(locate),
           reinterpret_cast<void *>(find), reinterpret_cast<void *>(releaseEntry));

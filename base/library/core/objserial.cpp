@@ -778,6 +778,15 @@ class ReaderPort : public fh::ObjectReader {
     void forget(int32_t id) override { ::forget(r_, id); }
     bool enter(void *object) override { return r_.enter(object); }
     void leave() override { r_.leave(); }
+    bool settle(bool ok, int32_t id, void *container, void **out) override {
+        if (!ok) {
+            ::forget(r_, id);
+            ObjReleaseInternal(&container);
+            return false;
+        }
+        *out = container;
+        return true;
+    }
 
   private:
     Reader &r_;

@@ -381,13 +381,7 @@ bool readTree(fh::ObjectReader &r, int32_t id, void **out) {
         traceObject(45, 1, -1, "Synchronisation failure");
         ok = false;
     }
-    if (!ok) {
-        r.forget(id);
-        ObjReleaseInternal(&tree);
-        return false;
-    }
-    *out = tree;
-    return true;
+    return r.settle(ok, id, tree, out);
 }
 
 // The walk of a chain: each node and its item, then its children.

@@ -33,8 +33,9 @@ protected:
     // The texts of the records in the current ring, oldest first.
     static std::vector<std::string> traceTexts();
 
-    // TRUE when a record with this module tag, id and text is in the ring.
-    static bool traced(const char *module, int32_t id, const std::string &text);
+    // Success when a record with this module tag, id and text is in the
+    // ring; a failure names the record wanted and shows the newest records.
+    static ::testing::AssertionResult traced(const char *module, int32_t id, const std::string &text);
 
 private:
     static int32_t blocksInUse();

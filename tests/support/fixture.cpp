@@ -93,12 +93,23 @@ std::vector<std::string> LibraryTest::traceTexts() {
     return texts;
 }
 
-bool LibraryTest::traced(const char *module, int32_t id, const std::string &text) {
+::testing::AssertionResult LibraryTest::traced(const char *module, int32_t id, const std::string &text) {
     const size_t tagLength = strlen(module);
-    for (const TraceRecord *record : records()) {
-        if (record->Id == id && text == record->Text && strncmp(record->Module, module, tagLength) == 0) return true;
+    const std::vector<const TraceRecord *> all = records();
+    for (const TraceRecord *record : all) {
+        if (record->Id == id && text == record->Text && strncmp(record->Module, module, tagLength) == 0)
+            return ::testing::AssertionSuccess();
     }
-    return false;
+    constexpr size_t kShown = 8;
+    ::testing::AssertionResult failure = ::testing::AssertionFailure();
+    failure << "no record " << module << ":" << id << " \"" << text << "\"; the newest of " << all.size() << ":";
+    for (size_t i = all.size() > kShown ? all.size() - kShown : 0; i < all.size(); ++i)
+    {
+        std::string tag(all[i]->Module, strnlen(all[i]->Module, sizeof all[i]->Module));
+        tag.erase(tag.find_last_not_of(' ') + 1);
+        failure << "\n  " << tag << ":" << all[i]->Id << " \"" << all[i]->Text << "\"";
+    }
+    return failure;
 }
 
 void *runInSmallStack(void *(*body)(void *)) {
