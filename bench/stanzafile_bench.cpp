@@ -91,10 +91,13 @@ constexpr bench::Entry kBenchmarks[] = {
     {"StnzLoadStanzaListFromFile, 1000 stanzas", loadWholeList},
 };
 
+// The aims are judged on the whole list, the same work on both sides; the
+// find of the last stanza scans titles only, while the peer parses every
+// line, so it is only reported.
 constexpr bench::Comparison kComparisons[] = {
-    {"StnzLoadStanzaFromFile, last of 1000", "inih ini_parse, same file", bench::Aim::RatioAtMost, 1.5},
-    {"StnzLoadStanzaFromFile, last of 1000", "inih ini_parse, same file", bench::Aim::NanosecondsBelow, 1e6},
-    {"StnzLoadStanzaListFromFile, 1000 stanzas", "inih ini_parse, same file", bench::Aim::Report, 0},
+    {"StnzLoadStanzaListFromFile, 1000 stanzas", "inih ini_parse, same file", bench::Aim::RatioAtMost, 1.5},
+    {"StnzLoadStanzaListFromFile, 1000 stanzas", "inih ini_parse, same file", bench::Aim::NanosecondsBelow, 1e6},
+    {"StnzLoadStanzaFromFile, last of 1000", "inih ini_parse, same file", bench::Aim::Report, 0},
 };
 
 } // namespace

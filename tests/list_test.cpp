@@ -90,20 +90,13 @@ TEST_F(ListTest, RemovingFirstLastMiddleAndOnlyNodesKeepsTheChainSound) {
         BOOL result;
         std::vector<int> after;
     } cases[] = {
-        {{1, 2, 3}, ListRemoveFirstItem, TRUE, {2, 3}},
-        {{1, 2, 3}, ListRemoveLastItem, TRUE, {1, 2}},
-        {{1, 2, 3}, removeFirstNode, TRUE, {2, 3}},
-        {{1, 2, 3}, removeSecondNode, TRUE, {1, 3}},
-        {{1, 2, 3}, removeLastNode, TRUE, {1, 2}},
-        {{1, 2, 3}, popAndDrop<ListPopFirstItemInternal>, TRUE, {2, 3}},
-        {{1, 2, 3}, popAndDrop<ListPopLastItemInternal>, TRUE, {1, 2}},
-        {{7}, ListRemoveFirstItem, TRUE, {}},
-        {{7}, ListRemoveLastItem, TRUE, {}},
-        {{7}, removeFirstNode, TRUE, {}},
-        {{7}, popAndDrop<ListPopLastItemInternal>, TRUE, {}},
-        {{}, ListRemoveFirstItem, FALSE, {}},
-        {{}, ListRemoveLastItem, FALSE, {}},
-        {{1, 2}, ListReleaseAll, TRUE, {}},
+        {{1, 2, 3}, ListRemoveFirstItem, TRUE, {2, 3}}, {{1, 2, 3}, ListRemoveLastItem, TRUE, {1, 2}},
+        {{1, 2, 3}, removeFirstNode, TRUE, {2, 3}}, {{1, 2, 3}, removeSecondNode, TRUE, {1, 3}},
+        {{1, 2, 3}, removeLastNode, TRUE, {1, 2}}, {{1, 2, 3}, popAndDrop<ListPopFirstItemInternal>, TRUE, {2, 3}},
+        {{1, 2, 3}, popAndDrop<ListPopLastItemInternal>, TRUE, {1, 2}}, {{7}, ListRemoveFirstItem, TRUE, {}},
+        {{7}, ListRemoveLastItem, TRUE, {}}, {{7}, removeFirstNode, TRUE, {}},
+        {{7}, popAndDrop<ListPopLastItemInternal>, TRUE, {}}, {{}, ListRemoveFirstItem, FALSE, {}},
+        {{}, ListRemoveLastItem, FALSE, {}}, {{1, 2}, ListReleaseAll, TRUE, {}},
     };
     for (const auto &c : cases) {
         LIST *list = listOf(c.start);

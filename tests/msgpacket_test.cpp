@@ -48,7 +48,7 @@ protected:
         auto *packet = static_cast<MSG_PACKET *>(ObjTemplateNewInstanceFromPool(gtObjTemplatePacket, nullptr));
         packet->oImage.iSize = static_cast<int32_t>(bytes.size());
         packet->oImage.pData = MemAllocateFromPool(bytes.size() + 1, nullptr);
-        memcpy(packet->oImage.pData, bytes.data(), bytes.size());
+        if (!bytes.empty()) memcpy(packet->oImage.pData, bytes.data(), bytes.size());
         return hold(packet);
     }
 

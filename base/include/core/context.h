@@ -56,6 +56,20 @@ struct LmContext {
     char szMsgUnknownName[80];
     /* The process's own address (MSG_ADDRESS). */
     void *oMsgLocalAddress;
+    /* Channels: the channel map (OBJ_MAP of MSG_CHANNEL), the select mask of
+     * the process and its working copy (NetSelectMask), the connections
+     * under way and the lingering channels (LIST), the IPC channel, the last
+     * channel id given, whether the IPC connection is made, and the receive
+     * list (LIST of MSG_PACKET). */
+    void *oMsgChannels;
+    void *pMsgSelectMask;
+    void *pMsgWorkingMask;
+    void *oMsgConnectingList;
+    void *oMsgLingerList;
+    void *oMsgIpcChannel;
+    int32_t iMsgLastChannelId;
+    int32_t bMsgIpcConnected;
+    void *oMsgReceiveList;
 
     /* Context. */
     void *pThreadContextMarker;

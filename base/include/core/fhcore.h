@@ -39,5 +39,8 @@
 #include "nethost.h"
 #include "msg.h"
 #include "msgpacket.h"
+#include "channel.h"
+#include "msgsend.h"
+#include "proc.h"
 
 #endif /* FHCORE_FHCORE_H */

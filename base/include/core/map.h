@@ -14,13 +14,13 @@
  * and every result are the same as with growth by GrowBy alone; only
  * iCapacity differs (it is never below Count, and starts at GrowBy).
  *
- * Sizes. Lookups are binary searches, appends in key order cost the same
- * at any size, but an insertion at a random place moves the tail of the
- * array: a map is meant for up to some tens of thousands of entries filled
- * in any order (at 10,000 entries an insertion at a random place costs
- * about as much as a few lookups' worth of copying), or for larger ones
- * filled in key order. A table of hundreds of thousands of entries
- * inserted at random places wants another structure.
+ * Sizes. Lookups are binary searches and appends in key order cost about
+ * the same at any size, but an insertion at a random place moves half the
+ * array on average: a map is meant for up to some thousands of entries
+ * filled in any order (an insertion among 10,000 entries of 8 bytes moves
+ * about 40 KB, some 0.7 us; among 100,000 about 5 us), and for larger ones
+ * only when they are filled in key order. A table of hundreds of thousands
+ * of entries inserted at random places wants another structure.
  */
 #ifndef FHCORE_MAP_H
 #define FHCORE_MAP_H

@@ -132,6 +132,16 @@ FHAPI BOOL NetInheritPhase1(NET_INHERIT_CONTEXT **context, int32_t socket);
  * context or a handle of -1. */
 FHAPI BOOL NetInheritPhase2(NET_INHERIT_CONTEXT *context, int32_t processId);
 
+/* Owner: sends the context as MSG_INHERIT_SOCKET_MSG to processId on this
+ * machine; the result of the send. */
+FHAPI BOOL NetInheritPhase3(NET_INHERIT_CONTEXT *context, int32_t processId);
+
+/* Receiver: takes the handle into *socket, writes -1 and inherited into the
+ * context and sends it back to the owner as MSG_INHERITED_SOCKET_MSG; the
+ * result of the send (the socket is the caller's either way). FALSE,
+ * traced, nothing taken, for bad arguments or a handle of -1. */
+FHAPI BOOL NetInheritPhase4(int32_t *socket, NET_INHERIT_CONTEXT *context);
+
 /* Either side: closes the context's handle unless it is -1, and releases the
  * reference in *context, clearing it. FALSE for not a context. */
 FHAPI BOOL NetInheritDone(NET_INHERIT_CONTEXT **context);

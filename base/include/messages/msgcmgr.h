@@ -18,4 +18,20 @@
 
 FH_MSG_DECLARE_FAMILY(FH_MSG_FAMILY_CMGR)
 
+/* The body of CMGR_PROCESS_UNREACHABLE_MSG: the address (MSG_ADDRESS) that
+ * could not be reached, and the type of the message that was lost. */
+#define CMGR_PROCESS_UNREACHABLE_MAGIC 0xCA3B6D11u
+#define CMGR_PROCESS_UNREACHABLE_FORMAT "o;i;"
+typedef struct CMGR_PROCESS_UNREACHABLE {
+    void *oAddress;
+    int32_t iMsgType;
+} CMGR_PROCESS_UNREACHABLE;
+
+/* The body of CMGR_MACHINE_DOWN_MSG: the name of the machine. */
+#define CMGR_MACHINE_DOWN_MAGIC 0xCA3B6D12u
+#define CMGR_MACHINE_DOWN_FORMAT "s;"
+typedef struct CMGR_MACHINE_DOWN {
+    char *pszMachine;
+} CMGR_MACHINE_DOWN;
+
 #endif /* FHCORE_MESSAGES_MSGCMGR_H */

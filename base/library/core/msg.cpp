@@ -167,7 +167,10 @@ BOOL MsgSetMsgName(int32_t type, const char *name) {
 }
 
 // The templates and the well-known addresses (msgaddress.cpp, msgpacket.cpp).
-BOOL MsgInitialize(void) { return fh::msgAddressesInitialize() && fh::msgPacketsInitialize(); }
+BOOL MsgInitialize(void) {
+    return fh::msgAddressesInitialize() && fh::msgPacketsInitialize() && fh::msgChannelsInitialize() &&
+           fh::msgConnectInitialize();
+}
 
 BOOL MsgInitializeThread(void) {
     MsgReleaseThread(&gtLmContext);
@@ -179,10 +182,11 @@ BOOL MsgInitializeThread(void) {
     for (const MessageName &row : kCatalogue) MapInsertEntry(map, &row);
     trace(kIdLoaded, 0, 2, "Initialize %ld message names", static_cast<long>(MapSize(map)));
     gtLmContext.pMsgNameMap = map;
-    return fh::msgAddressesInitializeThread();
+    return fh::msgAddressesInitializeThread() && fh::msgChannelsInitializeThread();
 }
 
 void MsgReleaseThread(LmContext *context) {
+    fh::msgChannelsReleaseThread(context);
     fh::msgAddressesReleaseThread(context);
     ObjReleaseInternal(&context->pMsgNameMap);
 }

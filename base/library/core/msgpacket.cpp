@@ -152,10 +152,6 @@ const MSG_MESSAGE *fh::msgMessageOf(const void *object) {
                : nullptr;
 }
 
-// The channel map comes with the channels: until then this process knows
-// no channel.
-fh::ChannelView fh::msgChannelView(int32_t) { return {false, false, false, nullptr}; }
-
 bool fh::msgPacketsInitialize() {
     return gMessageType.declare() && gPacketType.declare();
 }

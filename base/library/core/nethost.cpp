@@ -36,10 +36,14 @@
 #include "core/list.h"
 #include "core/memory.h"
 #include "core/net.h"
+#include "core/msgpacket.h"
+#include "core/msgsend.h"
 #include "core/object.h"
 #include "core/objwrappers.h"
 #include "core/strbase.h"
 #include "core/strwrap.h"
+#include "core/sys.h"
+#include "messages/msgmsg.h"
 #include "codec.h"
 #include "netcalls.h"
 #include "objcore.h"
@@ -72,6 +76,7 @@ enum TraceId : int32_t {
     kIdInheritArguments = 118,
     kIdInheritCloseOnExec = 119,
     kIdInheritPhase2 = 120,
+    kIdInheritPhase4 = 121,
     kIdPortOutOfRange = 121,
 };
 
@@ -498,6 +503,37 @@ BOOL NetInheritPhase2(NET_INHERIT_CONTEXT *context, int32_t processId) {
     c->iTarget = processId;
     int32_t ownCopy = c->iSocket; // the number stays in the context for the other process
     return NetClose(&ownCopy);
+}
+
+namespace {
+
+// Sends the context to process id on this machine.
+BOOL sendContext(const NET_INHERIT_CONTEXT *context, int32_t processId, int32_t type) {
+    MSG_ADDRESS *to = nullptr;
+    if (!MsgCreateAddress(&to, SysLocalMachineName(), processId)) return FALSE;
+    const BOOL sent = MsgSendObject(to, type, context);
+    ObjReleaseInternal(&to);
+    return sent;
+}
+
+} // namespace
+
+BOOL NetInheritPhase3(NET_INHERIT_CONTEXT *context, int32_t processId) {
+    const NET_INHERIT_CONTEXT *c = inheritContext(context);
+    return c != nullptr && sendContext(c, processId, MSG_INHERIT_SOCKET_MSG);
+}
+
+BOOL NetInheritPhase4(int32_t *socket, NET_INHERIT_CONTEXT *context) {
+    NET_INHERIT_CONTEXT *c = inheritContext(context);
+    if (socket == nullptr || c == nullptr || c->iSocket == -1) {
+        trace(kIdInheritPhase4, 0, -1, "NetInheritPhase4: invalid arguments %p %p %ld", static_cast<void *>(socket),
+              static_cast<void *>(context), static_cast<long>(c != nullptr ? c->iSocket : -1));
+        return FALSE;
+    }
+    *socket = c->iSocket;
+    c->iSocket = -1;
+    c->bInherited = TRUE;
+    return sendContext(c, c->iOwner, MSG_INHERITED_SOCKET_MSG);
 }
 
 BOOL NetInheritDone(NET_INHERIT_CONTEXT **context) {

@@ -530,10 +530,12 @@ int32_t StrSizeRangeNoTerm(const char *string, int32_t count) {
 
 #if defined(__SSE2__)
 // StrCompare is bound when the library loads to the body with the widest
-// blocks this processor runs, so a call costs no more than one call.
+// blocks this processor runs, so a call costs no more than one call. The
+// bodies start on a cache line: where a build happened to place them moved
+// the cost of a short compare by a tenth.
 namespace {
-int32_t compareAvx2(const char *a, const char *b) { return compareWhole<firstDifferenceAvx2>(a, b); }
-int32_t compareSse2(const char *a, const char *b) { return compareWhole<firstDifferenceSse2>(a, b); }
+__attribute__((aligned(64))) int32_t compareAvx2(const char *a, const char *b) { return compareWhole<firstDifferenceAvx2>(a, b); }
+__attribute__((aligned(64))) int32_t compareSse2(const char *a, const char *b) { return compareWhole<firstDifferenceSse2>(a, b); }
 } // namespace
 using CompareFunction = int32_t (*)(const char *, const char *);
 extern "C" __attribute__((no_sanitize("address", "undefined"))) CompareFunction fhResolveStrCompare(void) {

@@ -1,0 +1,38 @@
+/*
+ * msgsend.h - sending packets and the receive list of the process.
+ *
+ * Everything a process receives ends as a packet on one receive list, in the
+ * order in which it happened: packets read off channels, channels that went
+ * down, the loss of the IPC channel. A packet to a channel address goes
+ * straight to that channel; every other packet goes over the IPC channel to
+ * the communication manager, whose route field takes it on.
+ */
+#ifndef FHCORE_MSGSEND_H
+#define FHCORE_MSGSEND_H
+
+#include "msgpacket.h"
+#include "types.h"
+
+FH_BEGIN_DECLS
+
+/* Sends object (null or valid; it stays the caller's) as a message of type
+ * to address, from the local address. FALSE when no packet could be made or
+ * handed to a channel; it says nothing of delivery. */
+FHAPI BOOL MsgSendObject(const void *address, int32_t type, const void *object);
+
+/* Sends a packet by its destination and always consumes the caller's
+ * reference. When the IPC channel takes nothing, MSG_LOST_SEND_QUEUE_MSG
+ * goes on the receive list and the result is FALSE. */
+FHAPI BOOL MsgDispatch(MSG_PACKET **packet);
+
+/* Takes over *packet and adds it at the end of the receive list; on failure
+ * the packet is released. */
+FHAPI BOOL MsgReceivePushPacket(MSG_PACKET **packet);
+/* The first packet of the list in *packet, taken off; FALSE when empty. */
+FHAPI BOOL MsgReceivePopPacket(MSG_PACKET **packet);
+/* The length of the receive list. */
+FHAPI int32_t MsgReceiveCount(void);
+
+FH_END_DECLS
+
+#endif /* FHCORE_MSGSEND_H */

@@ -1,0 +1,454 @@
+// Channels on real sockets: the reader's framing, bounds on what a peer
+// declares, going down, output that never waits, the channel map's ids, the
+// receive list, and the IPC opening at a raw listener.
+#include <chrono>
+#include <fstream>
+#include <thread>
+
+#include "messages/msgmsg.h"
+#include "msgchannel.h"
+#include "net_support.h"
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+using nettest::Connection;
+
+int32_t le32(const unsigned char *p) { return fh::msgGetLe32(p); }
+void put(Bytes &b, int32_t value) {
+    for (int i = 0; i < 4; ++i) b.push_back(static_cast<unsigned char>(static_cast<uint32_t>(value) >> (8 * i)));
+}
+
+class ChannelTest : public LibraryTest {
+protected:
+    void TearDown() override {
+        for (void *object : held_) ObjReleaseInternal(&object);
+        closeAll();
+        while (MsgReceiveCount() > 0) popType();
+        LibraryTest::TearDown();
+    }
+    // Closes every channel of the map, and the IPC channel.
+    static void closeAll() {
+        auto *map = static_cast<OBJ_MAP *>(gtLmContext.oMsgChannels);
+        while (map->iCount > 0) {
+            MSG_ADDRESS *address = nullptr;
+            MsgChannelAddress(&address, static_cast<MSG_CHANNEL **>(map->oData.pData)[0]);
+            MsgChannelClose(&address);
+        }
+        ObjReleaseInternal(&gtLmContext.oMsgIpcChannel);
+    }
+    void configure(const std::string &text) const {
+        mkdir((home() + "/config").c_str(), 0755);
+        std::ofstream(home() + "/config/configure.cfg") << text;
+    }
+    template <typename T> T *hold(T *object) {
+        held_.push_back(object);
+        return object;
+    }
+    // A channel on the server end of a fresh connection; the client end
+    // stays with the test.
+    MSG_CHANNEL *channelOn(Connection &c, bool ipc = false, bool notify = true) {
+        EXPECT_TRUE(c.connect());
+        MSG_CHANNEL *channel = nullptr;
+        EXPECT_TRUE(MsgChannelCreateInternal(&channel, c.server, nullptr, FALSE, notify, ipc, FALSE, FALSE));
+        c.server = -1; // the channel owns it now
+        return hold(channel);
+    }
+    // The bytes a packet of type with body puts on a socket.
+    static Bytes wire(const void *to, int32_t type, const void *body, bool ipc) {
+        MSG_PACKET *packet = nullptr;
+        EXPECT_TRUE(MsgCreatePacket(&packet, to, MsgLocalAddress(), type, body));
+        const auto *p = static_cast<const unsigned char *>(packet->oImage.pData);
+        Bytes bytes(p + (ipc ? 0 : MSG_PACKET_HEADER_SIZE), p + packet->oImage.iSize);
+        ObjReleaseInternal(&packet);
+        return bytes;
+    }
+    static void send(int32_t socket, const Bytes &bytes) {
+        ASSERT_EQ(::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+    }
+    // Reads until a packet is whole or five seconds pass.
+    static MSG_PACKET *receive(MSG_CHANNEL *channel) {
+        MSG_PACKET *packet = nullptr;
+        for (int i = 0; i < 500 && !channel->bIsDown; ++i) {
+            if (MsgChannelReceiveData(&packet, channel)) return packet;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return nullptr;
+    }
+    // One call after the bytes have had time to arrive: for frames that the
+    // channel keeps for itself.
+    static MSG_PACKET *receiveOnce(MSG_CHANNEL *channel) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        MSG_PACKET *packet = nullptr;
+        return MsgChannelReceiveData(&packet, channel) ? packet : nullptr;
+    }
+    static int32_t popType() {
+        MSG_PACKET *packet = nullptr;
+        if (!MsgReceivePopPacket(&packet)) return 0;
+        const int32_t type = MsgPacketMsgType(packet);
+        ObjReleaseInternal(&packet);
+        return type;
+    }
+    static std::vector<int32_t> queuedTypes() {
+        std::vector<int32_t> types;
+        while (MsgReceiveCount() > 0) types.push_back(popType());
+        return types;
+    }
+    static Bytes image(const MSG_PACKET *packet) {
+        const auto *p = static_cast<const unsigned char *>(packet->oImage.pData);
+        return Bytes(p, p + packet->oImage.iSize);
+    }
+
+private:
+    std::vector<void *> held_;
+};
+
+// A frame is put together the same however the bytes are cut, the header
+// that the reader makes names the channel both ways, and a second frame in
+// the same read comes only on the next call.
+TEST_F(ChannelTest, DataFramesAssembleTheSameAcrossCuts) {
+    Connection c;
+    MSG_CHANNEL *channel = channelOn(c);
+    OBJ_STRING *body = hold(ObjStringNew("a body long enough to be cut in many places"));
+    const Bytes frame = wire(channel->oAddress, MSG_PING_MSG, body, false);
+    for (const size_t cut : {size_t{1}, size_t{3}, size_t{8}, frame.size()}) {
+        SCOPED_TRACE(cut);
+        MSG_PACKET *packet = nullptr;
+        for (size_t at = 0; at < frame.size(); at += cut) {
+            ASSERT_FALSE(MsgChannelReceiveData(&packet, channel)) << "whole before the last byte";
+            send(c.client, Bytes(frame.begin() + at, frame.begin() + std::min(at + cut, frame.size())));
+            if (at + cut < frame.size()) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                ASSERT_FALSE(MsgChannelReceiveData(&packet, channel));
+            }
+        }
+        packet = hold(receive(channel));
+        ASSERT_NE(packet, nullptr);
+        const Bytes got = image(packet);
+        ASSERT_EQ(got.size(), frame.size() + MSG_PACKET_HEADER_SIZE);
+        const int32_t header[] = {0, static_cast<int32_t>(got.size()), -1, channel->iId, -1, channel->iId,
+                                  MSG_PING_MSG, 0};
+        for (size_t i = 0; i < std::size(header); ++i) EXPECT_EQ(le32(got.data() + 4 * i), header[i]) << i;
+        EXPECT_TRUE(std::all_of(got.begin() + 32, got.begin() + 192, [](unsigned char b) { return b == 0; }));
+        EXPECT_EQ(Bytes(got.begin() + MSG_PACKET_HEADER_SIZE, got.end()), frame);
+        MSG_MESSAGE *message = nullptr;
+        ASSERT_TRUE(MsgMessageFromPacket(&message, packet));
+        hold(message);
+        EXPECT_TRUE(MsgIsAChannel(message->oSource) && MsgGetChannelId(message->oSource) == channel->iId);
+        EXPECT_STREQ(ObjGetString(message->oObject), ObjGetString(body));
+    }
+    Bytes two = wire(channel->oAddress, MSG_PING_MSG, nullptr, false);
+    const Bytes second = wire(channel->oAddress, MSG_PONG_MSG, nullptr, false);
+    two.insert(two.end(), second.begin(), second.end());
+    send(c.client, two);
+    MSG_PACKET *first = hold(receive(channel));
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(MsgPacketMsgType(first), MSG_PING_MSG);
+    MSG_PACKET *next = nullptr;
+    ASSERT_TRUE(MsgChannelReceiveData(&next, channel)) << "the second frame waits in the socket";
+    EXPECT_EQ(MsgPacketMsgType(hold(next)), MSG_PONG_MSG);
+}
+
+// An IPC channel reads whole images; an opening names the channel it came
+// in on as its destination.
+TEST_F(ChannelTest, IpcImagesAndTheOpeningRewritten) {
+    Connection c;
+    MSG_CHANNEL *channel = channelOn(c, true);
+    send(c.client, wire(MsgCommMgrAddress(), MSG_IPC_CONNECT_MSG, nullptr, true));
+    MSG_PACKET *packet = hold(receive(channel));
+    ASSERT_NE(packet, nullptr);
+    const Bytes got = image(packet);
+    EXPECT_EQ(le32(got.data() + 0), 2);
+    EXPECT_EQ(le32(got.data() + 16), -1);
+    EXPECT_EQ(le32(got.data() + 20), channel->iId);
+    EXPECT_EQ(le32(got.data() + 8), 1);
+}
+
+// Lengths that no packet has take the channel down, with the trace of a
+// failed read and one MSG_CHANNEL_DOWN_MSG.
+TEST_F(ChannelTest, ImpossibleLengthsTakeTheChannelDown) {
+    struct Case {
+        bool ipc;
+        int32_t length;
+    } cases[] = {{false, 8}, {false, 0}, {false, -1}, {false, INT32_MAX - 191}, {true, 199}, {true, 0}, {true, -300}};
+    for (const Case &k : cases) {
+        SCOPED_TRACE(k.length);
+        Connection c;
+        MSG_CHANNEL *channel = channelOn(c, k.ipc);
+        Bytes head;
+        if (k.ipc) {
+            head.assign(MSG_PACKET_HEADER_SIZE, 0);
+            for (int i = 0; i < 4; ++i) head[4 + i] = static_cast<unsigned char>(static_cast<uint32_t>(k.length) >> (8 * i));
+        } else {
+            put(head, k.length);
+            put(head, MSG_PING_MSG);
+        }
+        send(c.client, head);
+        EXPECT_EQ(receive(channel), nullptr);
+        EXPECT_TRUE(channel->bIsDown);
+        EXPECT_EQ(channel->iSocket, -1);
+        EXPECT_TRUE(traced("MESSAGE", 46, "NetTcpReceive returned unknown error"));
+        EXPECT_EQ(queuedTypes(), std::vector<int32_t>{MSG_CHANNEL_DOWN_MSG});
+    }
+}
+
+// A peer that declares 2 GiB and sends 300 bytes costs about what it sent.
+TEST_F(ChannelTest, DeclaredTotalIsNotAllocated) {
+    for (const bool ipc : {false, true}) {
+        Connection c;
+        MSG_CHANNEL *channel = channelOn(c, ipc);
+        Bytes bytes(ipc ? MSG_PACKET_HEADER_SIZE : 0, 0);
+        if (ipc) bytes[4] = 0xF0, bytes[5] = 0xFF, bytes[6] = 0xFF, bytes[7] = 0x7F;
+        else put(bytes, INT32_MAX - 200), put(bytes, MSG_PING_MSG);
+        bytes.resize(bytes.size() + 300, 0x55);
+        const int32_t before = MemUsedCount();
+        send(c.client, bytes);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        MSG_PACKET *packet = nullptr;
+        EXPECT_FALSE(MsgChannelReceiveData(&packet, channel));
+        EXPECT_FALSE(channel->bIsDown);
+        EXPECT_LE(channel->oInput.iSize, 4096 + 2 * 300) << ipc;
+        EXPECT_LE(MemUsedCount(), before + 1);
+    }
+}
+
+// A peer gone mid-frame brings one MSG_CHANNEL_DOWN_MSG, and none when the
+// channel was made without notification or is closing.
+TEST_F(ChannelTest, PeerGoneMidFrame) {
+    for (const bool notify : {true, false}) {
+        Connection c;
+        MSG_CHANNEL *channel = channelOn(c, false, notify);
+        const Bytes frame = wire(channel->oAddress, MSG_PING_MSG, hold(ObjStringNew("cut short")), false);
+        send(c.client, Bytes(frame.begin(), frame.begin() + 12));
+        NetClose(&c.client);
+        EXPECT_EQ(receive(channel), nullptr);
+        EXPECT_TRUE(channel->bIsDown);
+        EXPECT_EQ(channel->oInput.pData, nullptr);
+        MSG_PACKET *again = nullptr;
+        EXPECT_FALSE(MsgChannelReceiveData(&again, channel));
+        EXPECT_EQ(queuedTypes(), notify ? std::vector<int32_t>{MSG_CHANNEL_DOWN_MSG} : std::vector<int32_t>{});
+    }
+}
+
+// Output never waits: a peer that doesn't read leaves packets on the output
+// list with the write bit set; once it reads, everything arrives frame by
+// frame from offset 192, and the bit goes.
+TEST_F(ChannelTest, OutputIsOneAttemptAndResumes) {
+    Connection c;
+    ASSERT_TRUE(c.connect(4096));
+    NetSetSendBufferSize(c.server, 4096);
+    MSG_CHANNEL *channel = nullptr;
+    ASSERT_TRUE(MsgChannelCreate(&channel, c.server));
+    c.server = -1;
+    hold(channel);
+    const std::string text(64 * 1024, 'x');
+    OBJ_STRING *body = hold(ObjStringNew(text.c_str()));
+    const Bytes frame = wire(channel->oAddress, MSG_PING_MSG, body, false);
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 40; ++i) {
+        MSG_PACKET *packet = nullptr;
+        ASSERT_TRUE(MsgCreatePacket(&packet, channel->oAddress, MsgLocalAddress(), MSG_PING_MSG, body));
+        ASSERT_TRUE(MsgChannelDispatch(channel, &packet));
+        EXPECT_EQ(packet, nullptr);
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    EXPECT_GT(MsgChannelOutputCount(channel), 0);
+    EXPECT_TRUE(MsgIsWriteSelectSet(channel->iSocket));
+    Bytes got;
+    std::vector<unsigned char> buffer(65536);
+    while (got.size() < 40 * frame.size()) {
+        MsgChannelOutputData(channel);
+        const ssize_t n = recv(c.client, buffer.data(), buffer.size(), MSG_DONTWAIT);
+        if (n > 0) got.insert(got.end(), buffer.begin(), buffer.begin() + n);
+    }
+    for (int i = 0; i < 40; ++i)
+        ASSERT_TRUE(std::equal(frame.begin(), frame.end(), got.begin() + i * frame.size())) << i;
+    EXPECT_EQ(MsgChannelOutputCount(channel), 0);
+    EXPECT_FALSE(MsgIsWriteSelectSet(channel->iSocket));
+}
+
+// A send to a peer that is gone takes the channel down; later sends give
+// FALSE and queue nothing more.
+TEST_F(ChannelTest, FailedSendTakesTheChannelDown) {
+    Connection c;
+    MSG_CHANNEL *channel = channelOn(c);
+    NetClose(&c.client);
+    bool sent = true;
+    for (int i = 0; i < 50 && sent; ++i) {
+        MSG_PACKET *packet = fh::msgBarePacket(MSG_PING_MSG, MsgLocalAddress(), channel->oAddress);
+        sent = MsgChannelDispatch(channel, &packet);
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_FALSE(sent);
+    EXPECT_TRUE(MsgChannelIsDown(channel));
+    EXPECT_FALSE(MsgSendObject(channel->oAddress, MSG_PING_MSG, nullptr));
+    EXPECT_EQ(queuedTypes(), std::vector<int32_t>{MSG_CHANNEL_DOWN_MSG});
+}
+
+// Ids wrap to 1 and skip ids in use; a closed channel leaves the map with
+// no message, and a send to it fails.
+TEST_F(ChannelTest, IdsWrapAndCloseLeavesTheMap) {
+    Connection a, b, d;
+    gtLmContext.iMsgLastChannelId = INT32_MAX - 1;
+    MSG_CHANNEL *first = channelOn(a);
+    EXPECT_EQ(first->iId, INT32_MAX);
+    gtLmContext.iMsgLastChannelId = 0;
+    MSG_CHANNEL *one = channelOn(b);
+    EXPECT_EQ(one->iId, 1);
+    gtLmContext.iMsgLastChannelId = INT32_MAX - 1; // the next two: INT32_MAX and 1 are taken
+    MSG_CHANNEL *third = channelOn(d);
+    EXPECT_EQ(third->iId, 2);
+    MSG_CHANNEL *found = nullptr;
+    ASSERT_TRUE(MsgGetChannel(&found, one->oAddress));
+    EXPECT_EQ(hold(found), one);
+    MSG_ADDRESS *address = nullptr;
+    ASSERT_TRUE(MsgChannelAddress(&address, one));
+    ASSERT_TRUE(MsgChannelClose(&address));
+    EXPECT_EQ(address, nullptr);
+    EXPECT_TRUE(one->bIsDown && one->bIsClosing);
+    EXPECT_FALSE(MsgGetChannel(&found, one->oAddress));
+    EXPECT_FALSE(MsgSendObject(one->oAddress, MSG_PING_MSG, nullptr));
+    EXPECT_EQ(MsgReceiveCount(), 0);
+    MSG_ADDRESS *stranger = nullptr;
+    ASSERT_TRUE(MsgMakeAddress(&stranger, nullptr, 999));
+    EXPECT_FALSE(MsgChannelClose(&stranger));
+    ObjReleaseInternal(&stranger);
+}
+
+// The channel's own messages: a flush frees held output and answers
+// flushed; auth keeps the body as the cookie; disconnect takes it down;
+// connected-ok on a channel that isn't held is an ordinary message.
+TEST_F(ChannelTest, MessagesForTheChannelItself) {
+    Connection c;
+    ASSERT_TRUE(c.connect());
+    MSG_CHANNEL *channel = nullptr;
+    ASSERT_TRUE(MsgChannelCreateInternal(&channel, c.server, nullptr, FALSE, TRUE, FALSE, TRUE, FALSE));
+    c.server = -1;
+    hold(channel);
+    MSG_PACKET *held = fh::msgBarePacket(MSG_PONG_MSG, MsgLocalAddress(), channel->oAddress);
+    ASSERT_TRUE(MsgChannelDispatch(channel, &held));
+    EXPECT_EQ(MsgChannelOutputCount(channel), 1) << "held";
+    send(c.client, wire(channel->oAddress, MSG_FLUSH_CHANNEL_MSG, nullptr, false));
+    EXPECT_EQ(receiveOnce(channel), nullptr);
+    EXPECT_FALSE(channel->bHoldOutput);
+    MsgChannelOutputData(channel);
+    Bytes got(64);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    const ssize_t n = recv(c.client, got.data(), got.size(), MSG_DONTWAIT);
+    ASSERT_EQ(n, 18);
+    EXPECT_EQ(le32(got.data() + 4), MSG_PONG_MSG);
+    EXPECT_EQ(le32(got.data() + 13), MSG_CHANNEL_FLUSHED_MSG);
+
+    OBJ_STRING *cookie = hold(ObjStringNew("who I am"));
+    send(c.client, wire(channel->oAddress, MSG_CHANNEL_AUTH_MSG, cookie, false));
+    EXPECT_EQ(receiveOnce(channel), nullptr);
+    void *kept = nullptr;
+    ASSERT_TRUE(MsgChannelGetAuth(&kept, channel->oAddress));
+    EXPECT_STREQ(ObjGetString(hold(kept)), "who I am");
+    EXPECT_FALSE(MsgChannelSetAuth(channel->oAddress, cookie)) << "only the auditor";
+
+    send(c.client, wire(channel->oAddress, MSG_CONNECTED_OK_MSG, nullptr, false));
+    MSG_PACKET *ok = hold(receive(channel));
+    ASSERT_NE(ok, nullptr);
+    EXPECT_EQ(MsgPacketMsgType(ok), MSG_CONNECTED_OK_MSG);
+
+    send(c.client, wire(channel->oAddress, MSG_DISCONNECT_MSG, nullptr, false));
+    EXPECT_EQ(receiveOnce(channel), nullptr);
+    EXPECT_TRUE(channel->bIsDown);
+}
+
+// The receive list keeps order; a send with no IPC channel queues the lost
+// send queue; setting the id renews the local address.
+TEST_F(ChannelTest, ReceiveListDispatchAndId) {
+    for (const int32_t type : {MSG_PING_MSG, MSG_PONG_MSG, MSG_KEEP_ALIVE_MSG}) {
+        MSG_PACKET *packet = fh::msgBarePacket(type, MsgLocalAddress(), MsgLocalAddress());
+        ASSERT_TRUE(MsgReceivePushPacket(&packet));
+        EXPECT_EQ(packet, nullptr);
+    }
+    EXPECT_EQ(MsgReceiveCount(), 3);
+    EXPECT_EQ(queuedTypes(), (std::vector<int32_t>{MSG_PING_MSG, MSG_PONG_MSG, MSG_KEEP_ALIVE_MSG}));
+    OBJ_STRING *notPacket = ObjStringNew("x");
+    EXPECT_FALSE(MsgReceivePushPacket(reinterpret_cast<MSG_PACKET **>(&notPacket)));
+    EXPECT_EQ(notPacket, nullptr) << "released on failure";
+
+    EXPECT_FALSE(MsgSendObject(MsgProcMgrAddress(), MSG_PING_MSG, nullptr));
+    EXPECT_EQ(queuedTypes(), std::vector<int32_t>{MSG_LOST_SEND_QUEUE_MSG});
+
+    EXPECT_TRUE(ProcSetId(42));
+    EXPECT_EQ(ProcGetId(), 42);
+    EXPECT_EQ(MsgGetProcessId(MsgLocalAddress()), 42);
+    EXPECT_EQ(ProcGetRealId(), static_cast<int32_t>(getpid()));
+    ProcSetId(0);
+}
+
+// The IPC opening at a raw listener: exactly the 228 bytes, nothing after.
+TEST_F(ChannelTest, IpcOpeningBytes) {
+    Connection listener;
+    configure("[Machine]\nComms TcpPort=" + std::to_string(NetGetIpPort(&listener.address)) + "\n");
+    ProcSetId(5);
+    ASSERT_TRUE(MsgIpcConnect(0));
+    ASSERT_EQ(NetAccept(&listener.server, listener.listener, nullptr), NET_ERROR_NONE);
+    Bytes got(512);
+    size_t have = 0;
+    for (int i = 0; i < 50 && have < 228; ++i) {
+        const ssize_t n = recv(listener.server, got.data() + have, got.size() - have, 0);
+        if (n > 0) have += static_cast<size_t>(n);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const ssize_t more = recv(listener.server, got.data() + have, got.size() - have, MSG_DONTWAIT);
+    EXPECT_LE(more, 0) << "nothing after the opening";
+    ASSERT_EQ(have, 228u);
+    Bytes expected;
+    for (const int32_t word : {2, 228, 1, 5, 1, 2, 2716, 0}) put(expected, word);
+    expected.resize(192, 0);
+    put(expected, 36);
+    put(expected, 2716);
+    expected.push_back(1);
+    put(expected, static_cast<int32_t>(MSG_IPC_CONNECT_MAGIC));
+    put(expected, 7);
+    for (const char ch : std::string("i;i;i;")) expected.push_back(static_cast<unsigned char>(ch));
+    expected.push_back(0);
+    for (const int32_t word : {0, 5, static_cast<int32_t>(getpid())}) put(expected, word);
+    got.resize(have);
+    EXPECT_EQ(got, expected);
+    EXPECT_TRUE(gtLmContext.bMsgIpcConnected);
+}
+
+// Refusal is retried each pause until the limit: a manager that comes late
+// is reached; an adopted process gives up after its own setting.
+TEST_F(ChannelTest, IpcConnectRetriesUntilItsLimit) {
+    fh::msgSetConnectLimits(3, 0, 100);
+    NetAddressT free = nettest::loopback(0);
+    int32_t probe = -1;
+    NetOpen(&probe, NET_SOCKET_STREAM);
+    NetBind(probe, &free);
+    NetGetLocalAddress(&free, probe);
+    NetClose(&probe);
+    const int32_t port = NetGetIpPort(&free);
+    configure("[Machine]\nComms TcpPort=" + std::to_string(port) + "\n[Timeouts]\nAdopted Processes Connection=1\n");
+
+    ProcSetId(0);
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(MsgIpcConnect(0));
+    const auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, std::chrono::milliseconds(900));
+    EXPECT_LT(waited, std::chrono::milliseconds(2500));
+
+    ProcSetId(6);
+    std::thread late([port] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        int32_t listener = -1;
+        NetAddressT at = nettest::loopback(port);
+        NetOpen(&listener, NET_SOCKET_STREAM);
+        NetSetReuseAddress(listener);
+        NetBind(listener, &at);
+        NetListen(listener, 1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        NetClose(&listener);
+    });
+    EXPECT_TRUE(MsgIpcConnect(0));
+    late.join();
+    fh::msgSetConnectLimits(0, 0, 0);
+}
+
+} // namespace
