@@ -316,18 +316,19 @@ bool readList(fh::ObjectReader &r, int32_t id, void **out) {
         return false;
     }
     LIST *list = nullptr;
-    bool ok = r.charge(LIST_MAGIC) && ListCreateFromPool(&list, itemMagic, pool()) != FALSE;
+    bool ok = r.charge(r.instanceBytes(LIST_MAGIC)) && ListCreateFromPool(&list, itemMagic, pool()) != FALSE;
     if (ok) ListSetCookie(list, cookie);
     ObjReleaseInternal(&cookie);
     if (!ok) return false;
     const bool entered = r.remember(id, list) && r.enter(list);
     ok = entered;
+    const size_t nodeBytes = r.instanceBytes(LISTNODE_MAGIC);
     for (uint32_t i = 0; ok && i < count; ++i) {
         void *item = nullptr;
         if (!r.object(&item)) {
             traceObject(128, 0, -1, "Failed to reconstruct list item");
             ok = false;
-        } else if (!r.charge(LISTNODE_MAGIC) || !ListPushLastItemInternal(list, &item)) {
+        } else if (!r.charge(nodeBytes) || !ListPushLastItemInternal(list, &item)) {
             ObjReleaseInternal(&item);
             traceObject(127, 0, -1, "Failed to push list item");
             ok = false;

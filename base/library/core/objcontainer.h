@@ -10,6 +10,7 @@
 #ifndef FHCORE_OBJCONTAINER_H
 #define FHCORE_OBJCONTAINER_H
 
+#include <cstddef>
 #include <cstdint>
 
 namespace fh {
@@ -37,7 +38,10 @@ class ObjectReader {
     virtual bool u32(uint32_t &value) = 0;
     virtual bool object(void **out) = 0;
     virtual bool plausible(uint64_t count) = 0;
-    virtual bool charge(uint32_t magic) = 0; // an instance of the declared type of magic
+    // The pool bytes of an instance of the declared type of magic, and the
+    // charge of such bytes against what the input justifies.
+    virtual size_t instanceBytes(uint32_t magic) = 0;
+    virtual bool charge(size_t poolBytes) = 0;
     // The id of a shared object, entered before its items are read.
     virtual bool remember(int32_t id, void *object) = 0;
     virtual void forget(int32_t id) = 0;

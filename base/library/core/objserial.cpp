@@ -773,7 +773,8 @@ class ReaderPort : public fh::ObjectReader {
     bool u32(uint32_t &value) override { return r_.u32(value); }
     bool object(void **out) override { return readObject(r_, out); }
     bool plausible(uint64_t count) override { return r_.plausible(count); }
-    bool charge(uint32_t magic) override { return r_.charge(instanceBytes(magic)); }
+    size_t instanceBytes(uint32_t magic) override { return ::instanceBytes(magic); }
+    bool charge(size_t poolBytes) override { return r_.charge(poolBytes); }
     bool remember(int32_t id, void *object) override { return ::remember(r_, id, object); }
     void forget(int32_t id) override { ::forget(r_, id); }
     bool enter(void *object) override { return r_.enter(object); }

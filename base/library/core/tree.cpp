@@ -337,6 +337,7 @@ bool writeTree(fh::ObjectWriter &w, const void *container) {
 // The chain of children of parent (or the roots, for a null parent).
 bool readChain(fh::ObjectReader &r, TREE *tree, TREENODE *parent) {
     if (!r.enter(parent != nullptr ? static_cast<void *>(parent) : tree)) return false;
+    const size_t nodeBytes = r.instanceBytes(TREENODE_MAGIC);
     bool ok = true;
     for (TREENODE *last = nullptr;;) {
         uint8_t present = 0, open = 0;
@@ -346,7 +347,7 @@ bool readChain(fh::ObjectReader &r, TREE *tree, TREENODE *parent) {
         }
         if (present == 0) break;
         void *item = nullptr;
-        if (!r.byte(open) || !r.object(&item) || !r.charge(TREENODE_MAGIC)) {
+        if (!r.byte(open) || !r.object(&item) || !r.charge(nodeBytes)) {
             ObjReleaseInternal(&item);
             ok = false;
             break;
@@ -365,7 +366,7 @@ bool readChain(fh::ObjectReader &r, TREE *tree, TREENODE *parent) {
 }
 
 bool readTree(fh::ObjectReader &r, int32_t id, void **out) {
-    if (!r.charge(TREE_MAGIC)) return false;
+    if (!r.charge(r.instanceBytes(TREE_MAGIC))) return false;
     TREE *tree = TreeNewFromPool(pool());
     void *cookie = nullptr;
     uint32_t end = 0;
