@@ -3,6 +3,9 @@
 // item, walk them all, release everything. One iteration is all three steps.
 #include <benchmark/benchmark.h>
 
+#include <malloc.h>
+
+#include <cstdio>
 #include <cstdlib>
 #include <vector>
 
@@ -47,6 +50,30 @@ void vectorOfMallocedIntegers(benchmark::State &state) {
     }
 }
 
+size_t heapInUse() {
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
+// Heap bytes per item that each side holds once every item is in.
+void printBytesPerItem() {
+    size_t before = heapInUse();
+    LIST *list = ListNewFromPool(OBJ_INTEGER_MAGIC, MemGetDefaultPoolId());
+    for (int i = 0; i < kItems; ++i) {
+        OBJ_INTEGER *item = ObjIntegerNew(i);
+        ListPushLastItemInternal(list, &item);
+    }
+    const double ours = static_cast<double>(heapInUse() - before) / kItems;
+    ObjReleaseInternal(&list);
+    before = heapInUse();
+    std::vector<int32_t *> items;
+    for (int i = 0; i < kItems; ++i) items.push_back(static_cast<int32_t *>(malloc(sizeof(int32_t))));
+    const double theirs = static_cast<double>(heapInUse() - before) / kItems;
+    for (int32_t *item : items) free(item);
+    printf("heap bytes per item: list of integer objects %.1f, vector of malloc'ed ints %.1f (%.2fx)\n\n", ours,
+           theirs, ours / theirs);
+}
+
 constexpr bench::Entry kBenchmarks[] = {
     {"list of 1000000 integer objects", listOfIntegerObjects},
     {"vector of 1000000 malloc'ed ints", vectorOfMallocedIntegers},
@@ -58,4 +85,10 @@ constexpr bench::Comparison kComparisons[] = {
 
 } // namespace
 
-int main(int argc, char **argv) { return bench::runInContext(argc, argv, kBenchmarks, kComparisons); }
+int main(int argc, char **argv) {
+    if (!ContextInitialize()) return 1;
+    printBytesPerItem();
+    const int status = bench::run(argc, argv, kBenchmarks, kComparisons);
+    ContextReleaseThread();
+    return status;
+}

@@ -32,6 +32,7 @@
 #include <numeric>
 #include <random>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "core/fhcore.h"
@@ -128,6 +129,25 @@ double reconstructShared(int n) {
     return seconds;
 }
 
+// The control: what memory costs a hash table of n object addresses as it
+// outgrows the caches. The shared objects of the serialiser's rows, entered
+// in std::unordered_map and found again, once each: a path that is linear
+// in its work still costs more per item once its tables leave the caches,
+// and this row shows how much more on this machine.
+double hashControl(int n) {
+    std::vector<OBJ_INTEGER *> shared;
+    LIST *list = sharedList(n, shared);
+    std::unordered_map<const void *, int32_t> seen;
+    int32_t found = 0;
+    const double seconds = timed([&] {
+        for (int i = 0; i < n; ++i) seen.emplace(shared[static_cast<size_t>(i)], i);
+        for (int i = 0; i < n; ++i) found += seen.count(shared[static_cast<size_t>(i)]) != 0;
+    });
+    if (found != n) fprintf(stderr, "control lost entries\n");
+    releaseShared(list, shared);
+    return seconds;
+}
+
 // A file of n plain settings, ten to a stanza, read back one call each.
 std::string gConfigDirectory;
 double cfgGetEvery(int n) {
@@ -166,6 +186,7 @@ constexpr Path kPaths[] = {
     {"map insert, random keys", {1000, 10000, 100000}, mapInsertRandom},
     {"serialise 2-referenced objects", {10000, 100000, 1000000}, serialiseShared},
     {"reconstruct the same", {10000, 100000, 1000000}, reconstructShared},
+    {"control: std::unordered_map of their addresses", {10000, 100000, 1000000}, hashControl},
     {"CfgGetString of every setting", {100, 1000, 10000}, cfgGetEvery},
 };
 

@@ -1,6 +1,7 @@
 // strings_bench.cpp - StrCompare and StrFindSubString beside strcmp and strstr
-// on the same 64-byte ASCII text, in one run, with the ratio printed at the
-// end. The library walks characters (a double-byte character is one value
+// on the same 64-byte ASCII text, and StrCompare beside strcmp on the last
+// 8, 16 and 32 bytes of the same texts, in one run, with the ratio printed at
+// the end. The library walks characters (a double-byte character is one value
 // and nothing past a terminator is read); the C library compares bytes.
 #include <benchmark/benchmark.h>
 
@@ -23,11 +24,12 @@ const char *volatile gText = kText;
 const char *volatile gOther = kOther;
 const char *volatile gNeedle = kNeedle;
 
-void libcStrcmp(benchmark::State &state) {
-    for (auto _ : state) benchmark::DoNotOptimize(strcmp(gText, gOther));
+// The last Bytes bytes of both texts: they still differ only in the last.
+template <int Bytes> void libcStrcmp(benchmark::State &state) {
+    for (auto _ : state) benchmark::DoNotOptimize(strcmp(gText + 64 - Bytes, gOther + 64 - Bytes));
 }
-void strCompare(benchmark::State &state) {
-    for (auto _ : state) benchmark::DoNotOptimize(StrCompare(gText, gOther));
+template <int Bytes> void strCompare(benchmark::State &state) {
+    for (auto _ : state) benchmark::DoNotOptimize(StrCompare(gText + 64 - Bytes, gOther + 64 - Bytes));
 }
 void libcStrstr(benchmark::State &state) {
     for (auto _ : state) benchmark::DoNotOptimize(strstr(gText, gNeedle));
@@ -37,14 +39,23 @@ void strFindSubString(benchmark::State &state) {
 }
 
 constexpr bench::Entry kBenchmarks[] = {
-    {"StrCompare, 64 bytes", strCompare},
-    {"strcmp, same text", libcStrcmp},
+    {"StrCompare, 64 bytes", strCompare<64>},
+    {"strcmp, same text", libcStrcmp<64>},
+    {"StrCompare, 32 bytes", strCompare<32>},
+    {"strcmp, 32 bytes", libcStrcmp<32>},
+    {"StrCompare, 16 bytes", strCompare<16>},
+    {"strcmp, 16 bytes", libcStrcmp<16>},
+    {"StrCompare, 8 bytes", strCompare<8>},
+    {"strcmp, 8 bytes", libcStrcmp<8>},
     {"StrFindSubString, 64 bytes", strFindSubString},
     {"strstr, same text", libcStrstr},
 };
 
 constexpr bench::Comparison kComparisons[] = {
     {"StrCompare, 64 bytes", "strcmp, same text", bench::Aim::RatioAtMost, 2},
+    {"StrCompare, 32 bytes", "strcmp, 32 bytes", bench::Aim::RatioAtMost, 2},
+    {"StrCompare, 16 bytes", "strcmp, 16 bytes", bench::Aim::RatioAtMost, 2},
+    {"StrCompare, 8 bytes", "strcmp, 8 bytes", bench::Aim::RatioAtMost, 2},
     {"StrFindSubString, 64 bytes", "strstr, same text", bench::Aim::RatioAtMost, 2},
 };
 

@@ -39,7 +39,6 @@ std::vector<uint32_t> magics(const LIST *list) {
     return result;
 }
 
-int32_t references(const void *object) { return fh::objectHeader(object)->RefCount; }
 
 template <typename... Objects> void release(Objects *&...objects) { (ObjReleaseInternal(&objects), ...); }
 
@@ -91,20 +90,13 @@ TEST_F(ListTest, RemovingFirstLastMiddleAndOnlyNodesKeepsTheChainSound) {
         BOOL result;
         std::vector<int> after;
     } cases[] = {
-        {{1, 2, 3}, ListRemoveFirstItem, TRUE, {2, 3}},
-        {{1, 2, 3}, ListRemoveLastItem, TRUE, {1, 2}},
-        {{1, 2, 3}, removeFirstNode, TRUE, {2, 3}},
-        {{1, 2, 3}, removeSecondNode, TRUE, {1, 3}},
-        {{1, 2, 3}, removeLastNode, TRUE, {1, 2}},
-        {{1, 2, 3}, popAndDrop<ListPopFirstItemInternal>, TRUE, {2, 3}},
-        {{1, 2, 3}, popAndDrop<ListPopLastItemInternal>, TRUE, {1, 2}},
-        {{7}, ListRemoveFirstItem, TRUE, {}},
-        {{7}, ListRemoveLastItem, TRUE, {}},
-        {{7}, removeFirstNode, TRUE, {}},
-        {{7}, popAndDrop<ListPopLastItemInternal>, TRUE, {}},
-        {{}, ListRemoveFirstItem, FALSE, {}},
-        {{}, ListRemoveLastItem, FALSE, {}},
-        {{1, 2}, ListReleaseAll, TRUE, {}},
+        {{1, 2, 3}, ListRemoveFirstItem, TRUE, {2, 3}}, {{1, 2, 3}, ListRemoveLastItem, TRUE, {1, 2}},
+        {{1, 2, 3}, removeFirstNode, TRUE, {2, 3}}, {{1, 2, 3}, removeSecondNode, TRUE, {1, 3}},
+        {{1, 2, 3}, removeLastNode, TRUE, {1, 2}}, {{1, 2, 3}, popAndDrop<ListPopFirstItemInternal>, TRUE, {2, 3}},
+        {{1, 2, 3}, popAndDrop<ListPopLastItemInternal>, TRUE, {1, 2}}, {{7}, ListRemoveFirstItem, TRUE, {}},
+        {{7}, ListRemoveLastItem, TRUE, {}}, {{7}, removeFirstNode, TRUE, {}},
+        {{7}, popAndDrop<ListPopLastItemInternal>, TRUE, {}}, {{}, ListRemoveFirstItem, FALSE, {}},
+        {{}, ListRemoveLastItem, FALSE, {}}, {{1, 2}, ListReleaseAll, TRUE, {}},
     };
     for (const auto &c : cases) {
         LIST *list = listOf(c.start);
@@ -149,7 +141,7 @@ TEST_F(ListTest, ATypedListRefusesItemsOfAnotherMagicAndChangesNothing) {
         EXPECT_FALSE(c.call()) << c.trace;
         EXPECT_TRUE(traced("LIST", c.id, c.trace)) << c.trace;
         EXPECT_EQ(values(list), std::vector<int>{1}) << c.trace;
-        EXPECT_TRUE(references(text) == 1 && variable == text) << c.trace;
+        EXPECT_TRUE(fh::refCount(text) == 1 && variable == text) << c.trace;
     }
     EXPECT_FALSE(ListAddLastItem(nullptr, text)); // a null list: no report
     LIST *any = listOf({}, 0);
@@ -175,7 +167,7 @@ TEST_F(ListTest, SortOrdersAndABrokenComparisonStillLeavesAPermutation) {
     EXPECT_NE(after, sorted);
     std::sort(after.begin(), after.end());
     EXPECT_EQ(after, sorted);
-    for (const LISTNODE *n = broken->oFirst; n != nullptr; n = n->oNext) ASSERT_EQ(references(n->oItem), 1);
+    for (const LISTNODE *n = broken->oFirst; n != nullptr; n = n->oNext) ASSERT_EQ(fh::refCount(n->oItem), 1);
     EXPECT_TRUE(!ListSort(list, nullptr) && traced("LIST", 55, "ListSort - Invalid arguments"));
     const int32_t allocations = MemAllocations();
     EXPECT_TRUE(ListSort(single, ascending));
@@ -234,7 +226,7 @@ TEST_F(ListTest, PositionsCountFromOneIndexesFromZeroAndSearchesRunFromEitherEnd
         LISTNODE *node = nullptr;
         void *item = nullptr;
         ASSERT_TRUE(ListGetNthNode(&node, list, position) && ListGetNthItem(&item, list, position));
-        EXPECT_TRUE(ListGetItemIndex(node) == position - 1 && node->oItem == item && references(item) == 2);
+        EXPECT_TRUE(ListGetItemIndex(node) == position - 1 && node->oItem == item && fh::refCount(item) == 2);
         ObjReleaseInternal(&item);
     }
     void *item = nullptr;
@@ -299,7 +291,7 @@ TEST_F(ListTest, CopiesHoldTheSameItemsAndDeepCopiesHoldCopies) {
     EXPECT_FALSE(ListDuplicateRange(&tooLong, list, 4));
     EXPECT_TRUE(tooLong == nullptr && ObjCount() == objects);
     EXPECT_EQ(values(range), (std::vector<int>{1, 2}));
-    EXPECT_TRUE(clone->oFirst->oItem == list->oFirst->oItem && references(list->oFirst->oItem) == 3);
+    EXPECT_TRUE(clone->oFirst->oItem == list->oFirst->oItem && fh::refCount(list->oFirst->oItem) == 3);
 
     void *deep = nullptr;
     ASSERT_TRUE(ObjDuplicateInternal(&deep, list, FALSE));
@@ -311,7 +303,7 @@ TEST_F(ListTest, CopiesHoldTheSameItemsAndDeepCopiesHoldCopies) {
     EXPECT_EQ(values(list), (std::vector<int>{1, 2, 3, 1, 2, 3}));
     EXPECT_TRUE(!ListAppend(range, clone) && traced("LIST", 45, "Invalid or mismatched lists")); // typed from untyped
     release(list, clone, range, copy);
-    EXPECT_TRUE(references(cookie) == 1 && gPoolBlocks == 0); // the cookie and the nodes went with it
+    EXPECT_TRUE(fh::refCount(cookie) == 1 && gPoolBlocks == 0); // the cookie and the nodes went with it
     release(cookie);
 }
 
@@ -326,7 +318,7 @@ TEST_F(ListTest, AddObjectReplacesEveryItemOfItsMagic) {
     EXPECT_TRUE(ListAddObject(list, list->oFirst->oItem)); // held only by the list: it must survive its removal
     EXPECT_EQ(magics(list), (std::vector<uint32_t>{OBJ_INTEGER_MAGIC, OBJ_STRING_MAGIC}));
     void *four = ObjIntegerNew(4), *found = nullptr;
-    EXPECT_TRUE(ListPushObjectInternal(list, &four) && four == nullptr && references(three) == 1);
+    EXPECT_TRUE(ListPushObjectInternal(list, &four) && four == nullptr && fh::refCount(three) == 1);
     EXPECT_TRUE(ListFindObjectInternal(&found, list, OBJ_INTEGER_MAGIC) && ObjGetInteger(found) == 4);
     EXPECT_TRUE(ListPopObjectInternal(&four, list, OBJ_STRING_MAGIC) && list->iCount == 1);
     EXPECT_TRUE(!ListAddObject(typed, three) && traced("LIST", 72, "ListAddObject - bad argument(s)"));
@@ -343,7 +335,7 @@ TEST_F(ListTest, AnExtensionListKeepsOneObjectPerMagic) {
     EXPECT_EQ(magics(extensions), (std::vector<uint32_t>{OBJ_STRING_MAGIC, OBJ_INTEGER_MAGIC}));
     void *got = nullptr, *notAList = first;
     EXPECT_TRUE(ListGetExtensionItem(&got, extensions, OBJ_INTEGER_MAGIC) && got == second);
-    EXPECT_EQ(references(first), 1);
+    EXPECT_EQ(fh::refCount(first), 1);
     EXPECT_TRUE(ListRemoveExtensionItem(extensions, OBJ_STRING_MAGIC));
     EXPECT_FALSE(ListGetExtensionItem(nullptr, extensions, OBJ_STRING_MAGIC));
     EXPECT_TRUE(!ListSetExtensionItem(&notAList, second) && traced("LIST", 81, "Extension object is not a list!"));
@@ -354,11 +346,11 @@ TEST_F(ListTest, AnExtensionListKeepsOneObjectPerMagic) {
         EXPECT_TRUE(ContextSetContextObject(item));
     void *object = nullptr, *gone = text;
     EXPECT_TRUE(ContextGetContextObject(&object, OBJ_INTEGER_MAGIC) && object == second);
-    EXPECT_EQ(references(first), 1);
+    EXPECT_EQ(fh::refCount(first), 1);
     EXPECT_TRUE(!ContextSetContextObject(nullptr) &&
                 traced("CONTEXT", 3, formatted("ContextSetContextObject(%p) - not passed an object", nullptr)));
     ListReleaseThread(&gtLmContext);
-    EXPECT_TRUE(gtLmContext.pContextObjects == nullptr && references(text) == 1);
+    EXPECT_TRUE(gtLmContext.pContextObjects == nullptr && fh::refCount(text) == 1);
     EXPECT_TRUE(!ContextGetContextObject(&gone, OBJ_STRING_MAGIC) && gone == nullptr);
     release(extensions, first, second, text, object, got);
 }

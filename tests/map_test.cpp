@@ -40,7 +40,6 @@ int32_t locateItem(const void *a, const void *b) {
 int32_t findItem(const void *key, const void *b) {
     return *static_cast<const int32_t *>(key) - static_cast<const Item *>(b)->id;
 }
-int32_t refCount(void *object) { return (reinterpret_cast<ObjectHeader *>(object) - 1)->RefCount; }
 
 } // namespace
 
@@ -191,7 +190,7 @@ TEST_F(MapTest, ObjectMapsHoldReferences) {
     EXPECT_TRUE(ObjMapInsert(map, b));
     EXPECT_FALSE(ObjMapInsert(map, twin));
     EXPECT_FALSE(ObjMapInsert(map, stranger));
-    EXPECT_EQ(refCount(a), 2);
+    EXPECT_EQ(fh::refCount(a), 2);
 
     std::vector<int32_t> order;
     auto collect = [](void *item, void *cookie) -> BOOL {
@@ -205,12 +204,12 @@ TEST_F(MapTest, ObjectMapsHoldReferences) {
     const int32_t key = 20;
     ASSERT_TRUE(ObjMapFind(&found, map, &key));
     EXPECT_EQ(found, a);
-    EXPECT_EQ(refCount(a), 3);
+    EXPECT_EQ(fh::refCount(a), 3);
     ObjReleaseInternal(&found);
 
     EXPECT_TRUE(ObjMapUpdate(map, twin)); // replaces a and drops the map's reference to it
-    EXPECT_EQ(refCount(a), 1);
-    EXPECT_EQ(refCount(twin), 2);
+    EXPECT_EQ(fh::refCount(a), 1);
+    EXPECT_EQ(fh::refCount(twin), 2);
     EXPECT_TRUE(ObjMapDelete(map, &key));
     EXPECT_FALSE(ObjMapDelete(map, nullptr));
     EXPECT_EQ(ObjMapSize(map), 1);

@@ -118,13 +118,8 @@ TEST_F(MsgNamesTest, BufferIsClearedInFullAndHoldsAtMostSizeLessOne) {
         int32_t id, size;
         const char *text;
     } cases[] = {
-        {1010, 64, "PMGR_TASK_MSG"},
-        {1010, 14, "PMGR_TASK_MSG"},
-        {1010, 13, "PMGR_TASK_MS"},
-        {1010, 5, "PMGR"},
-        {1010, 1, ""},
-        {999999, 64, "Unknown message type 999999"},
-        {999999, 10, "Unknown m"},
+        {1010, 64, "PMGR_TASK_MSG"}, {1010, 14, "PMGR_TASK_MSG"}, {1010, 13, "PMGR_TASK_MS"}, {1010, 5, "PMGR"},
+        {1010, 1, ""}, {999999, 64, "Unknown message type 999999"}, {999999, 10, "Unknown m"},
         {-5, 40, "Unknown message type -5"},
     };
     for (const auto &c : cases) {

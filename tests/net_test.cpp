@@ -101,13 +101,9 @@ TEST_F(NetTest, OneShotTransfersClassifyEveryError) {
     const char *fatal[] = {"Fatal error during UDP send: %s", "Fatal error during TCP send: %s (%ld)",
                            "Fatal error during UDP receive: %s", "Fatal error during TCP receive: %s"};
     const std::pair<int, std::array<int32_t, 4>> rows[] = {
-        {EAGAIN, {W, W, W, W}},
-        {ENOMEM, {F, W, F, F}},
-        {EINTR, {I, I, I, I}}, // and not repeated
-        {EPIPE, {F, D, D, D}},
-        {ENOTCONN, {F, NET_ERROR_NOT_CONNECTED, F, F}},
-        {ECONNREFUSED, {F, F, F, NET_ERROR_REFUSED}},
-        {EBADF, {F, F, F, F}},
+        {EAGAIN, {W, W, W, W}}, {ENOMEM, {F, W, F, F}}, {EINTR, {I, I, I, I}}, // and not repeated
+        {EPIPE, {F, D, D, D}}, {ENOTCONN, {F, NET_ERROR_NOT_CONNECTED, F, F}},
+        {ECONNREFUSED, {F, F, F, NET_ERROR_REFUSED}}, {EBADF, {F, F, F, F}},
     };
     for (const auto &[error, results] : rows) {
         for (int column = 0; column < 4; ++column) {
@@ -229,15 +225,9 @@ TEST_F(NetTest, ConnectRetriesOnlyProtocolErrors) {
     };
     const NetAddressT to = loopback(9);
     const std::tuple<int, int, int32_t, int> rows[] = {
-        {EPROTO, 10, 0, 11},
-        {EPROTO, 11, NET_ERROR_PROTOCOL, 11},
-        {EINTR, 1, I, 1},
-        {EINPROGRESS, 1, W, 1},
-        {EAGAIN, 1, W, 1},
-        {ETIMEDOUT, 1, NET_ERROR_TIMEOUT, 1},
-        {ECONNREFUSED, 1, NET_ERROR_REFUSED, 1},
-        {ENETUNREACH, 1, NET_ERROR_UNREACHABLE, 1},
-        {EACCES, 1, F, 1},
+        {EPROTO, 10, 0, 11}, {EPROTO, 11, NET_ERROR_PROTOCOL, 11}, {EINTR, 1, I, 1}, {EINPROGRESS, 1, W, 1},
+        {EAGAIN, 1, W, 1}, {ETIMEDOUT, 1, NET_ERROR_TIMEOUT, 1}, {ECONNREFUSED, 1, NET_ERROR_REFUSED, 1},
+        {ENETUNREACH, 1, NET_ERROR_UNREACHABLE, 1}, {EACCES, 1, F, 1},
     };
     for (const auto &[error, failures, result, made] : rows) {
         inject(error, failures);
@@ -271,12 +261,8 @@ TEST_F(NetTest, AcceptRepeatsOnlyInterruptions) {
     EXPECT_TRUE((fcntl(c.server, F_GETFL) & O_NONBLOCK) == 0 && (fcntl(c.server, F_GETFD) & FD_CLOEXEC) != 0);
 
     const std::pair<int, int32_t> rows[] = {
-        {EAGAIN, W},
-        {ECONNABORTED, NET_ERROR_ACCEPT_FAILED},
-        {ENOSR, NET_ERROR_ACCEPT_FAILED},
-        {ENOBUFS, NET_ERROR_ACCEPT_FAILED},
-        {ENOMEM, NET_ERROR_ACCEPT_FAILED},
-        {EMFILE, F},
+        {EAGAIN, W}, {ECONNABORTED, NET_ERROR_ACCEPT_FAILED}, {ENOSR, NET_ERROR_ACCEPT_FAILED},
+        {ENOBUFS, NET_ERROR_ACCEPT_FAILED}, {ENOMEM, NET_ERROR_ACCEPT_FAILED}, {EMFILE, F},
     };
     for (const auto &[error, result] : rows) {
         inject(error, 1);
@@ -490,8 +476,7 @@ TEST_F(NetTest, SelectWaitsAsLongAsAsked) {
     for (TIME_TIMEOUT *t : {never, later, past}) ObjReleaseInternal(&t);
 
     const std::tuple<int32_t, timeval, const char *> spans[] = {
-        {-1, {-1, -1}, "Wait for data (no timeout)"},
-        {0, {0, 0}, "poll for data"},
+        {-1, {-1, -1}, "Wait for data (no timeout)"}, {0, {0, 0}, "poll for data"},
         {2500, {2, 500000}, "Wait 2500 milliseconds for data"},
         {172800000, {172800, 0}, "Wait 172800000 milliseconds for data"}, // no cut
     };

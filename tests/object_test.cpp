@@ -34,7 +34,6 @@ Thing *newThing() {
     return static_cast<Thing *>(ObjNewInternal(sizeof(Thing), kThing, kThingFormat, countRelease, nullptr));
 }
 
-ObjectHeader *headerOf(void *object) { return reinterpret_cast<ObjectHeader *>(object) - 1; }
 
 // A pool that never gives memory back, so a stale pointer stays readable.
 void *keepAllocate(MemPool *, size_t bytes) { return malloc(bytes); }
@@ -119,7 +118,7 @@ TEST_F(ObjectTest, DamagedAndStaleObjectsAreReportedNotReleased) {
     ASSERT_TRUE(ObjGetMagic(thing, &magic));
     EXPECT_EQ(magic, kThing);
 
-    uint32_t *end = headerOf(thing)->EndMagic;
+    uint32_t *end = fh::objectHeader(thing)->EndMagic;
     *end ^= 1; // an overrun into the end magic
     EXPECT_FALSE(ObjGetMagic(thing, &magic));
     EXPECT_EQ(magic, 0u);
@@ -129,9 +128,9 @@ TEST_F(ObjectTest, DamagedAndStaleObjectsAreReportedNotReleased) {
     EXPECT_TRUE(traced("OBJECT", 71, "ObjRelease - Corrupt object at " + testing::PrintToString((void *)thing)));
     *end ^= 1;
 
-    headerOf(thing)->RefCount = 0; // one release too many
+    fh::objectHeader(thing)->RefCount = 0; // one release too many
     EXPECT_FALSE(ObjReleaseInternal(&pointer));
-    headerOf(thing)->RefCount = 1;
+    fh::objectHeader(thing)->RefCount = 1;
     EXPECT_TRUE(ObjReleaseInternal(&pointer));
     pointer = thing; // stale: its memory is still there, its start magic is 0
     EXPECT_FALSE(ObjReleaseInternal(&pointer));
@@ -146,7 +145,7 @@ TEST_F(ObjectTest, DamagedAndStaleObjectsAreReportedNotReleased) {
 TEST_F(ObjectTest, DamagedBlocksAreNotReadThroughTheirEndPointer) {
     auto *block = static_cast<char *>(MemAllocateFromPool(sizeof(ObjectHeader) + 16, nullptr));
     void *object = block + sizeof(ObjectHeader);
-    ObjectHeader *header = headerOf(object);
+    ObjectHeader *header = fh::objectHeader(object);
     uint32_t outside = kThing;
     uint32_t *ends[] = {nullptr, &outside, reinterpret_cast<uint32_t *>(block + sizeof(ObjectHeader) + 16),
                         reinterpret_cast<uint32_t *>(block) + 1};
@@ -262,7 +261,7 @@ TEST_F(ObjectTest, DeepCopyKeepsSharingAndSkipsLocalReferences) {
     auto *copiedChild = static_cast<Thing *>(c->child);
     ASSERT_NE(copiedChild, nullptr);
     EXPECT_NE(copiedChild, child);
-    EXPECT_EQ(headerOf(copiedChild->child)->RefCount, 1);
+    EXPECT_EQ(fh::objectHeader(copiedChild->child)->RefCount, 1);
     ObjReleaseInternal(&child->raw); // the extra reference taken above
     ObjReleaseInternal(&copy);
     ObjReleaseInternal(&source);

@@ -121,15 +121,8 @@ TEST_F(ObjWrappersTest, GetValueCopiesTheWordsOfItsSixTypesAndNothingMore) {
     const struct {
         void *object;
         size_t bytes; // 0: not read at all
-    } cases[] = {{o.boolean, 4},
-                 {o.integer, 4},
-                 {o.int64, 8},
-                 {o.string, sizeof(char *)},
-                 {o.stanza, sizeof(Stanza *)},
-                 {o.unique, OBJ_UNIQUE_SIZE},
-                 {o.data, 0},
-                 {o.viewable, 0},
-                 {nullptr, 0}};
+    } cases[] = {{o.boolean, 4}, {o.integer, 4}, {o.int64, 8}, {o.string, sizeof(char *)},
+                 {o.stanza, sizeof(Stanza *)}, {o.unique, OBJ_UNIQUE_SIZE}, {o.data, 0}, {o.viewable, 0}, {nullptr, 0}};
     for (const auto &c : cases) {
         unsigned char out[48];
         memset(out, 0xEE, sizeof out);

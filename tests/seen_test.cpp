@@ -79,7 +79,7 @@ BOOL fromBytes(void *cookie, void *address, int32_t count) {
 // Random puts, overwrites, erases and finds against std::map: erasing from
 // the middle of a run of collisions must not lose the entries behind it.
 TEST_F(SeenTest, IndexAgreesWithAPlainMap) {
-    for (const uintptr_t spread : {uintptr_t{1} << 40, uintptr_t{300}, uintptr_t{64}}) {
+    for (const uintptr_t spread : {UINTPTR_MAX - 1, uintptr_t{300}, uintptr_t{64}}) {
         fh::SeenIndex index;
         std::map<uintptr_t, uintptr_t> oracle;
         std::mt19937_64 random(spread);

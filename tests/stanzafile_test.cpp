@@ -20,7 +20,7 @@ using namespace testhelp;
 
 using StanzaFileTest = LibraryTest;
 
-std::string corpus(const char *name) { return readFile(std::string(FHCORE_TEST_DATA "/stanzafile/") + name); }
+std::string corpus(const char *name) { return readFile(FHCORE_TEST_DATA "/stanzafile/" + std::string(name)); }
 bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
 
 // A key's values as "a|<null>|b".

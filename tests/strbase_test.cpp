@@ -92,14 +92,11 @@ TEST_F(StringTest, SizesCountBytesOfWholeCharacters) {
     struct Case {
         const char *text;
         int32_t count, forwardBytes, range, rangeNoTerm;
-    } cases[] = {{"\x81\x41\x62\x43", 1, 2, 3, 2},
-                 {"\x81\x41\x62\x43", 0, 0, 2, 0},
-                 {"\x81\x41\x62\x43", -3, 0, 2, 0},
-                 {"a\x81\x41\x62", 2, 3, 4, 3},
-                 {"a\x81\x41\x62", 3, 4, 4, 4},
-                 {"a\x81\x41\x62", 9, 4, 4, 4},
-                 {"ab\x81", 2, 2, 3, 2},
-                 {"", 1, 0, 0, 0}};
+    } cases[] = {
+        {"\x81\x41\x62\x43", 1, 2, 3, 2}, {"\x81\x41\x62\x43", 0, 0, 2, 0}, {"\x81\x41\x62\x43", -3, 0, 2, 0},
+        {"a\x81\x41\x62", 2, 3, 4, 3}, {"a\x81\x41\x62", 3, 4, 4, 4}, {"a\x81\x41\x62", 9, 4, 4, 4},
+        {"ab\x81", 2, 2, 3, 2}, {"", 1, 0, 0, 0},
+    };
     for (const Case &c : cases) {
         SCOPED_TRACE(testing::PrintToString(std::string(c.text)) + " count " + std::to_string(c.count));
         EXPECT_EQ(StrForwardNChars(c.text, c.count), c.text + c.forwardBytes);
@@ -117,73 +114,45 @@ TEST_F(StringTest, SizesCountBytesOfWholeCharacters) {
 }
 
 TEST_F(StringTest, CompareFamilyKeepsItsResultRules) {
+    using Compare = int32_t (*)(const char *, const char *, int32_t);
     enum Op { kCmp, kNoCase, kRange, kRangeNoCase, kExact, kExactNoCase };
+    const Compare compare[] = {[](const char *a, const char *b, int32_t) { return StrCompare(a, b); },
+                               [](const char *a, const char *b, int32_t) { return StrCompareNoCase(a, b); },
+                               StrCompareRange, StrCompareRangeNoCase, StrCompareRangeExact,
+                               StrCompareRangeExactNoCase};
     struct Case {
         Op op;
         const char *a, *b;
         int32_t n, expected;
-    } cases[] = {{kCmp, nullptr, "", 0, 0},
-                 {kCmp, nullptr, "a", 0, -1},
-                 {kCmp, "abc", "abd", 0, -1},
-                 {kCmp, "abd", "abc", 0, 1},
-                 {kCmp, "ab", "abc", 0, -1},
-                 {kCmp, "\x81\x41", "\x7F", 0, 1}, // a double-byte value is above every single byte
-                 {kCmp, "a\x81", "a", 0, 1},       // lone lead byte before the terminator
-                 {kCmp, "a\x81", "a\x81", 0, 0},
-                 {kCmp, "abc", "ABC", 0, 1},
-                 {kCmp, "\xA0", "\x81\x41", 0, -1},                    // bytes order the other way
-                 {kCmp, "x\x81", "x\x81\x01", 0, -1},                  // lone lead below a whole character
-                 {kCmp, "\x81\x81\x81\x42", "\x81\x81\x81\x41", 0, 1}, // a run of lead bytes pairs up
-                 {kCmp, "\x81\x81\x41\x42", "\x81\x81\x42\x41", 0, -1},
-                 {kCmp, "abcdefghijklmnopqrstuvwxyz\x81", "abcdefghijklmnopqrstuvwxyz\x81\x41", 0, -1},
-                 {kNoCase, "abc", "ABD", 0, -1},
-                 {kNoCase, "aBc", "AbC", 0, 0},
-                 {kNoCase, "{", "[", 0, 1},               // only 'a'-'z' fold
-                 {kNoCase, "\xE0\x61", "\xE0\x41", 0, 1}, // a trail byte is not folded
-                 {kNoCase, "\xE9", "\xC9", 0, 1},         // nor a byte above 127
-                 {kRange, "abcd", "abcx", 3, 0},
-                 {kRange, "abcd", "abcx", 4, -1},
-                 {kRange, "abcd", "abcx", 0, 0},
-                 {kRange, "ab", "abc", 5, -1},
-                 {kRange, "\x81\x41X", "\x81\x42X", 1, -1}, // the range ends inside a double-byte character
-                 {kRange, "x\x81\x41", "x\x81\x41", 2, 0},
-                 {kRangeNoCase, "ABcd", "abCX", 3, 0},
-                 {kRangeNoCase, "ABcd", "abDX", 3, -1},
-                 {kExact, "abcd", "abcx", 3, 1},
-                 {kExact, "abc", "abcx", 3, 0},
-                 {kExact, "abc", "abx", 3, 'c' - 'x'}, // not clamped
-                 {kExact, "\x81\x41", "A", 1, 0x8141 - 'A'},
-                 {kExact, "ab", "ab", 5, 0},
-                 {kExact, "ab", "abc", 5, -'c'},
-                 {kExact, "ab", "x", 0, 0},
-                 {kExactNoCase, "ABCd", "abc", 3, 1},
-                 {kExactNoCase, "abc", "ABC", 3, 0},
-                 {kExactNoCase, "abc", "ABD", 3, 'C' - 'D'}};
+    } cases[] = {
+        {kCmp, nullptr, "", 0, 0}, {kCmp, nullptr, "a", 0, -1}, {kCmp, "abc", "abd", 0, -1}, {kCmp, "abd", "abc", 0, 1},
+        {kCmp, "ab", "abc", 0, -1},
+        {kCmp, "\x81\x41", "\x7F", 0, 1}, // a double-byte value is above every single byte
+        {kCmp, "a\x81", "a", 0, 1}, // lone lead byte before the terminator
+        {kCmp, "a\x81", "a\x81", 0, 0}, {kCmp, "abc", "ABC", 0, 1},
+        {kCmp, "\xA0", "\x81\x41", 0, -1}, // bytes order the other way
+        {kCmp, "x\x81", "x\x81\x01", 0, -1}, // lone lead below a whole character
+        {kCmp, "\x81\x81\x81\x42", "\x81\x81\x81\x41", 0, 1}, // a run of lead bytes pairs up
+        {kCmp, "\x81\x81\x41\x42", "\x81\x81\x42\x41", 0, -1},
+        {kCmp, "abcdefghijklmnopqrstuvwxyz\x81", "abcdefghijklmnopqrstuvwxyz\x81\x41", 0, -1},
+        {kNoCase, "abc", "ABD", 0, -1}, {kNoCase, "aBc", "AbC", 0, 0},
+        {kNoCase, "{", "[", 0, 1}, // only 'a'-'z' fold
+        {kNoCase, "\xE0\x61", "\xE0\x41", 0, 1}, // a trail byte is not folded
+        {kNoCase, "\xE9", "\xC9", 0, 1}, // nor a byte above 127
+        {kRange, "abcd", "abcx", 3, 0}, {kRange, "abcd", "abcx", 4, -1}, {kRange, "abcd", "abcx", 0, 0},
+        {kRange, "ab", "abc", 5, -1},
+        {kRange, "\x81\x41X", "\x81\x42X", 1, -1}, // the range ends inside a double-byte character
+        {kRange, "x\x81\x41", "x\x81\x41", 2, 0}, {kRangeNoCase, "ABcd", "abCX", 3, 0},
+        {kRangeNoCase, "ABcd", "abDX", 3, -1}, {kExact, "abcd", "abcx", 3, 1}, {kExact, "abc", "abcx", 3, 0},
+        {kExact, "abc", "abx", 3, 'c' - 'x'}, // not clamped
+        {kExact, "\x81\x41", "A", 1, 0x8141 - 'A'}, {kExact, "ab", "ab", 5, 0}, {kExact, "ab", "abc", 5, -'c'},
+        {kExact, "ab", "x", 0, 0}, {kExactNoCase, "ABCd", "abc", 3, 1}, {kExactNoCase, "abc", "ABC", 3, 0},
+        {kExactNoCase, "abc", "ABD", 3, 'C' - 'D'},
+    };
     for (const Case &c : cases) {
         SCOPED_TRACE(testing::Message() << "op " << c.op << " " << (c.a ? c.a : "(null)") << " / " << c.b << " "
                                         << c.n);
-        int32_t result = 0;
-        switch (c.op) {
-        case kCmp:
-            result = StrCompare(c.a, c.b);
-            break;
-        case kNoCase:
-            result = StrCompareNoCase(c.a, c.b);
-            break;
-        case kRange:
-            result = StrCompareRange(c.a, c.b, c.n);
-            break;
-        case kRangeNoCase:
-            result = StrCompareRangeNoCase(c.a, c.b, c.n);
-            break;
-        case kExact:
-            result = StrCompareRangeExact(c.a, c.b, c.n);
-            break;
-        case kExactNoCase:
-            result = StrCompareRangeExactNoCase(c.a, c.b, c.n);
-            break;
-        }
-        EXPECT_EQ(result, c.expected);
+        EXPECT_EQ(compare[c.op](c.a, c.b, c.n), c.expected);
     }
 }
 
@@ -220,23 +189,19 @@ TEST_F(StringTest, SearchMatchesCharactersNotTrailBytes) {
         const char *name;
         char *found;
         int expected; // offset, -1 for null
-    } cases[] = {{"next A", StrNextCharMatch(text + 1, 'A'), 6},
-                 {"next dbcs", StrNextCharMatch(text, 0x8142), 4},
-                 {"next 0", StrNextCharMatch(text, 0), -1},
-                 {"next none", StrNextCharMatch(text, 'z'), -1},
-                 {"nocase b", StrNextCharMatchNoCase(text, 'B'), 3},
-                 {"nocase on trail", StrNextCharMatchNoCase(text + 1, 'a'), 6},
-                 {"range ends inside", StrNextCharMatchRange(text, 0x8142, 5), -1},
-                 {"range holds it", StrNextCharMatchRange(text, 0x8142, 6), 4},
-                 {"range 0", StrNextCharMatchRange(text, 'A', 0), -1},
-                 {"last A", StrLastCharMatch(text, 'A'), 6},
-                 {"last b", StrLastCharMatch(text, 'b'), 7},
-                 {"last none", StrLastCharMatch(text, 'B'), -1},
-                 {"sub on trail", StrFindSubString(text, "Ab"), 6},
-                 {"sub dbcs", StrFindSubString(text, "\x81\x42\x41"), 4},
-                 {"sub nocase", StrFindSubStringNoCase(text, "aB"), 6},
-                 {"sub none", StrFindSubString(text, "bb"), -1},
-                 {"sub empty", StrFindSubString(text, ""), -1}};
+    } cases[] = {
+        {"next A", StrNextCharMatch(text + 1, 'A'), 6}, {"next dbcs", StrNextCharMatch(text, 0x8142), 4},
+        {"next 0", StrNextCharMatch(text, 0), -1}, {"next none", StrNextCharMatch(text, 'z'), -1},
+        {"nocase b", StrNextCharMatchNoCase(text, 'B'), 3},
+        {"nocase on trail", StrNextCharMatchNoCase(text + 1, 'a'), 6},
+        {"range ends inside", StrNextCharMatchRange(text, 0x8142, 5), -1},
+        {"range holds it", StrNextCharMatchRange(text, 0x8142, 6), 4},
+        {"range 0", StrNextCharMatchRange(text, 'A', 0), -1}, {"last A", StrLastCharMatch(text, 'A'), 6},
+        {"last b", StrLastCharMatch(text, 'b'), 7}, {"last none", StrLastCharMatch(text, 'B'), -1},
+        {"sub on trail", StrFindSubString(text, "Ab"), 6}, {"sub dbcs", StrFindSubString(text, "\x81\x42\x41"), 4},
+        {"sub nocase", StrFindSubStringNoCase(text, "aB"), 6}, {"sub none", StrFindSubString(text, "bb"), -1},
+        {"sub empty", StrFindSubString(text, ""), -1},
+    };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
         EXPECT_EQ(c.found == nullptr ? -1 : static_cast<int>(c.found - text), c.expected);
@@ -484,22 +449,12 @@ TEST_F(StringTest, IntegerConversionsHoldTheirContract) {
         const char *text;
         bool ok;
         int64_t value;
-    } cases32[] = {{"12", true, 12},
-                   {" -12", true, -12},
-                   {"+7", true, 7},
-                   {"\t\n 5", true, 5},
-                   {"12 ", false, 0},
-                   {"12x", false, 0},
-                   {"0x10", false, 0},
-                   {"", false, 0},
-                   {"  ", false, 0},
-                   {"- 1", false, 0},
-                   {"abc", false, 0},
-                   {"2147483647", true, INT32_MAX},
-                   {"-2147483648", true, INT32_MIN},
-                   {"2147483648", false, 0},
-                   {"-2147483649", false, 0},
-                   {"99999999999999999999", false, 0}};
+    } cases32[] = {
+        {"12", true, 12},    {" -12", true, -12}, {"+7", true, 7},   {"\t\n 5", true, 5}, {"12 ", false, 0},
+        {"12x", false, 0},   {"0x10", false, 0},  {"", false, 0},    {"  ", false, 0},    {"- 1", false, 0},
+        {"abc", false, 0},   {"2147483647", true, INT32_MAX},        {"-2147483648", true, INT32_MIN},
+        {"2147483648", false, 0}, {"-2147483649", false, 0},         {"99999999999999999999", false, 0},
+    };
     for (const Case &c : cases32) {
         int32_t value = 4242;
         EXPECT_EQ(StrToInteger(c.text, &value), c.ok) << "'" << c.text << "'";

@@ -46,12 +46,8 @@ TEST_F(StrWrapTest, LinesSplitIntoItems) {
         const char *line;
         std::vector<std::string> items;
     } cases[] = {
-        {"", {}},
-        {nullptr, {}},
-        {" a , b c ,", {"a", "b c", "(none)"}},
-        {"a,", {"a", "(none)"}},
-        {",", {"(none)", "(none)"}},
-        {"\t x\t", {"x"}},
+        {"", {}}, {nullptr, {}}, {" a , b c ,", {"a", "b c", "(none)"}}, {"a,", {"a", "(none)"}},
+        {",", {"(none)", "(none)"}}, {"\t x\t", {"x"}},
         {"\x81,\x81 ,y", {"\x81,\x81 ", "y"}}, // trail bytes that look like a comma and a blank
     };
     for (const auto &c : cases) {

@@ -38,19 +38,12 @@ TEST_F(SysTest, SizesRoundUpInTheirUnit) {
         int64_t value;
         const char *wide, *narrow;
     } cases[] = {
-        {0, "0 bytes", "0 bytes"},
-        {10239, "10239 bytes", "10239 bytes"},
-        {10240, "10 Kbytes", "10 Kbytes"},
-        {10241, "11 Kbytes", "11 Kbytes"},
-        {10485759, "10240 Kbytes", "10240 Kbytes"},
-        {10485760, "10 Mbytes", "10 Mbytes"},
-        {10485761, "11 Mbytes", "11 Mbytes"},
-        {-5, "-5 bytes", "-5 bytes"},
-        {-20000000, "-20000000 bytes", "-20000000 bytes"},
-        {INT32_MAX, "2048 Mbytes", "2048 Mbytes"},
+        {0, "0 bytes", "0 bytes"}, {10239, "10239 bytes", "10239 bytes"}, {10240, "10 Kbytes", "10 Kbytes"},
+        {10241, "11 Kbytes", "11 Kbytes"}, {10485759, "10240 Kbytes", "10240 Kbytes"},
+        {10485760, "10 Mbytes", "10 Mbytes"}, {10485761, "11 Mbytes", "11 Mbytes"}, {-5, "-5 bytes", "-5 bytes"},
+        {-20000000, "-20000000 bytes", "-20000000 bytes"}, {INT32_MAX, "2048 Mbytes", "2048 Mbytes"},
         {int64_t{1} << 32, "4096 Mbytes", "0 bytes"}, // the narrow form sees the low word
-        {(int64_t{1} << 32) + 5, "4097 Mbytes", "5 bytes"},
-        {INT64_MAX, "8796093022208 Mbytes", "-1 bytes"},
+        {(int64_t{1} << 32) + 5, "4097 Mbytes", "5 bytes"}, {INT64_MAX, "8796093022208 Mbytes", "-1 bytes"},
         {INT64_MIN, "-9223372036854775808 bytes", "0 bytes"},
     };
     for (const auto &c : cases) {
@@ -93,12 +86,8 @@ TEST_F(SysTest, MachineNameIsTheNodeNameCutTo63UnlessConfigured) {
         bool setDuringLookup;
         const char *expected; // null: no name
     } cases[] = {
-        {seventy, "", false, nullptr},
-        {sixtyFour, "", false, nullptr},
-        {"short", "", false, "short"},
-        {seventy, "cfgname", false, "cfgname"},
-        {"", "cfgname", false, "cfgname"},
-        {"", "", false, nullptr},
+        {seventy, "", false, nullptr}, {sixtyFour, "", false, nullptr}, {"short", "", false, "short"},
+        {seventy, "cfgname", false, "cfgname"}, {"", "cfgname", false, "cfgname"}, {"", "", false, nullptr},
         {seventy, "cfgname", true, "set-meanwhile"},
     };
     const std::string file = home() + "/config/configure.cfg";

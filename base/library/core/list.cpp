@@ -28,6 +28,8 @@
 #include "core/context.h"
 #include "core/memory.h"
 #include "core/object.h"
+#include "core/objwalk.h"
+#include "objcontainer.h"
 #include "objcore.h"
 #include "tracer.h"
 
@@ -35,7 +37,8 @@ namespace {
 
 constexpr fh::ModuleTracer trace{"LIST        "};
 MemPool *gPool = nullptr;
-constinit fh::ObjectType<LIST> gListType{LIST_MAGIC, LIST_FORMAT};
+extern const fh::ContainerOperations kListOperations; // below
+constinit fh::ObjectType<LIST> gListType{LIST_MAGIC, LIST_FORMAT, &kListOperations};
 constinit fh::ObjectType<LISTNODE> gNodeType{LISTNODE_MAGIC, LISTNODE_FORMAT};
 
 MemPool *pool() { return gPool != nullptr ? gPool : (gPool = MemGetDefaultPoolId()); }
@@ -272,6 +275,99 @@ BOOL findObject(void *out, const LIST *list, uint32_t magic) {
 template <typename To, typename From> To functionCast(From function) {
     return reinterpret_cast<To>(reinterpret_cast<void (*)()>(function));
 }
+
+// ---- The list as a container of the object core, the byte form and the walker
+
+// The traces of the byte form stand under the object module's tag.
+constexpr fh::ModuleTracer traceObject{"OBJECT        "};
+
+// A copy holds copies of the items, in order; no item magic, no cookie.
+void copyList(fh::ObjectCopier &copier, const void *from, void *to) {
+    for (const LISTNODE *node = static_cast<const LIST *>(from)->oFirst; node != nullptr; node = node->oNext) {
+        void *item = copier.copy(node->oItem);
+        if (!ListPushLastItemInternal(static_cast<LIST *>(to), &item)) ObjReleaseInternal(&item);
+    }
+}
+
+// The byte form: item magic, count, cookie, the items, and LIST_MAGIC again.
+bool writeList(fh::ObjectWriter &w, const void *container) {
+    const auto *list = static_cast<const LIST *>(container);
+    if (!w.u32(static_cast<uint32_t>(list->iItemMagic)) || !w.u32(static_cast<uint32_t>(list->iCount)) ||
+        !w.object(list->oCookie))
+        return false;
+    for (const LISTNODE *node = list->oFirst; node != nullptr; node = node->oNext)
+        if (!w.object(node->oItem)) return false;
+    return w.u32(LIST_MAGIC);
+}
+
+bool readList(fh::ObjectReader &r, int32_t id, void **out) {
+    uint32_t itemMagic = 0, count = 0;
+    if (!r.u32(itemMagic)) {
+        traceObject(125, 0, -1, "Failed to reconstruct item magic");
+        return false;
+    }
+    if (!r.u32(count) || !r.plausible(count)) {
+        traceObject(139, 0, -1, "Failed to reconstruct item count");
+        return false;
+    }
+    void *cookie = nullptr;
+    if (!r.object(&cookie)) {
+        traceObject(126, 0, -1, "Failed to reconstruct list cookie");
+        return false;
+    }
+    LIST *list = nullptr;
+    bool ok = r.charge(LIST_MAGIC) && ListCreateFromPool(&list, itemMagic, pool()) != FALSE;
+    if (ok) ListSetCookie(list, cookie);
+    ObjReleaseInternal(&cookie);
+    if (!ok) return false;
+    const bool entered = r.remember(id, list) && r.enter(list);
+    ok = entered;
+    for (uint32_t i = 0; ok && i < count; ++i) {
+        void *item = nullptr;
+        if (!r.object(&item)) {
+            traceObject(128, 0, -1, "Failed to reconstruct list item");
+            ok = false;
+        } else if (!r.charge(LISTNODE_MAGIC) || !ListPushLastItemInternal(list, &item)) {
+            ObjReleaseInternal(&item);
+            traceObject(127, 0, -1, "Failed to push list item");
+            ok = false;
+        }
+        if (!ok)
+            traceObject(129, 0, -1, "Failed to validate end of list (%ld, %ld)", static_cast<long>(i),
+                        static_cast<long>(count));
+    }
+    if (entered) r.leave();
+    uint32_t end = 0;
+    if (ok && (!r.u32(end) || end != LIST_MAGIC)) {
+        traceObject(129, 0, -1, "Failed to validate end of list (%ld, %ld)", static_cast<long>(end),
+                    static_cast<long>(LIST_MAGIC));
+        ok = false;
+    }
+    if (!ok) {
+        r.forget(id);
+        ObjReleaseInternal(&list);
+        return false;
+    }
+    *out = list;
+    return true;
+}
+
+// The walk: the cookie, then each node and its item.
+int32_t walkList(fh::ObjectVisitor &v, void *container) {
+    auto *list = static_cast<LIST *>(container);
+    if (v.slot(&list->oCookie) == eObjWalkAbort) return eObjWalkAbort;
+    for (LISTNODE *node = list->oFirst, *next = nullptr; node != nullptr; node = next) {
+        next = node->oNext;
+        using Step = fh::ObjectVisitor::NodeStep;
+        const fh::ObjectVisitor::NodeResult visited =
+            v.node(node, &node->oItem, 124, "Not allowed to modify ListNodeO objects");
+        if (visited.step == Step::kStop) return visited.result;
+        if (visited.step == Step::kRemove) ListRemoveItem(node);
+    }
+    return eObjWalkEnter;
+}
+
+const fh::ContainerOperations kListOperations{copyList, writeList, readList, walkList};
 
 } // namespace
 

@@ -16,9 +16,10 @@
 
 #include <cstring>
 
-#include "core/context.h"
 #include "core/memory.h"
+#include "core/object.h"
 #include "core/objserial.h"
+#include "codec.h"
 #include "msgchannel.h"
 #include "objcore.h"
 #include "tracer.h"
@@ -41,7 +42,6 @@ enum TraceId : int32_t {
 MemPool *gPool = nullptr;
 MemPool *pool() { return gPool != nullptr ? gPool : (gPool = MemGetDefaultPoolId()); }
 
-
 // Offsets of the header fields.
 enum Offset : size_t {
     kRoute = 0,
@@ -51,18 +51,6 @@ enum Offset : size_t {
     kType = 24,
     kReserved = 28,
 };
-
-void putLe32(unsigned char *p, int32_t value) {
-    const auto v = static_cast<uint32_t>(value);
-    p[0] = static_cast<unsigned char>(v);
-    p[1] = static_cast<unsigned char>(v >> 8);
-    p[2] = static_cast<unsigned char>(v >> 16);
-    p[3] = static_cast<unsigned char>(v >> 24);
-}
-
-int32_t getLe32(const unsigned char *p) {
-    return static_cast<int32_t>(uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24);
-}
 
 using fh::msgAddressOf;
 
@@ -84,12 +72,12 @@ int32_t routeTo(const MsgPacketAddress &destination) {
 }
 
 void putPair(unsigned char *image, size_t offset, const MsgPacketAddress &pair) {
-    putLe32(image + offset, pair.iMachine);
-    putLe32(image + offset + 4, pair.iProcess);
+    fh::writeLe32(image + offset, static_cast<uint32_t>(pair.iMachine));
+    fh::writeLe32(image + offset + 4, static_cast<uint32_t>(pair.iProcess));
 }
 
 MsgPacketAddress getPair(const unsigned char *image, size_t offset) {
-    return {getLe32(image + offset), getLe32(image + offset + 4)};
+    return {static_cast<int32_t>(fh::readLe32(image + offset)), static_cast<int32_t>(fh::readLe32(image + offset + 4))};
 }
 
 // The image of a packet that holds at least a header, a frame head and a
@@ -98,7 +86,7 @@ unsigned char *soundImage(const void *packet, int32_t *size) {
     if (packet == nullptr || !ObjCheckTypeInternal(packet, MSG_PACKET_MAGIC)) return nullptr;
     const ObjData &image = static_cast<const MSG_PACKET *>(packet)->oImage;
     auto *bytes = static_cast<unsigned char *>(image.pData);
-    const int32_t total = image.iSize >= MSG_PACKET_MINIMUM_SIZE && bytes != nullptr ? getLe32(bytes + kTotal) : -1;
+    const int32_t total = image.iSize >= MSG_PACKET_MINIMUM_SIZE && bytes != nullptr ? static_cast<int32_t>(fh::readLe32(bytes + kTotal)) : -1;
     if (total != image.iSize) {
         trace(kIdBadImage, 0, 2, "Refused packet image of %ld bytes, total %ld", static_cast<long>(image.iSize),
               static_cast<long>(total));
@@ -241,11 +229,11 @@ BOOL MsgCreatePacket(MSG_PACKET **packet, const void *destination, const void *s
     }
     auto *image = reinterpret_cast<unsigned char *>(buffer->Buffer);
     memset(image, 0, MSG_PACKET_HEADER_SIZE);
-    putLe32(image + kRoute, routeTo(to));
-    putLe32(image + kTotal, buffer->Used);
+    fh::writeLe32(image + kRoute, static_cast<uint32_t>(routeTo(to)));
+    fh::writeLe32(image + kTotal, static_cast<uint32_t>(buffer->Used));
     putPair(image, kSource, from);
     putPair(image, kDestination, to);
-    putLe32(image + kType, type);
+    fh::writeLe32(image + kType, static_cast<uint32_t>(type));
     auto *made = gPacketType.newInstance(pool());
     made->oImage = {buffer->Used, buffer->Buffer}; // the packet takes the buffer over
     buffer->Buffer = nullptr;
@@ -266,7 +254,7 @@ BOOL MsgRedirectPacket(const void *address, MSG_PACKET *packet) {
     MsgPacketAddress to{};
     if (image == nullptr || !toPacketAddress(&to, address)) return FALSE;
     putPair(image, kDestination, to);
-    putLe32(image + kRoute, routeTo(to));
+    fh::writeLe32(image + kRoute, static_cast<uint32_t>(routeTo(to)));
     return TRUE;
 }
 
@@ -276,7 +264,7 @@ BOOL MsgMessageFromPacket(MSG_MESSAGE **message, const MSG_PACKET *packet) {
     void *body = nullptr;
     if (message == nullptr || image == nullptr || !readBody(&body, image, size)) return FALSE;
     *message = newMessage(addressOfPair(getPair(image, kDestination)), addressOfPair(getPair(image, kSource)),
-                          getLe32(image + kType), body);
+                          static_cast<int32_t>(fh::readLe32(image + kType)), body);
     return TRUE;
 }
 
@@ -299,11 +287,11 @@ BOOL MsgObjectFromPacketInternal(void **object, const MSG_PACKET *packet, uint32
 int32_t MsgPacketMsgType(const void *packet) {
     int32_t size = 0;
     const unsigned char *image = soundImage(packet, &size);
-    return image != nullptr ? getLe32(image + kType) : 0;
+    return image != nullptr ? static_cast<int32_t>(fh::readLe32(image + kType)) : 0;
 }
 
 BOOL MsgPacketIsFromChannel(const void *packet) {
     int32_t size = 0;
     const unsigned char *image = soundImage(packet, &size);
-    return image != nullptr && getLe32(image + kDestination) == MSG_MACHINE_CHANNEL;
+    return image != nullptr && static_cast<int32_t>(fh::readLe32(image + kDestination)) == MSG_MACHINE_CHANNEL;
 }

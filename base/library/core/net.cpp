@@ -41,9 +41,9 @@
 
 #include "core/config.h"
 #include "core/context.h"
-#include "core/list.h"
 #include "core/memory.h"
 #include "core/timeout.h"
+#include "codec.h"
 #include "netcalls.h"
 #include "objcore.h"
 #include "tracer.h"
@@ -152,19 +152,6 @@ void closeQuietly(int fd) {
 }
 
 // ---- Addresses ----
-
-inline uint16_t bigEndian16(const unsigned char *p) { return static_cast<uint16_t>(p[0] << 8 | p[1]); }
-inline uint32_t bigEndian32(const unsigned char *p) {
-    return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | p[3];
-}
-inline void putBigEndian16(unsigned char *p, uint32_t value) {
-    p[0] = static_cast<unsigned char>(value >> 8);
-    p[1] = static_cast<unsigned char>(value);
-}
-inline void putBigEndian32(unsigned char *p, uint32_t value) {
-    putBigEndian16(p, value >> 16);
-    putBigEndian16(p + 2, value);
-}
 
 // An address as the platform takes it: the first 16 bytes, the family byte
 // widened to the platform's 16-bit family.
@@ -620,20 +607,20 @@ BOOL NetInitializeIpAddress(NetAddressT *address, uint32_t ipHostOrder, int32_t 
     if (address == nullptr) return FALSE;
     address->aBytes[0] = NET_ADDRESS_LENGTH;
     address->aBytes[1] = NET_FAMILY_IP;
-    putBigEndian16(address->aBytes + 2, static_cast<uint32_t>(portHostOrder));
-    putBigEndian32(address->aBytes + 4, ipHostOrder);
+    fh::writeBe16(address->aBytes + 2, static_cast<uint32_t>(portHostOrder));
+    fh::writeBe32(address->aBytes + 4, ipHostOrder);
     return TRUE;
 }
 
 BOOL NetSetIpPort(NetAddressT *address, int32_t portHostOrder) {
     if (address == nullptr) return FALSE;
-    putBigEndian16(address->aBytes + 2, static_cast<uint32_t>(portHostOrder));
+    fh::writeBe16(address->aBytes + 2, static_cast<uint32_t>(portHostOrder));
     return TRUE;
 }
 
-int32_t NetGetIpPort(const NetAddressT *address) { return address != nullptr ? bigEndian16(address->aBytes + 2) : 0; }
+int32_t NetGetIpPort(const NetAddressT *address) { return address != nullptr ? fh::readBe16(address->aBytes + 2) : 0; }
 uint32_t NetGetIpAddress(const NetAddressT *address) {
-    return address != nullptr ? bigEndian32(address->aBytes + 4) : 0;
+    return address != nullptr ? fh::readBe32(address->aBytes + 4) : 0;
 }
 int32_t NetGetFamily(const NetAddressT *address) { return address != nullptr ? address->aBytes[1] : 0; }
 int32_t NetGetAddressLength(const NetAddressT *address) { return address != nullptr ? address->aBytes[0] : 0; }

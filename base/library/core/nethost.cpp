@@ -35,6 +35,7 @@
 #include "core/context.h"
 #include "core/list.h"
 #include "core/memory.h"
+#include "core/net.h"
 #include "core/msgpacket.h"
 #include "core/msgsend.h"
 #include "core/object.h"
@@ -43,6 +44,7 @@
 #include "core/strwrap.h"
 #include "core/sys.h"
 #include "messages/msgmsg.h"
+#include "codec.h"
 #include "netcalls.h"
 #include "objcore.h"
 #include "tracer.h"
@@ -86,7 +88,6 @@ LIST *gUnresolvable = nullptr; // addresses whose reverse look-up failed
 
 MemPool *pool() { return gPool != nullptr ? gPool : (gPool = MemGetDefaultPoolId()); }
 
-
 constexpr uint32_t kLoopback = 0x7f000001;
 constexpr long kHighestPort = 65535;
 
@@ -97,8 +98,7 @@ using fh::repeated;
 // An IPv4 address in host order from the four bytes of a host entry or a
 // platform address, which are in network order.
 uint32_t fromNetworkBytes(const void *bytes) {
-    const auto *b = static_cast<const unsigned char *>(bytes);
-    return uint32_t{b[0]} << 24 | uint32_t{b[1]} << 16 | uint32_t{b[2]} << 8 | b[3];
+    return fh::readBe32(static_cast<const unsigned char *>(bytes));
 }
 
 // "a.b.c.d" with each part at most 255 and nothing behind it.

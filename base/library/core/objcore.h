@@ -15,6 +15,8 @@
 
 namespace fh {
 
+struct ContainerOperations; // objcontainer.h
+
 // The header in front of an object's payload, its start magic (compared
 // inline by the accessors that run on every message), and the pool of its
 // block, which stands directly in front of the header.
@@ -172,9 +174,9 @@ class DeclaredType {
   public:
     consteval DeclaredType(int32_t size, int64_t formatSize, uint32_t magic, const char *format,
                            ObjReleaseCallback release, bool receivable, ObjReceivedCheck check,
-                           ObjectTemplate **exported)
+                           ObjectTemplate **exported, const ContainerOperations *operations = nullptr)
         : size_(size), magic_(magic), format_(format), release_(release), receivable_(receivable), check_(check),
-          exported_(exported) {
+          exported_(exported), operations_(operations) {
         if (formatSize != size) structIsNotLaidOutAsItsFormat();
     }
 
@@ -194,6 +196,7 @@ class DeclaredType {
     bool receivable_;
     ObjReceivedCheck check_;
     ObjectTemplate **exported_;
+    const ContainerOperations *operations_;
     ObjectTemplate *template_ = nullptr;
 };
 
@@ -207,6 +210,10 @@ template <typename T> class ObjectType : public DeclaredType {
     consteval ObjectType(uint32_t magic, const char *format, Receivable, ObjReceivedCheck check = nullptr,
                          ObjectTemplate **exported = nullptr)
         : DeclaredType(sizeof(T), formatPayloadSize(format), magic, format, nullptr, true, check, exported) {}
+    // A container type, with its table of operations (objcontainer.h).
+    consteval ObjectType(uint32_t magic, const char *format, const ContainerOperations *operations)
+        : DeclaredType(sizeof(T), formatPayloadSize(format), magic, format, nullptr, false, nullptr, nullptr,
+                       operations) {}
 
     // A new instance from pool (null: the default pool), as
     // ObjTemplateNewInstanceFromPool makes it of the template as it stands.

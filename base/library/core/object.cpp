@@ -40,12 +40,11 @@
 #include <span>
 
 #include "core/context.h"
-#include "core/list.h"
 #include "core/map.h"
 #include "core/memory.h"
 #include "core/stanza.h"
 #include "core/strbase.h"
-#include "core/tree.h"
+#include "objcontainer.h"
 #include "objcore.h"
 #include "proctable.h"
 #include "seams.h"
@@ -83,6 +82,14 @@ ObjectTemplate *gRetired = nullptr; // retired templates, linked through Next
 int32_t gForeignTemplates = 0; // templates made for received formats
 size_t gForeignBytes = 0;      // and the pool bytes they hold
 
+// The container types and their operations, as their declarations register them.
+struct Container {
+    uint32_t magic;
+    const fh::ContainerOperations *operations;
+};
+Container gContainers[4];
+int32_t gContainerCount = 0;
+
 // A template and what this module keeps beside it; the entries follow.
 struct TemplateBlock {
     ObjectTemplate t;
@@ -104,9 +111,7 @@ struct NameEntry {
 };
 MAP *gNameMap = nullptr;
 
-inline ObjectHeader *headerOf(const void *object) {
-    return reinterpret_cast<ObjectHeader *>(const_cast<char *>(static_cast<const char *>(object)) - kHeaderSize);
-}
+using fh::objectHeader;
 
 inline char *payloadOf(ObjectHeader *header) { return reinterpret_cast<char *>(header) + kHeaderSize; }
 
@@ -303,7 +308,7 @@ ObjectTemplate *getTemplate(int32_t size, uint32_t magic, const char *format, Ob
 
 // The checks in front of a release: 0 when the object may be released.
 bool releasable(void *object) {
-    ObjectHeader *h = headerOf(object);
+    ObjectHeader *h = objectHeader(object);
     if (!OBJ_VALID_MAGIC(h->StartMagic)) {
         trace(72, 0, 2, "ObjRelease - Invalid Magic for object at %p", object);
     } else if (endMagicOf(h) != h->StartMagic) {
@@ -319,7 +324,7 @@ bool releasable(void *object) {
 // Gives false for a damaged object or a count that would go below 0.
 bool dropReference(void *object, ObjectHeader *&dying) {
     if (!releasable(object)) return false;
-    ObjectHeader *h = headerOf(object);
+    ObjectHeader *h = objectHeader(object);
     if (--h->RefCount < 0) {
         ++h->RefCount;
         trace(70, 0, 2, "ObjRelease - reference count below zero for object at %p", object);
@@ -382,11 +387,21 @@ namespace fh {
 
 int32_t objectTemplateBlocks() { return gTemplateBlocks; }
 
+const ContainerOperations *containerOperations(uint32_t magic) {
+    for (int32_t i = 0; i < gContainerCount; ++i)
+        if (gContainers[i].magic == magic) return gContainers[i].operations;
+    return nullptr;
+}
+
 bool DeclaredType::declare() {
     if (template_ == nullptr) {
         ObjectTemplate *made = nullptr;
         if (!ObjTemplateCreateInternal(&made, size_, magic_, format_, release_)) return false;
         if (receivable_ && !ObjTemplateSetReceivable(made, check_)) return false;
+        if (operations_ != nullptr && containerOperations(magic_) == nullptr) {
+            if (gContainerCount == static_cast<int32_t>(std::size(gContainers))) return false;
+            gContainers[gContainerCount++] = {magic_, operations_};
+        }
         template_ = made;
     }
     if (exported_ != nullptr) *exported_ = template_;
@@ -485,7 +500,17 @@ void *newInstance(ObjectTemplate *t, MemPool *from) {
 // are copied once and shared the same way in the copy, through seen (source
 // address to copy).
 void *copyObject(const void *source, bool keepLocal, fh::SeenIndex &seen);
-void copyTreeNode(const TREENODE *from, TREENODE *to, bool keepLocal, fh::SeenIndex &seen);
+
+// The deep copy as a container's copy operation sees it.
+class Copier : public fh::ObjectCopier {
+  public:
+    Copier(bool keepLocal, fh::SeenIndex &seen) : keepLocal_(keepLocal), seen_(seen) {}
+    void *copy(const void *object) override { return copyObject(object, keepLocal_, seen_); }
+
+  private:
+    bool keepLocal_;
+    fh::SeenIndex &seen_;
+};
 
 void copyComponent(void *copy, const void *source, const ComponentEntry &e, bool keepLocal, fh::SeenIndex &seen) {
     void *from = const_cast<void *>(source);
@@ -528,7 +553,7 @@ void copyComponent(void *copy, const void *source, const ComponentEntry &e, bool
 
 void *copyObject(const void *source, bool keepLocal, fh::SeenIndex &seen) {
     if (source == nullptr) return nullptr;
-    const ObjectHeader *h = headerOf(source);
+    const ObjectHeader *h = objectHeader(source);
     uintptr_t entry = 0;
     if (h->RefCount != 1 && seen.find(reinterpret_cast<uintptr_t>(source), entry)) {
         void *copy = reinterpret_cast<void *>(entry);
@@ -538,33 +563,14 @@ void *copyObject(const void *source, bool keepLocal, fh::SeenIndex &seen) {
     void *copy = newInstance(h->Template, pool());
     trace(89, 0, 3, "ObjCopy(%p, %p, %p)", copy, source, static_cast<void *>(&seen));
     if (h->RefCount != 1) seen.put(reinterpret_cast<uintptr_t>(source), reinterpret_cast<uintptr_t>(copy));
-    if (h->StartMagic == LIST_MAGIC) { // the items, in order; no item magic, no cookie
-        for (const LISTNODE *node = static_cast<const LIST *>(source)->oFirst; node != nullptr; node = node->oNext) {
-            void *item = copyObject(node->oItem, keepLocal, seen);
-            if (!ListPushLastItemInternal(static_cast<LIST *>(copy), &item)) ObjReleaseInternal(&item);
-        }
-        return copy;
-    }
-    if (h->StartMagic == TREE_MAGIC) { // the nodes with copies of their items; not the cookie
-        TREENODE *last = nullptr;
-        for (const TREENODE *root = static_cast<const TREE *>(source)->oFirst; root != nullptr; root = root->oNextSibling) {
-            void *item = copyObject(root->oItem, keepLocal, seen);
-            last = last != nullptr ? TreePushItem(&item, last, 3) : TreePushRootItem(&item, static_cast<TREE *>(copy));
-            copyTreeNode(root, last, keepLocal, seen);
-        }
+    if (const fh::ContainerOperations *operations = fh::containerOperations(h->StartMagic)) {
+        Copier copier(keepLocal, seen);
+        operations->copy(copier, source, copy);
         return copy;
     }
     const ObjectDescriptor &d = h->Template->Descriptor;
     for (const ComponentEntry &e : std::span(d.Entries, d.FieldCount)) copyComponent(copy, source, e, keepLocal, seen);
     return copy;
-}
-
-void copyTreeNode(const TREENODE *from, TREENODE *to, bool keepLocal, fh::SeenIndex &seen) {
-    to->bOpen = from->bOpen;
-    for (const TREENODE *child = from->oFirstChild; child != nullptr; child = child->oNextSibling) {
-        void *item = copyObject(child->oItem, keepLocal, seen);
-        copyTreeNode(child, TreePushItem(&item, to, 1), keepLocal, seen);
-    }
 }
 
 // The quicksort of the interface partitions around its first element. The
@@ -743,7 +749,7 @@ int32_t ObjInlineSize(const char *cursor) { return (ObjInlineSizeUsed(cursor) + 
 
 BOOL ObjIncRefCount(void *object) {
     if (object == nullptr) return FALSE;
-    ObjectHeader *h = headerOf(object);
+    ObjectHeader *h = objectHeader(object);
     if (!OBJ_VALID_MAGIC(h->StartMagic)) {
         return trace.fault(FALSE, 26, 0, "ObjIncRefCount - Invalid Magic for object at %p", object);
     }
@@ -777,7 +783,7 @@ void ObjRemoveFromLog(void) {}
 
 void ObjCheck(const void *object) {
     if (object == nullptr) return;
-    const ObjectHeader *h = headerOf(object);
+    const ObjectHeader *h = objectHeader(object);
     if (!OBJ_VALID_MAGIC(h->StartMagic)) {
         trace(147, 0, -1, "ObjCheck - Invalid Magic for object at %p", object);
     } else if (endMagicOf(h) != h->StartMagic) {
@@ -793,7 +799,7 @@ BOOL ObjGetMagic(const void *object, uint32_t *magic) {
     if (magic == nullptr) return FALSE;
     *magic = 0;
     if (object == nullptr) return FALSE;
-    const ObjectHeader *h = headerOf(object);
+    const ObjectHeader *h = objectHeader(object);
     const uint32_t start = h->StartMagic;
     if (const std::optional<uint32_t> end = endMagicOf(h); end != start) {
         trace(28, 1, -1, "Start/end magic disagree - object is corrupt %lx %lx", static_cast<unsigned long>(start),
@@ -815,13 +821,13 @@ BOOL ObjHasValidGlobalMagic(const void *object) {
 
 BOOL ObjCheckTypeInternal(const void *object, uint32_t magic) {
     uint32_t actual;
-    return ObjGetMagic(object, &actual) && actual == magic && !blockOf(headerOf(object)->Template).retired;
+    return ObjGetMagic(object, &actual) && actual == magic && !blockOf(objectHeader(object)->Template).retired;
 }
 
 const char *ObjNameFromObject(const void *object) {
     if (object == nullptr) return "NULL Object";
     if (!ObjHasValidGlobalMagic(object)) return "Invalid Object";
-    return headerOf(object)->Template->Name;
+    return objectHeader(object)->Template->Name;
 }
 
 const char *ObjNameFromMagic(uint32_t magic) {
@@ -849,7 +855,7 @@ BOOL ObjSetObjName(uint32_t magic, const char *name) {
 }
 
 ObjectTemplate *ObjGetTemplateFromObject(const void *object) {
-    return ObjHasValidGlobalMagic(object) ? headerOf(object)->Template : nullptr;
+    return ObjHasValidGlobalMagic(object) ? objectHeader(object)->Template : nullptr;
 }
 
 ObjectDescriptor *ObjGetDbData(const void *object) {

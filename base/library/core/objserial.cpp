@@ -35,15 +35,15 @@
 
 #include "core/file.h"
 #include "core/filesys.h"
-#include "core/list.h"
 #include "core/map.h"
 #include "core/memory.h"
 #include "core/object.h"
 #include "core/objmap.h"
 #include "core/objwalk.h"
 #include "core/stanza.h"
-#include "core/tree.h"
+#include "codec.h"
 #include "mapcore.h"
+#include "objcontainer.h"
 #include "objcore.h"
 #include "seenindex.h"
 #include "sizes.h"
@@ -76,17 +76,8 @@ MemPool *pool() {
     return gPool;
 }
 
-inline uint32_t readLe32(const Byte *p) {
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
-           static_cast<uint32_t>(p[3]) << 24;
-}
-inline void writeLe32(Byte *p, uint32_t v) {
-    p[0] = static_cast<Byte>(v);
-    p[1] = static_cast<Byte>(v >> 8);
-    p[2] = static_cast<Byte>(v >> 16);
-    p[3] = static_cast<Byte>(v >> 24);
-}
-
+using fh::readLe32;
+using fh::writeLe32;
 using fh::entriesOf;
 using fh::field;
 using fh::refCount;
@@ -212,8 +203,8 @@ class Writer {
     bool pointer(void *p) {
         const auto v = reinterpret_cast<uintptr_t>(p);
         if (!s_.InProcess) return u32(static_cast<uint32_t>(v));
-        Byte b[sizeof v];
-        for (size_t i = 0; i < sizeof v; ++i) b[i] = static_cast<Byte>(v >> (8 * i));
+        Byte b[fh::kPointerBytes];
+        fh::writePointerBytes(b, v);
         return bytes(b, sizeof b);
     }
 
@@ -312,7 +303,7 @@ bool writeComponent(Writer &w, void *object, const ComponentEntry &e) {
     }
     case eObjInt64: {
         const auto value = static_cast<uint64_t>(field<int64_t>(object, e));
-        return w.u32(static_cast<uint32_t>(value)) && w.u32(static_cast<uint32_t>(value >> 32));
+        return w.u32(fh::lowHalf(value)) && w.u32(fh::highHalf(value));
     }
     case eObjUnique: return w.bytes(&field<char>(object, e), 32);
     case eObjBackLink:
@@ -322,33 +313,24 @@ bool writeComponent(Writer &w, void *object, const ComponentEntry &e) {
     }
 }
 
-bool writeList(Writer &w, const LIST *list) {
-    if (!w.u32(static_cast<uint32_t>(list->iItemMagic)) || !w.u32(static_cast<uint32_t>(list->iCount)) ||
-        !writeObject(w, list->oCookie))
-        return false;
-    for (const LISTNODE *node = list->oFirst; node != nullptr; node = node->oNext)
-        if (!writeObject(w, node->oItem)) return false;
-    return w.u32(LIST_MAGIC);
-}
+// The writer as a container's write operation sees it.
+class WriterPort : public fh::ObjectWriter {
+  public:
+    explicit WriterPort(Writer &w) : w_(w) {}
+    bool byte(uint8_t value) override { return w_.byte(value); }
+    bool u32(uint32_t value) override { return w_.u32(value); }
+    bool object(const void *object) override { return writeObject(w_, object); }
 
-// A chain of tree nodes: for each node 1, its Open flag, its item and the
-// chain of its children; 0 closes the chain. Recursion goes down the depth.
-bool writeChain(Writer &w, const TREENODE *first) {
-    for (const TREENODE *node = first; node != nullptr; node = node->oNextSibling)
-        if (!w.byte(1) || !w.byte(node->bOpen ? 1 : 0) || !writeObject(w, node->oItem) ||
-            !writeChain(w, node->oFirstChild))
-            return false;
-    return w.byte(0);
-}
-
-bool writeTree(Writer &w, const TREE *tree) {
-    return writeObject(w, tree->oCookie) && writeChain(w, tree->oFirst) && w.u32(TREE_MAGIC);
-}
+  private:
+    Writer &w_;
+};
 
 bool writeBody(Writer &w, const void *object, uint32_t magic) {
     if (!w.u32(magic)) return false;
-    if (magic == LIST_MAGIC) return writeList(w, static_cast<const LIST *>(object));
-    if (magic == TREE_MAGIC) return writeTree(w, static_cast<const TREE *>(object));
+    if (const fh::ContainerOperations *operations = fh::containerOperations(magic)) {
+        WriterPort port(w);
+        return operations->write(port, object);
+    }
     const ObjectTemplate *t = fh::objectHeader(object)->Template;
     if (!w.string(t->Descriptor.Format)) return false;
     for (const ComponentEntry &e : entriesOf(t))
@@ -452,11 +434,9 @@ class Reader {
             p = reinterpret_cast<void *>(static_cast<uintptr_t>(v));
             return true;
         }
-        Byte b[sizeof(uintptr_t)];
+        Byte b[fh::kPointerBytes];
         if (!bytes(b, sizeof b)) return false;
-        uintptr_t v = 0;
-        for (size_t i = 0; i < sizeof b; ++i) v |= static_cast<uintptr_t>(b[i]) << (8 * i);
-        p = reinterpret_cast<void *>(v);
+        p = reinterpret_cast<void *>(fh::readPointerBytes(b));
         return true;
     }
     // A count of things of at least unit bytes each that the rest can hold.
@@ -653,7 +633,7 @@ bool readComponent(Reader &r, void *object, const ComponentEntry &e) {
     case eObjInt64: {
         uint32_t low = 0, high = 0;
         if (!r.u32(low) || !r.u32(high)) return false;
-        field<int64_t>(object, e) = static_cast<int64_t>(static_cast<uint64_t>(high) << 32 | low);
+        field<int64_t>(object, e) = static_cast<int64_t>(fh::joinHalves(low, high));
         return true;
     }
     case eObjUnique: return r.bytes(&field<char>(object, e), 32);
@@ -785,115 +765,23 @@ bool readSimple(Reader &r, uint32_t magic, int32_t id, void **out) {
     return true;
 }
 
-bool readList(Reader &r, int32_t id, void **out) {
-    uint32_t itemMagic = 0, count = 0;
-    if (!r.u32(itemMagic)) {
-        trace(125, 0, -1, "Failed to reconstruct item magic");
-        return false;
-    }
-    if (!r.u32(count) || !r.plausible(count)) {
-        trace(139, 0, -1, "Failed to reconstruct item count");
-        return false;
-    }
-    void *cookie = nullptr;
-    if (!readObject(r, &cookie)) {
-        trace(126, 0, -1, "Failed to reconstruct list cookie");
-        return false;
-    }
-    LIST *list = nullptr;
-    bool ok = r.charge(instanceBytes(LIST_MAGIC)) && ListCreateFromPool(&list, itemMagic, pool()) != FALSE;
-    if (ok) ListSetCookie(list, cookie);
-    ObjReleaseInternal(&cookie);
-    if (!ok) return false;
-    const bool entered = remember(r, id, list) && r.enter(list);
-    ok = entered;
-    const size_t nodeBytes = instanceBytes(LISTNODE_MAGIC);
-    for (uint32_t i = 0; ok && i < count; ++i) {
-        void *item = nullptr;
-        if (!readObject(r, &item)) {
-            trace(128, 0, -1, "Failed to reconstruct list item");
-            ok = false;
-        } else if (!r.charge(nodeBytes) || !ListPushLastItemInternal(list, &item)) {
-            ObjReleaseInternal(&item);
-            trace(127, 0, -1, "Failed to push list item");
-            ok = false;
-        }
-        if (!ok)
-            trace(129, 0, -1, "Failed to validate end of list (%ld, %ld)", static_cast<long>(i),
-                  static_cast<long>(count));
-    }
-    if (entered) r.leave();
-    uint32_t end = 0;
-    if (ok && (!r.u32(end) || end != LIST_MAGIC)) {
-        trace(129, 0, -1, "Failed to validate end of list (%ld, %ld)", static_cast<long>(end),
-              static_cast<long>(LIST_MAGIC));
-        ok = false;
-    }
-    if (!ok) {
-        forget(r, id);
-        ObjReleaseInternal(&list);
-        return false;
-    }
-    *out = list;
-    return true;
-}
+// The reader as a container's read operation sees it.
+class ReaderPort : public fh::ObjectReader {
+  public:
+    explicit ReaderPort(Reader &r) : r_(r) {}
+    bool byte(uint8_t &value) override { return r_.byte(value); }
+    bool u32(uint32_t &value) override { return r_.u32(value); }
+    bool object(void **out) override { return readObject(r_, out); }
+    bool plausible(uint64_t count) override { return r_.plausible(count); }
+    bool charge(uint32_t magic) override { return r_.charge(instanceBytes(magic)); }
+    bool remember(int32_t id, void *object) override { return ::remember(r_, id, object); }
+    void forget(int32_t id) override { ::forget(r_, id); }
+    bool enter(void *object) override { return r_.enter(object); }
+    void leave() override { r_.leave(); }
 
-// The chain of children of parent (or the roots, for a null parent).
-bool readChain(Reader &r, TREE *tree, TREENODE *parent) {
-    if (!r.enter(parent != nullptr ? static_cast<void *>(parent) : tree)) return false;
-    const size_t nodeBytes = instanceBytes(TREENODE_MAGIC);
-    bool ok = true;
-    for (TREENODE *last = nullptr;;) {
-        Byte present = 0, open = 0;
-        if (!r.byte(present)) {
-            ok = false;
-            break;
-        }
-        if (present == 0) break;
-        void *item = nullptr;
-        if (!r.byte(open) || !readObject(r, &item) || !r.charge(nodeBytes)) {
-            ObjReleaseInternal(&item);
-            ok = false;
-            break;
-        }
-        last = last != nullptr      ? TreePushItem(&item, last, 3)
-               : parent != nullptr ? TreePushItem(&item, parent, 0)
-                                   : TreePushRootItem(&item, tree);
-        last->bOpen = open != 0 ? TRUE : FALSE;
-        if (!readChain(r, tree, last)) {
-            ok = false;
-            break;
-        }
-    }
-    r.leave();
-    return ok;
-}
-
-bool readTree(Reader &r, int32_t id, void **out) {
-    if (!r.charge(instanceBytes(TREE_MAGIC))) return false;
-    TREE *tree = TreeNewFromPool(pool());
-    void *cookie = nullptr;
-    uint32_t end = 0;
-    const bool entered = remember(r, id, tree) && r.enter(tree);
-    bool ok = entered && readObject(r, &cookie);
-    if (ok) {
-        TreeSetCookie(tree, cookie);
-        ObjReleaseInternal(&cookie);
-        ok = readChain(r, tree, nullptr);
-    }
-    if (entered) r.leave();
-    if (ok && (!r.u32(end) || end != TREE_MAGIC)) {
-        trace(45, 1, -1, "Synchronisation failure");
-        ok = false;
-    }
-    if (!ok) {
-        forget(r, id);
-        ObjReleaseInternal(&tree);
-        return false;
-    }
-    *out = tree;
-    return true;
-}
+  private:
+    Reader &r_;
+};
 
 bool readObject(Reader &r, void **out) {
     *out = nullptr;
@@ -932,8 +820,10 @@ bool readObject(Reader &r, void **out) {
     }
     uint32_t magic = 0;
     if (!r.u32(magic)) return false;
-    if (magic == LIST_MAGIC) return readList(r, static_cast<int32_t>(id), out);
-    if (magic == TREE_MAGIC) return readTree(r, static_cast<int32_t>(id), out);
+    if (const fh::ContainerOperations *operations = fh::containerOperations(magic)) {
+        ReaderPort port(r);
+        return operations->read(port, static_cast<int32_t>(id), out);
+    }
     return readSimple(r, magic, static_cast<int32_t>(id), out);
 }
 

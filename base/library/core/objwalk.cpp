@@ -8,10 +8,9 @@
 #include "core/objwalk.h"
 
 #include "core/context.h"
-#include "core/list.h"
 #include "core/map.h"
 #include "core/object.h"
-#include "core/tree.h"
+#include "objcontainer.h"
 #include "objcore.h"
 #include "seenindex.h"
 #include "tracer.h"
@@ -60,58 +59,34 @@ int32_t walkComponents(Walk &walk, void *object) {
     return eObjWalkEnter;
 }
 
-int32_t walkList(Walk &walk, LIST *list) {
-    if (visitSlot(walk, &list->oCookie) == eObjWalkAbort) return eObjWalkAbort;
-    for (LISTNODE *node = list->oFirst, *next = nullptr; node != nullptr; node = next) {
-        next = node->oNext;
+// The walker as a container's walk operation sees it. A node goes to the
+// callback, which may not replace it, and then its item is visited.
+class Visitor : public fh::ObjectVisitor {
+  public:
+    explicit Visitor(Walk &walk) : walk_(walk) {}
+    int32_t slot(void **slot) override { return visitSlot(walk_, slot); }
+    NodeResult node(void *node, void **item, int32_t modifyId, const char *modifyText) override {
         void *variable = node;
-        switch (const int32_t result = walk.callback(walk.cookie, &variable)) {
+        switch (const int32_t result = walk_.callback(walk_.cookie, &variable)) {
         case eObjWalkEnter: {
             if (variable != node) {
-                trace(124, 1, -1, "Not allowed to modify ListNodeO objects");
+                trace(modifyId, 1, -1, "%s", modifyText);
                 ProcCrash(1);
-                return eObjWalkAbort;
+                return {NodeStep::kStop, eObjWalkAbort};
             }
-            const int32_t item = visitSlot(walk, &node->oItem);
-            if (item < eObjWalkEnter || item > eObjWalkRelease) return item;
-            if (node->oItem == nullptr) ListRemoveItem(node);
-            break;
+            const int32_t visited = visitSlot(walk_, item);
+            if (visited < eObjWalkEnter || visited > eObjWalkRelease) return {NodeStep::kStop, visited};
+            return {*item == nullptr ? NodeStep::kRemove : NodeStep::kDescend, eObjWalkEnter};
         }
-        case eObjWalkSkip: break;
-        case eObjWalkRelease: ListRemoveItem(node); break;
-        default: return result;
+        case eObjWalkSkip: return {NodeStep::kKeep, eObjWalkEnter};
+        case eObjWalkRelease: return {NodeStep::kRemove, eObjWalkEnter};
+        default: return {NodeStep::kStop, result};
         }
     }
-    return eObjWalkEnter;
-}
 
-int32_t walkChain(Walk &walk, TREENODE *first) {
-    for (TREENODE *node = first, *next = nullptr; node != nullptr; node = next) {
-        next = node->oNextSibling;
-        void *variable = node;
-        switch (const int32_t result = walk.callback(walk.cookie, &variable)) {
-        case eObjWalkEnter: {
-            if (variable != node) {
-                trace(123, 1, -1, "Not allowed to modify TreeNodeO objects");
-                ProcCrash(1);
-                return eObjWalkAbort;
-            }
-            const int32_t item = visitSlot(walk, &node->oItem);
-            if (item < eObjWalkEnter || item > eObjWalkRelease) return item;
-            if (node->oItem == nullptr) {
-                TreePruneBranch(node);
-            } else if (const int32_t children = walkChain(walk, node->oFirstChild); children != eObjWalkEnter) {
-                return children;
-            }
-            break;
-        }
-        case eObjWalkSkip: break;
-        case eObjWalkRelease: TreePruneBranch(node); break;
-        default: return result;
-        }
-    }
-    return eObjWalkEnter;
-}
+  private:
+    Walk &walk_;
+};
 
 int32_t visitSlot(Walk &walk, void **slot) {
     void *object = *slot;
@@ -139,11 +114,9 @@ int32_t visitSlot(Walk &walk, void **slot) {
         trace(127, 1, 0, "Failed to read magic from object at %p", object);
         return eObjWalkAbort;
     }
-    if (magic == LIST_MAGIC) return walkList(walk, static_cast<LIST *>(object));
-    if (magic == TREE_MAGIC) {
-        auto *tree = static_cast<TREE *>(object);
-        if (const int32_t cookie = visitSlot(walk, &tree->oCookie); cookie != eObjWalkEnter) return cookie;
-        return walkChain(walk, tree->oFirst);
+    if (const fh::ContainerOperations *operations = fh::containerOperations(magic)) {
+        Visitor visitor(walk);
+        return operations->walk(visitor, object);
     }
     return walkComponents(walk, object);
 }

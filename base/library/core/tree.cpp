@@ -21,6 +21,8 @@
 #include "core/context.h"
 #include "core/memory.h"
 #include "core/object.h"
+#include "core/objwalk.h"
+#include "objcontainer.h"
 #include "objcore.h"
 #include "tracer.h"
 
@@ -38,7 +40,8 @@ enum TraceId : int32_t {
     kIdAddOnlyBranchArgs = 79,
 };
 
-constinit fh::ObjectType<TREE> gTreeType{TREE_MAGIC, TREE_FORMAT};
+extern const fh::ContainerOperations kTreeOperations; // below
+constinit fh::ObjectType<TREE> gTreeType{TREE_MAGIC, TREE_FORMAT, &kTreeOperations};
 constinit fh::ObjectType<TREENODE> gNodeType{TREENODE_MAGIC, TREENODE_FORMAT};
 
 MemPool *gPool = nullptr;
@@ -292,6 +295,126 @@ void *shared(void *item) {
     if (item != nullptr) ObjIncRefCount(item);
     return item;
 }
+
+// ---- The tree as a container of the object core, the byte form and the walker
+
+// The traces of the byte form stand under the object module's tag.
+constexpr fh::ModuleTracer traceObject{"OBJECT        "};
+
+void copyBranch(fh::ObjectCopier &copier, const TREENODE *from, TREENODE *to) {
+    to->bOpen = from->bOpen;
+    for (const TREENODE *child = from->oFirstChild; child != nullptr; child = child->oNextSibling) {
+        void *item = copier.copy(child->oItem);
+        copyBranch(copier, child, TreePushItem(&item, to, 1));
+    }
+}
+
+// A copy holds the nodes with copies of their items; not the cookie.
+void copyTree(fh::ObjectCopier &copier, const void *from, void *to) {
+    TREENODE *last = nullptr;
+    for (const TREENODE *root = static_cast<const TREE *>(from)->oFirst; root != nullptr; root = root->oNextSibling) {
+        void *item = copier.copy(root->oItem);
+        last = last != nullptr ? TreePushItem(&item, last, 3) : TreePushRootItem(&item, static_cast<TREE *>(to));
+        copyBranch(copier, root, last);
+    }
+}
+
+// A chain of tree nodes: for each node 1, its Open flag, its item and the
+// chain of its children; 0 closes the chain. Recursion goes down the depth.
+bool writeChain(fh::ObjectWriter &w, const TREENODE *first) {
+    for (const TREENODE *node = first; node != nullptr; node = node->oNextSibling)
+        if (!w.byte(1) || !w.byte(node->bOpen ? 1 : 0) || !w.object(node->oItem) || !writeChain(w, node->oFirstChild))
+            return false;
+    return w.byte(0);
+}
+
+// The byte form: the cookie, the chain of roots, and TREE_MAGIC again.
+bool writeTree(fh::ObjectWriter &w, const void *container) {
+    const auto *tree = static_cast<const TREE *>(container);
+    return w.object(tree->oCookie) && writeChain(w, tree->oFirst) && w.u32(TREE_MAGIC);
+}
+
+// The chain of children of parent (or the roots, for a null parent).
+bool readChain(fh::ObjectReader &r, TREE *tree, TREENODE *parent) {
+    if (!r.enter(parent != nullptr ? static_cast<void *>(parent) : tree)) return false;
+    bool ok = true;
+    for (TREENODE *last = nullptr;;) {
+        uint8_t present = 0, open = 0;
+        if (!r.byte(present)) {
+            ok = false;
+            break;
+        }
+        if (present == 0) break;
+        void *item = nullptr;
+        if (!r.byte(open) || !r.object(&item) || !r.charge(TREENODE_MAGIC)) {
+            ObjReleaseInternal(&item);
+            ok = false;
+            break;
+        }
+        last = last != nullptr      ? TreePushItem(&item, last, 3)
+               : parent != nullptr ? TreePushItem(&item, parent, 0)
+                                   : TreePushRootItem(&item, tree);
+        last->bOpen = open != 0 ? TRUE : FALSE;
+        if (!readChain(r, tree, last)) {
+            ok = false;
+            break;
+        }
+    }
+    r.leave();
+    return ok;
+}
+
+bool readTree(fh::ObjectReader &r, int32_t id, void **out) {
+    if (!r.charge(TREE_MAGIC)) return false;
+    TREE *tree = TreeNewFromPool(pool());
+    void *cookie = nullptr;
+    uint32_t end = 0;
+    const bool entered = r.remember(id, tree) && r.enter(tree);
+    bool ok = entered && r.object(&cookie);
+    if (ok) {
+        TreeSetCookie(tree, cookie);
+        ObjReleaseInternal(&cookie);
+        ok = readChain(r, tree, nullptr);
+    }
+    if (entered) r.leave();
+    if (ok && (!r.u32(end) || end != TREE_MAGIC)) {
+        traceObject(45, 1, -1, "Synchronisation failure");
+        ok = false;
+    }
+    if (!ok) {
+        r.forget(id);
+        ObjReleaseInternal(&tree);
+        return false;
+    }
+    *out = tree;
+    return true;
+}
+
+// The walk of a chain: each node and its item, then its children.
+int32_t walkChain(fh::ObjectVisitor &v, TREENODE *first) {
+    using Step = fh::ObjectVisitor::NodeStep;
+    for (TREENODE *node = first, *next = nullptr; node != nullptr; node = next) {
+        next = node->oNextSibling;
+        const fh::ObjectVisitor::NodeResult visited =
+            v.node(node, &node->oItem, 123, "Not allowed to modify TreeNodeO objects");
+        if (visited.step == Step::kStop) return visited.result;
+        if (visited.step == Step::kRemove) {
+            TreePruneBranch(node);
+        } else if (visited.step == Step::kDescend) {
+            if (const int32_t children = walkChain(v, node->oFirstChild); children != eObjWalkEnter) return children;
+        }
+    }
+    return eObjWalkEnter;
+}
+
+// The walk: the cookie, then the chain of roots.
+int32_t walkTree(fh::ObjectVisitor &v, void *container) {
+    auto *tree = static_cast<TREE *>(container);
+    if (const int32_t cookie = v.slot(&tree->oCookie); cookie != eObjWalkEnter) return cookie;
+    return walkChain(v, tree->oFirst);
+}
+
+const fh::ContainerOperations kTreeOperations{copyTree, writeTree, readTree, walkTree};
 
 } // namespace
 
