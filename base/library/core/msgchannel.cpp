@@ -370,15 +370,6 @@ bool readOnce(MSG_CHANNEL *c) {
 
 // ---- What the other parts of the module share ----
 
-int32_t fh::msgGetLe32(const unsigned char *p) {
-    return static_cast<int32_t>(uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24);
-}
-
-void fh::msgPutLe32(unsigned char *p, int32_t value) {
-    const auto v = static_cast<uint32_t>(value);
-    for (int i = 0; i < 4; ++i) p[i] = static_cast<unsigned char>(v >> (8 * i));
-}
-
 bool fh::msgChannelsInitialize() {
     return gChannelType.declare();
 }
