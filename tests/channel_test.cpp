@@ -452,3 +452,54 @@ TEST_F(ChannelTest, IpcConnectRetriesUntilItsLimit) {
 }
 
 } // namespace
+
+namespace {
+
+// The last two steps of a socket hand-over go to the manager as images
+// routed to the taker and back to the owner; the taker's step takes the
+// handle out of the context.
+TEST_F(ChannelTest, HandOverStepsTravelAsMessages) {
+    Connection manager, handed;
+    configure("[Machine]\nComms TcpPort=" + std::to_string(NetGetIpPort(&manager.address)) + "\n");
+    ProcSetId(5);
+    ASSERT_TRUE(MsgIpcConnect(0));
+    ASSERT_EQ(NetAccept(&manager.server, manager.listener, nullptr), NET_ERROR_NONE);
+    auto image = [&](size_t size) {
+        Bytes got(size);
+        size_t have = 0;
+        while (have < size) {
+            const ssize_t n = recv(manager.server, got.data() + have, size - have, 0);
+            if (n <= 0) break;
+            have += static_cast<size_t>(n);
+        }
+        return got;
+    };
+    image(228);
+    NET_INHERIT_CONTEXT *context = nullptr;
+    ASSERT_TRUE(NetInheritPhase1(&context, handed.client));
+    handed.client = -1;
+    hold(context);
+    ASSERT_TRUE(NetInheritPhase3(context, 9));
+    Bytes head = image(8);
+    ASSERT_EQ(head.size(), 8u);
+    Bytes rest = image(static_cast<size_t>(le32(head.data() + 4)) - 8);
+    head.insert(head.end(), rest.begin(), rest.end());
+    EXPECT_EQ(le32(head.data()), 9) << "routed to the taker";
+    EXPECT_EQ(le32(head.data() + 24), MSG_INHERIT_SOCKET_MSG);
+
+    const int32_t handle = context->iSocket;
+    int32_t taken = -1;
+    ASSERT_TRUE(NetInheritPhase4(&taken, context));
+    EXPECT_EQ(taken, handle);
+    EXPECT_EQ(context->iSocket, -1);
+    EXPECT_TRUE(context->bInherited);
+    head = image(8);
+    rest = image(static_cast<size_t>(le32(head.data() + 4)) - 8);
+    head.insert(head.end(), rest.begin(), rest.end());
+    EXPECT_EQ(le32(head.data()), context->iOwner) << "back to the owner";
+    EXPECT_EQ(le32(head.data() + 24), MSG_INHERITED_SOCKET_MSG);
+    EXPECT_FALSE(NetInheritPhase4(&taken, context)) << "taken once only";
+    NetClose(&taken);
+}
+
+} // namespace

@@ -1,7 +1,10 @@
 // router.cpp - the switch of the communication manager (router.h).
 #include "router.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/select.h>
+#include <sys/socket.h>
 
 #include <cstdarg>
 #include <cstring>
@@ -57,6 +60,10 @@ bool Router::add(int32_t socket, MSG_CHANNEL **made) {
         NetClose(&socket);
         return false;
     }
+    // Small images go out at once: a forwarded packet is often a reply
+    // that its client waits for.
+    const int on = 1;
+    setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     clients_.push_back({channel, 0});
     if (made != nullptr) *made = channel;
     return true;

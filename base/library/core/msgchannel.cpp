@@ -16,8 +16,10 @@
 // itself), 8 on a data channel (frame length and type, moved to offset 192
 // behind a header that the reader makes). Then the block: its capacity
 // (oInput.iSize) starts at kFirstBlock or the declared total if smaller and
-// doubles, up to the total, only when what arrived has filled it, so a peer
-// that declares more than it sends costs about twice what it sent. The
+// grows, up to the total, only when what arrived has filled it: to double,
+// or to what is already waiting in the socket if that is more. So a peer
+// that declares more than it sends costs about twice what it sent, and a
+// large packet that has arrived is read in one block without copies. The
 // declared total stays in the header area at offset 4.
 //
 // Output. The first packet of the output list is in progress from
@@ -25,6 +27,7 @@
 // channel, where the header never leaves the process.
 #include "core/channel.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -156,6 +159,21 @@ void freeInput(MSG_CHANNEL *c) {
 
 int32_t declaredTotal(const MSG_CHANNEL *c) { return fh::msgGetLe32(c->aHeader + 4); }
 
+// Bytes that have arrived on the socket and wait to be read: a hint for the
+// size of a block, never more than the peer really sent (0 if unknown).
+int32_t bytesWaiting(int32_t socket) {
+    int waiting = 0;
+    return ioctl(socket, FIONREAD, &waiting) == 0 && waiting > 0 ? waiting : 0;
+}
+
+// The capacity for the bytes of the image at position and those waiting:
+// at least kFirstBlock or double the last, at most the declared total.
+int32_t capacityFor(const MSG_CHANNEL *c, int32_t position, int32_t last) {
+    const int64_t wanted = std::max<int64_t>({int64_t{kFirstBlock}, int64_t{last} * 2,
+                                              int64_t{position} + bytesWaiting(c->iSocket)});
+    return static_cast<int32_t>(std::min<int64_t>(wanted, declaredTotal(c)));
+}
+
 // The header is in; check the lengths and set up the block. False for
 // lengths that no packet has.
 bool startImage(MSG_CHANNEL *c) {
@@ -183,7 +201,7 @@ bool startImage(MSG_CHANNEL *c) {
               static_cast<long>(declaredTotal(c)));
     }
     const int32_t head = c->bIsIpc ? kIpcHeader : MSG_PACKET_BODY_OFFSET;
-    c->oInput.iSize = std::min(declaredTotal(c), kFirstBlock);
+    c->oInput.iSize = capacityFor(c, head, 0);
     c->oInput.pData = MemAllocateFromPool(static_cast<size_t>(c->oInput.iSize), pool());
     memcpy(c->oInput.pData, c->aHeader, static_cast<size_t>(head));
     c->iInputPosition = head;
@@ -192,8 +210,7 @@ bool startImage(MSG_CHANNEL *c) {
 
 // The block is full and the image isn't: double it, up to the total.
 void growBlock(MSG_CHANNEL *c) {
-    const int32_t total = declaredTotal(c);
-    const int32_t capacity = c->oInput.iSize > total / 2 ? total : c->oInput.iSize * 2;
+    const int32_t capacity = capacityFor(c, c->iInputPosition, c->oInput.iSize);
     void *bigger = MemAllocateFromPool(static_cast<size_t>(capacity), pool());
     memcpy(bigger, c->oInput.pData, static_cast<size_t>(c->iInputPosition));
     MemFreeInternal(&c->oInput.pData);
@@ -352,15 +369,6 @@ bool readOnce(MSG_CHANNEL *c) {
 } // namespace
 
 // ---- What the other parts of the module share ----
-
-int32_t fh::msgGetLe32(const unsigned char *p) {
-    return static_cast<int32_t>(uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24);
-}
-
-void fh::msgPutLe32(unsigned char *p, int32_t value) {
-    const auto v = static_cast<uint32_t>(value);
-    for (int i = 0; i < 4; ++i) p[i] = static_cast<unsigned char>(v >> (8 * i));
-}
 
 bool fh::msgChannelsInitialize() {
     return gChannelType.declare();

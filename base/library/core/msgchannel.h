@@ -11,6 +11,7 @@
 #include "core/msgpacket.h"
 #include "core/net.h"
 #include "core/object.h"
+#include "codec.h"
 
 namespace fh {
 
@@ -60,9 +61,9 @@ void msgChannelDown(MSG_CHANNEL *channel);
 void msgChannelRemove(MSG_CHANNEL *channel);
 // A new packet of type, no body, from and to address; null if none.
 MSG_PACKET *msgBarePacket(int32_t type, const void *from, const void *to);
-// The little-endian 32-bit words of an image.
-int32_t msgGetLe32(const unsigned char *p);
-void msgPutLe32(unsigned char *p, int32_t value);
+// The little-endian 32-bit words of an image, as the signed fields they are.
+inline int32_t msgGetLe32(const unsigned char *p) { return static_cast<int32_t>(readLe32(p)); }
+inline void msgPutLe32(unsigned char *p, int32_t value) { writeLe32(p, static_cast<uint32_t>(value)); }
 
 // One pass over the channels and the connections under way with a working
 // mask that select has filled: output on each write bit, one read on each
