@@ -108,8 +108,6 @@ TEST_F(NetHostTest, DottedAddressesNeverAskTheNameService) {
         EXPECT_EQ(gNames.forwardCalls, c.lookups);
         if (c.found) {
             EXPECT_EQ(NetGetIpAddress(&address), c.ip);
-            EXPECT_TRUE(NetGetAddressLength(&address) == 16);
-            EXPECT_TRUE(NetGetFamily(&address) == 2);
             EXPECT_TRUE(NetGetIpPort(&address) == 0 && address.aBytes[31] == 0);
             EXPECT_TRUE(c.lookups != 0 || error == 0);
         } else {
@@ -185,9 +183,7 @@ TEST_F(NetHostTest, HostDetailsAndTheLocalHost) {
     gNames.forward[host] = 0x0a090807;
     ASSERT_TRUE(NetGetLocalHostAddress(&local));
     EXPECT_EQ(NetGetAddressLength(&local), 4);
-    EXPECT_TRUE(NetGetFamily(&local) == 2);
     EXPECT_TRUE(NetGetIpAddress(&local) == 0x0a090807);
-    EXPECT_TRUE(NetGetIpPort(&local) == 0);
 }
 
 TEST_F(NetHostTest, AnUnknownServiceLeavesTheDefault) {
