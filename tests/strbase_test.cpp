@@ -12,16 +12,14 @@
 
 namespace {
 
-// A string the library allocated; freed through the memory layer.
-struct Owned {
-    char *p = nullptr;
-    Owned() = default;
-    explicit Owned(char *s) : p(s) {}
-    Owned(const Owned &) = delete;
-    Owned &operator=(const Owned &) = delete;
-    ~Owned() { MemFreeInternal(&p); }
-    std::string str() const { return p != nullptr ? std::string(p) : std::string("(null)"); }
-};
+// Frees a string the library made and gives its text, "(null)" for none.
+std::string take(char *&made) {
+    std::string text = made != nullptr ? made : "(null)";
+    MemFreeInternal(&made);
+    made = nullptr;
+    return text;
+}
+std::string take(char *&&made) { return take(made); }
 
 using StringTest = LibraryTest;
 
@@ -361,13 +359,8 @@ TEST_F(StringTest, DuplicatesCopyUpToTheRightCharacter) {
                  {"range negative", StrDuplicateRangeIntoPool(text, nullptr, -1), nullptr},
                  {"to char null", StrDuplicateToChar(nullptr, '/'), nullptr},
                  {"to last null", StrDuplicateToLastChar(nullptr, '/'), nullptr}};
-    for (const Case &c : cases) {
-        Owned made(c.made);
-        SCOPED_TRACE(c.name);
-        if (c.expected == nullptr)
-            EXPECT_EQ(made.p, nullptr);
-        else
-            EXPECT_EQ(made.str(), c.expected);
+    for (Case &c : cases) {
+        EXPECT_EQ(take(c.made), c.expected != nullptr ? c.expected : "(null)") << c.name;
     }
 }
 
@@ -385,30 +378,26 @@ TEST_F(StringTest, DuplicateToSubStringTracesANullArgument) {
 }
 
 TEST_F(StringTest, CatJoinReplaceAndCaseConversion) {
-    Owned all(StrCat("ab", "", "\x81", "A", static_cast<char *>(nullptr)));
-    EXPECT_EQ(all.str(), "ab\x81\x41");
-    Owned none(StrCat(static_cast<char *>(nullptr)));
-    EXPECT_EQ(none.str(), "");
-    Owned stops(StrCat("a", static_cast<char *>(nullptr), "b", static_cast<char *>(nullptr)));
-    EXPECT_EQ(stops.str(), "a");
+    EXPECT_EQ(take(StrCat("ab", "", "\x81", "A", static_cast<char *>(nullptr))), "ab\x81\x41");
+    EXPECT_EQ(take(StrCat(static_cast<char *>(nullptr))), "");
+    EXPECT_EQ(take(StrCat("a", static_cast<char *>(nullptr), "b", static_cast<char *>(nullptr))), "a");
 
-    Owned joined;
-    EXPECT_EQ(StrJoin(&joined.p, "ab"), joined.p);
-    EXPECT_EQ(joined.str(), "ab");
-    StrJoin(&joined.p, "cd");
-    EXPECT_EQ(joined.str(), "abcd"); // and the first block was freed: the fixture counts
+    char *joined = nullptr;
+    EXPECT_EQ(StrJoin(&joined, "ab"), joined);
+    EXPECT_STREQ(joined, "ab");
+    StrJoin(&joined, "cd");
+    EXPECT_EQ(take(joined), "abcd"); // and the first block was freed: the fixture counts
     EXPECT_EQ(StrJoin(nullptr, "x"), nullptr);
 
-    Owned replaced(StrReplaceChar("a.b.", '.', 0x8141));
-    EXPECT_EQ(replaced.str(), "a\x81\x41\x62\x81\x41"); // grows to twice the size; the guard word checks it
-    Owned nothing(StrReplaceChar(nullptr, '.', ','));
-    EXPECT_EQ(nothing.p, nullptr);
+    // Grows to twice the size; the guard word checks it.
+    EXPECT_EQ(take(StrReplaceChar("a.b.", '.', 0x8141)), "a\x81\x41\x62\x81\x41");
+    EXPECT_EQ(take(StrReplaceChar(nullptr, '.', ',')), "(null)");
 
-    Owned lower, upper;
-    EXPECT_EQ(StrConvertToLower(&lower.p, "AbZ\x81\x41[\xC9"), lower.p);
-    EXPECT_EQ(lower.str(), "abz\x81\x41[\xC9"); // the trail 'A' and bytes above 127 stay
-    StrConvertToUpper(&upper.p, "az\xE0\x61{\xE9");
-    EXPECT_EQ(upper.str(), "AZ\xE0\x61{\xE9");
+    char *lower = nullptr, *upper = nullptr;
+    EXPECT_EQ(StrConvertToLower(&lower, "AbZ\x81\x41[\xC9"), lower);
+    EXPECT_EQ(take(lower), "abz\x81\x41[\xC9"); // the trail 'A' and bytes above 127 stay
+    StrConvertToUpper(&upper, "az\xE0\x61{\xE9");
+    EXPECT_EQ(take(upper), "AZ\xE0\x61{\xE9");
     char *null = reinterpret_cast<char *>(1);
     EXPECT_EQ(StrConvertToLower(&null, nullptr), nullptr);
     EXPECT_EQ(null, nullptr);
@@ -490,13 +479,6 @@ TEST_F(StringTest, IntegerConversionsHoldTheirContract) {
         EXPECT_EQ(truth, 7);
     }
     EXPECT_FALSE(StrToBoolean(nullptr, &truth));
-}
-
-// Frees a string the library made and gives its text.
-std::string take(char *&made) {
-    Owned owned(made);
-    made = nullptr;
-    return owned.str();
 }
 
 TEST_F(StringTest, TextFormsOfNumbers) {
