@@ -340,14 +340,11 @@ TEST_F(ObjectTest, QuickSortSortsAndStopsOnABadComparison) {
         EXPECT_TRUE(ObjQuickSort(values.data(), n - 1, byValue)) << n;
         EXPECT_EQ(values, expected) << n;
     }
+    // What a stopped sort leaves is checked through the list sort over it.
     std::vector<void *> values(50);
     for (auto &v : values) v = reinterpret_cast<void *>(static_cast<intptr_t>(random() % 1000));
-    std::vector<void *> sorted = values;
     int budget = 30;
     EXPECT_FALSE(ObjQuickSortWithCookie(values.data(), 49, refuseAfter, &budget));
-    std::sort(values.begin(), values.end());
-    std::sort(sorted.begin(), sorted.end());
-    EXPECT_EQ(values, sorted); // still a permutation of the input
 }
 
 TEST_F(ObjectTest, CountersReachTheProcessTableEntry) {
