@@ -77,7 +77,7 @@ enum TraceId : int32_t {
     kIdInheritCloseOnExec = 119,
     kIdInheritPhase2 = 120,
     kIdInheritPhase4 = 121,
-    kIdPortOutOfRange = 121,
+    kIdPortOutOfRange = 122,
 };
 
 MemPool *gPool = nullptr;
