@@ -70,6 +70,24 @@ struct LmContext {
     int32_t iMsgLastChannelId;
     int32_t bMsgIpcConnected;
     void *oMsgReceiveList;
+    /* Receiving: the addresses on other machines whose death this process
+     * wants to hear of (LIST of MSG_ADDRESS), the prepared failures of task
+     * requests that went to other machines (LIST of
+     * PMGR_GIVE_SERVICE_A_TASK_RETURN), the handlers (LIST of
+     * MSG_HANDLER_ENTRY), the poll set of a pass (pollfd entries: the
+     * capacity, those in use, where the high sockets start), the quick exit
+     * flag, the last message error code, and whether tasks arrive in their
+     * old plain form only. */
+    void *oMsgNotifyOnDeathList;
+    void *oMsgPendingTaskList;
+    void *oMsgHandlerList;
+    void *pMsgPollSet;
+    int32_t iMsgPollCapacity;
+    int32_t iMsgPollCount;
+    int32_t iMsgPollHighStart;
+    int32_t bMsgQuickExit;
+    int32_t iMsgErrorCode;
+    int32_t bMsgOldStyleTasks;
 
     /* Context. */
     void *pThreadContextMarker;

@@ -169,7 +169,7 @@ BOOL MsgSetMsgName(int32_t type, const char *name) {
 // The templates and the well-known addresses (msgaddress.cpp, msgpacket.cpp).
 BOOL MsgInitialize(void) {
     return fh::msgAddressesInitialize() && fh::msgPacketsInitialize() && fh::msgChannelsInitialize() &&
-           fh::msgConnectInitialize();
+           fh::msgConnectInitialize() && fh::msgReceiveInitialize();
 }
 
 BOOL MsgInitializeThread(void) {
@@ -182,11 +182,13 @@ BOOL MsgInitializeThread(void) {
     for (const MessageName &row : kCatalogue) MapInsertEntry(map, &row);
     trace(kIdLoaded, 0, 2, "Initialize %ld message names", static_cast<long>(MapSize(map)));
     gtLmContext.pMsgNameMap = map;
-    return fh::msgAddressesInitializeThread() && fh::msgChannelsInitializeThread();
+    return fh::msgAddressesInitializeThread() && fh::msgChannelsInitializeThread() &&
+           fh::msgReceiveInitializeThread();
 }
 
 void MsgReleaseThread(LmContext *context) {
     fh::msgChannelsReleaseThread(context);
+    fh::msgReceiveReleaseThread(context);
     fh::msgAddressesReleaseThread(context);
     ObjReleaseInternal(&context->pMsgNameMap);
 }

@@ -1,0 +1,254 @@
+// Receiving within one process: channels whose two ends both belong to the
+// test, so that what one end sends the pass reads off the other. The
+// receive calls, selective receive, putting back and handlers.
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "core/msgreceive.h"
+#include "messages/msgcmgr.h"
+#include "messages/msgmsg.h"
+#include "messages/msgnmgr.h"
+#include "messages/msgpmgr.h"
+#include "msgchannel.h"
+#include "net_support.h"
+
+namespace {
+
+// An application's own message type.
+constexpr int32_t kTest = 50001;
+
+class ReceiveTest : public LibraryTest {
+protected:
+    void SetUp() override {
+        LibraryTest::SetUp();
+        gtLmContext.bMsgIpcConnected = TRUE; // packets read off channels are kept
+    }
+    void TearDown() override {
+        for (MSG_PACKET *p = nullptr; MsgReceivePopPacket(&p);) ObjReleaseInternal(&p);
+        MsgReleaseThread(&gtLmContext);
+        MsgInitializeThread();
+        LibraryTest::TearDown();
+    }
+    // A connected pair of data channels; the addresses of both ends.
+    void link(MSG_ADDRESS **near, MSG_ADDRESS **far) {
+        ASSERT_TRUE(c_.connect());
+        MSG_CHANNEL *a = nullptr, *b = nullptr;
+        ASSERT_TRUE(MsgChannelCreateInternal(&a, c_.server, MsgLocalAddress(), FALSE, TRUE, FALSE, FALSE, FALSE));
+        ASSERT_TRUE(MsgChannelCreateInternal(&b, c_.client, MsgLocalAddress(), FALSE, TRUE, FALSE, FALSE, FALSE));
+        c_.server = c_.client = -1;
+        ASSERT_TRUE(MsgChannelAddress(near, a));
+        ASSERT_TRUE(MsgChannelAddress(far, b));
+        ObjReleaseInternal(&a); // the map keeps its own
+        ObjReleaseInternal(&b);
+    }
+    // The types of the receive list, in order.
+    static std::vector<int32_t> queued() {
+        std::vector<int32_t> types;
+        for (LISTNODE *n = static_cast<LIST *>(gtLmContext.oMsgReceiveList)->oFirst; n != nullptr; n = n->oNext)
+            types.push_back(MsgPacketMsgType(n->oItem));
+        return types;
+    }
+    static void queueBare(int32_t type) { fh::msgQueueBare(type, MsgLocalAddress()); }
+    static TIME_TIMEOUT in(int32_t milliseconds) {
+        TIME_TIMEOUT t{};
+        const TIME_OFFSET span{milliseconds / 1000, milliseconds % 1000};
+        TimeSetTimeoutFromOffset(&t, &span);
+        return t;
+    }
+    nettest::Connection c_;
+};
+
+std::string textOf(const MSG_MESSAGE *m) {
+    const char *text = m != nullptr ? ObjGetString(m->oObject) : nullptr;
+    return text != nullptr ? text : "<none>";
+}
+
+// Messages sent on one end come off the receive list in order, through each
+// receive call, from the other end's address.
+TEST_F(ReceiveTest, ReceiveCallsTakeWhatTheChannelDelivers) {
+    MSG_ADDRESS *near = nullptr, *far = nullptr;
+    link(&near, &far);
+    for (const char *text : {"one", "two", "three", "four"}) {
+        OBJ_STRING *body = ObjStringNew(text);
+        ASSERT_TRUE(MsgSendObject(near, kTest, body));
+        ObjReleaseInternal(&body);
+    }
+    const TIME_TIMEOUT limit = in(5000);
+    MSG_MESSAGE *m = nullptr;
+    ASSERT_TRUE(MsgReceive(&m, &limit));
+    EXPECT_EQ(textOf(m), "one");
+    EXPECT_TRUE(MsgIsFrom(m, far));
+    ObjReleaseInternal(&m);
+    int32_t type = 0;
+    void *object = nullptr;
+    while (!MsgReceiveObject(&type, &object, &limit)) {}
+    EXPECT_EQ(type, kTest);
+    EXPECT_STREQ(ObjGetString(object), "two");
+    ObjReleaseInternal(&object);
+    MSG_PACKET *packet = nullptr;
+    while (!MsgReceivePacket(&packet, &limit)) {}
+    EXPECT_EQ(MsgPacketMsgType(packet), kTest);
+    ObjReleaseInternal(&packet);
+    while (!MsgPoll(&m)) {}
+    EXPECT_EQ(textOf(m), "four");
+    ObjReleaseInternal(&m);
+    EXPECT_FALSE(MsgPoll(&m));
+    ObjReleaseInternal(&near);
+    ObjReleaseInternal(&far);
+}
+
+// With a packet queued, a receive takes it without a single socket call,
+// even with a deadline that has passed.
+TEST_F(ReceiveTest, QueuedMessageTouchesNoSocket) {
+    static int calls = 0;
+    fh::NetCalls saved = fh::netCalls();
+    fh::netCalls().poll = [](pollfd *, nfds_t, int) { return ++calls, 0; };
+    fh::netCalls().select = [](int, fd_set *, fd_set *, fd_set *, timeval *) { return ++calls, 0; };
+    queueBare(kTest);
+    const TIME_TIMEOUT past{1, 0};
+    MSG_MESSAGE *m = nullptr;
+    EXPECT_TRUE(MsgReceive(&m, &past));
+    EXPECT_EQ(calls, 0);
+    EXPECT_FALSE(MsgReceive(&m, &past)); // now empty: one pass
+    EXPECT_EQ(calls, 1);
+    fh::netCalls() = saved;
+    ObjReleaseInternal(&m);
+}
+
+// Selective receive: the earliest match wins, the rest keep their order;
+// news that the peer is gone, or the loss of a queue, ends the search.
+TEST_F(ReceiveTest, SelectiveReceiveTakesQueueInOrder) {
+    MSG_ADDRESS *local = MsgLocalAddress();
+    const TIME_TIMEOUT now{0, 0};
+    struct Case {
+        std::vector<int32_t> queue;
+        int32_t type;
+        bool withAddress;
+        bool found;
+        std::vector<int32_t> left;
+    };
+    const std::vector<Case> cases = {
+        {{MSG_PING_MSG, kTest, kTest}, kTest, true, true, {MSG_PING_MSG, kTest}},
+        {{MSG_PING_MSG, kTest}, 0, false, true, {kTest}},
+        {{MSG_PING_MSG}, kTest, false, false, {MSG_PING_MSG}},
+        {{MSG_LOST_SEND_QUEUE_MSG, kTest}, kTest, false, false, {MSG_LOST_SEND_QUEUE_MSG, kTest}},
+        {{kTest, MSG_LOST_RECEIVE_QUEUE_MSG}, kTest, false, true, {MSG_LOST_RECEIVE_QUEUE_MSG}},
+        // The machine's news from the manager itself: that machine id.
+        {{NMGR_MACHINE_UNREACHABLE_MSG, kTest}, kTest, true, false,
+         {NMGR_MACHINE_UNREACHABLE_MSG, kTest}},
+        {{NMGR_MACHINE_UNREACHABLE_MSG, kTest}, kTest, false, true, {NMGR_MACHINE_UNREACHABLE_MSG}},
+    };
+    for (const Case &k : cases) {
+        SCOPED_TRACE(testing::PrintToString(k.queue));
+        for (int32_t type : k.queue) queueBare(type);
+        MSG_MESSAGE *m = nullptr;
+        EXPECT_EQ(MsgReceiveMsgTypeFromAddress(&m, k.type, k.withAddress ? local : nullptr, &now), k.found);
+        EXPECT_EQ(m != nullptr, k.found);
+        EXPECT_EQ(queued(), k.left);
+        ObjReleaseInternal(&m);
+        for (MSG_PACKET *p = nullptr; MsgReceivePopPacket(&p);) ObjReleaseInternal(&p);
+    }
+}
+
+// Death news about the wanted peer ends the search; about another, not;
+// behind the wanted message it doesn't matter.
+TEST_F(ReceiveTest, DeathNewsEndsSearchForThatPeer) {
+    MSG_ADDRESS *peer = nullptr, *other = nullptr;
+    ASSERT_TRUE(MsgCreateAddress(&peer, MsgGetMachineName(MsgLocalAddress()), 40));
+    ASSERT_TRUE(MsgCreateAddress(&other, "elsewhere", 40));
+    auto queueNews = [](int32_t type, void *body) {
+        MSG_PACKET *p = nullptr;
+        ASSERT_TRUE(MsgCreatePacket(&p, MsgLocalAddress(), MsgCommMgrAddress(), type, body));
+        fh::msgQueue(&p);
+    };
+    auto unreachable = [](MSG_ADDRESS *a) {
+        auto *b = static_cast<CMGR_PROCESS_UNREACHABLE *>(ObjNewInternal(
+            sizeof(CMGR_PROCESS_UNREACHABLE), CMGR_PROCESS_UNREACHABLE_MAGIC, CMGR_PROCESS_UNREACHABLE_FORMAT, nullptr,
+            nullptr));
+        b->oAddress = a;
+        ObjIncRefCount(a);
+        return static_cast<void *>(b);
+    };
+    const TIME_TIMEOUT now{0, 0};
+    for (const bool aboutPeer : {true, false}) {
+        SCOPED_TRACE(aboutPeer);
+        void *body = unreachable(aboutPeer ? peer : other);
+        queueNews(CMGR_PROCESS_UNREACHABLE_MSG, body);
+        ObjReleaseInternal(&body);
+        MSG_MESSAGE *m = nullptr;
+        EXPECT_FALSE(MsgReceiveMsgTypeFromAddress(&m, kTest, peer, &now));
+        EXPECT_EQ(queued(), std::vector<int32_t>{CMGR_PROCESS_UNREACHABLE_MSG});
+        for (MSG_PACKET *p = nullptr; MsgReceivePopPacket(&p);) ObjReleaseInternal(&p);
+    }
+    ObjReleaseInternal(&peer);
+    ObjReleaseInternal(&other);
+}
+
+// Putting back adds at the front: two messages requeued in receive order,
+// and a list pushed, come back reversed. A list of other items is refused.
+TEST_F(ReceiveTest, RequeueAndPushReverseOrder) {
+    for (int32_t type : std::vector<int32_t>{kTest, MSG_PING_MSG, MSG_PONG_MSG}) queueBare(type);
+    MSG_MESSAGE *first = nullptr, *second = nullptr;
+    ASSERT_TRUE(MsgPoll(&first));
+    ASSERT_TRUE(MsgPoll(&second));
+    EXPECT_TRUE(MsgRequeue(first));
+    EXPECT_TRUE(MsgRequeue(second));
+    EXPECT_EQ(queued(), (std::vector<int32_t>{MSG_PING_MSG, kTest, MSG_PONG_MSG}));
+    LIST *messages = ListNewFromPool(MSG_MESSAGE_MAGIC, nullptr);
+    ListPushLastItemInternal(messages, &first);
+    ListPushLastItemInternal(messages, &second);
+    EXPECT_TRUE(MsgPushMessages(messages));
+    EXPECT_EQ(messages->iCount, 0);
+    EXPECT_EQ(queued(), (std::vector<int32_t>{MSG_PING_MSG, kTest, MSG_PING_MSG, kTest, MSG_PONG_MSG}));
+    LIST *packets = ListNewFromPool(0, nullptr);
+    for (int i = 0; i < 2; ++i) {
+        MSG_PACKET *p = nullptr;
+        MsgReceivePopPacket(&p);
+        ListPushLastItemInternal(packets, &p);
+    }
+    EXPECT_TRUE(MsgPushPackets(packets));
+    EXPECT_EQ(queued(), (std::vector<int32_t>{kTest, MSG_PING_MSG, MSG_PING_MSG, kTest, MSG_PONG_MSG}));
+    EXPECT_FALSE(MsgPushPackets(messages)); // a list of messages is not one of packets
+    ObjReleaseInternal(&messages);
+    ObjReleaseInternal(&packets);
+}
+
+// A handler sees the working mask with its own socket ready, and a null
+// mask when a signal interrupts the wait; removing it stops the calls.
+TEST_F(ReceiveTest, HandlersServeTheirOwnSockets) {
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    struct Seen {
+        int fd;
+        int ready = 0, interrupted = 0;
+    };
+    static Seen seen;
+    seen = Seen{fds[0]};
+    auto handler = [](NetSelectMask *mask, void *) {
+        if (mask == nullptr) ++seen.interrupted;
+        else if (NetIsReadSelectSet(mask, seen.fd)) ++seen.ready;
+    };
+    EXPECT_FALSE(MsgHandlerAdd(nullptr, nullptr));
+    ASSERT_TRUE(MsgHandlerAdd(handler, nullptr));
+    ASSERT_TRUE(MsgAddReadSelect(fds[0]));
+    ASSERT_EQ(write(fds[1], "x", 1), 1);
+    const TIME_TIMEOUT limit = in(2000);
+    EXPECT_FALSE(MsgWait(&limit));
+    EXPECT_EQ(seen.ready, 1);
+    fh::NetCalls saved = fh::netCalls();
+    fh::netCalls().poll = [](pollfd *, nfds_t, int) { return errno = EINTR, -1; };
+    EXPECT_FALSE(MsgWait(&limit));
+    fh::netCalls() = saved;
+    EXPECT_EQ(seen.interrupted, 1);
+    EXPECT_TRUE(MsgHandlerRemove(handler, nullptr));
+    EXPECT_FALSE(MsgHandlerRemove(handler, nullptr));
+    EXPECT_FALSE(MsgWait(&limit));
+    EXPECT_EQ(seen.ready, 1);
+    MsgRemoveReadSelect(fds[0]);
+    close(fds[0]);
+    close(fds[1]);
+}
+
+} // namespace
