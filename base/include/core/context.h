@@ -76,8 +76,9 @@ struct LmContext {
      * PMGR_GIVE_SERVICE_A_TASK_RETURN), the handlers (LIST of
      * MSG_HANDLER_ENTRY), the poll set of a pass (pollfd entries: the
      * capacity, those in use, where the high sockets start), the quick exit
-     * flag, the last message error code, and whether tasks arrive in their
-     * old plain form only. */
+     * flag, the last message error code, whether tasks arrive in their old
+     * plain form only, and the task context that came with the last task
+     * converted to that form. */
     void *oMsgNotifyOnDeathList;
     void *oMsgPendingTaskList;
     void *oMsgHandlerList;
@@ -88,6 +89,7 @@ struct LmContext {
     int32_t bMsgQuickExit;
     int32_t iMsgErrorCode;
     int32_t bMsgOldStyleTasks;
+    void *oMsgTaskContext;
 
     /* Context. */
     void *pThreadContextMarker;

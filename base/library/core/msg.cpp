@@ -22,6 +22,7 @@
 #include "core/context.h"
 #include "core/map.h"
 #include "core/memory.h"
+#include "core/net.h"
 #include "core/object.h"
 #include "core/strbase.h"
 #include "messages/msgcatalogue.h"
@@ -34,7 +35,30 @@ namespace {
 
 constexpr fh::ModuleTracer trace{"MESSAGE        "};
 
-enum TraceId : int32_t { kIdLoaded = 1, kIdMapFailed = 2, kIdBadBuffer = 3, kIdNameTaken = 4, kIdBadName = 5 };
+enum TraceId : int32_t {
+    kIdLoaded = 1,
+    kIdMapFailed = 2,
+    kIdBadBuffer = 3,
+    kIdNameTaken = 4,
+    kIdBadName = 5,
+    kIdReleaseStart = 6,
+    kIdReleaseField = 7,
+    kIdReleaseEnd = 8,
+};
+
+// The objects of the context that go in the fifth step of a release, in
+// their order, with the names their traces give.
+struct ReleasedField {
+    const char *name;
+    void *LmContext::*field;
+};
+constexpr ReleasedField kReleasedFields[] = {
+    {"oChannels", &LmContext::oMsgChannels},
+    {"oConnectingList", &LmContext::oMsgConnectingList},
+    {"oLingerList", &LmContext::oMsgLingerList},
+    {"oLocalAddress", &LmContext::oMsgLocalAddress},
+    {"oNotifyOnDeathList", &LmContext::oMsgNotifyOnDeathList},
+};
 
 using fh::MessageName;
 
@@ -186,9 +210,20 @@ BOOL MsgInitializeThread(void) {
            fh::msgReceiveInitializeThread();
 }
 
+// Lingering channels wait for their peers before they go; until the
+// process has them, every channel goes down at once, as with a quick exit.
 void MsgReleaseThread(LmContext *context) {
-    fh::msgChannelsReleaseThread(context);
-    fh::msgReceiveReleaseThread(context);
-    fh::msgAddressesReleaseThread(context);
+    trace(kIdReleaseStart, 0, 2, "MsgReleaseThread()");
+    fh::msgChannelsShutDown(context);
+    for (const ReleasedField &row : kReleasedFields) {
+        trace(kIdReleaseField, 0, 2, "Release %s", row.name);
+        ObjReleaseInternal(&(context->*row.field));
+    }
+    ObjReleaseInternal(&context->oMsgIpcChannel);
+    context->bMsgIpcConnected = FALSE;
     ObjReleaseInternal(&context->pMsgNameMap);
+    for (void **mask : {&context->pMsgWorkingMask, &context->pMsgSelectMask})
+        NetReleaseSelectMask(reinterpret_cast<NetSelectMask **>(mask));
+    fh::msgReceiveReleaseThread(context);
+    trace(kIdReleaseEnd, 0, 2, "Finished MsgReleaseThread");
 }

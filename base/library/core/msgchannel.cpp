@@ -391,7 +391,7 @@ bool fh::msgChannelsInitializeThread() {
     return true;
 }
 
-void fh::msgChannelsReleaseThread(LmContext *context) {
+void fh::msgChannelsShutDown(LmContext *context) {
     ObjReleaseInternal(&context->oMsgReceiveList);
     auto *pending = static_cast<LIST *>(context->oMsgConnectingList);
     for (MSG_CONNECTING *entry = nullptr; pending != nullptr && ListPopFirstItemInternal(pending, &entry);) {
@@ -408,13 +408,6 @@ void fh::msgChannelsReleaseThread(LmContext *context) {
         }
     if (context->oMsgLingerList != nullptr)
         ListWalk(static_cast<LIST *>(context->oMsgLingerList), MsgChannelForceDown, nullptr);
-    ObjReleaseInternal(&context->oMsgChannels);
-    ObjReleaseInternal(&context->oMsgConnectingList);
-    ObjReleaseInternal(&context->oMsgLingerList);
-    ObjReleaseInternal(&context->oMsgIpcChannel);
-    for (void **mask : {&context->pMsgWorkingMask, &context->pMsgSelectMask})
-        NetReleaseSelectMask(reinterpret_cast<NetSelectMask **>(mask));
-    context->bMsgIpcConnected = FALSE;
 }
 
 MSG_CHANNEL *fh::msgChannelOf(const void *object) {

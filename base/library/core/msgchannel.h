@@ -18,10 +18,9 @@
 namespace fh {
 
 // Templates and well-known addresses (once per process); the process's own
-// address in the context, and its release.
+// address in the context.
 bool msgAddressesInitialize();
 bool msgAddressesInitializeThread();
-void msgAddressesReleaseThread(LmContext *context);
 bool msgPacketsInitialize();
 
 // The address or the message itself, or null for anything that isn't one.
@@ -46,10 +45,13 @@ ChannelView msgChannelView(int32_t channelId);
 // ---- Channels (msgchannel.cpp) ----
 
 // Templates (once per process); the map, select masks and lists of the
-// context, and their release in the order of the release of a thread.
+// context. The first steps of the release of a thread: the receive list
+// goes, the connections under way are closed, every channel but the IPC
+// channel goes down without notice, and the lingering ones are forced
+// down; the objects themselves stay for MsgReleaseThread.
 bool msgChannelsInitialize();
 bool msgChannelsInitializeThread();
-void msgChannelsReleaseThread(LmContext *context);
+void msgChannelsShutDown(LmContext *context);
 
 // The channel of an id in the map, borrowed; null if none.
 MSG_CHANNEL *msgChannelFind(int32_t id);
@@ -77,6 +79,11 @@ void msgServeChannels(const NetSelectMask *working);
 // manager, then the receive list once the IPC connection is made; before
 // that the packet is dropped. Takes the reference.
 void msgDeliver(MSG_CHANNEL *channel, MSG_PACKET **packet);
+// The filter's body types (once per process).
+bool msgFilterInitialize();
+// Whether this process takes tasks in the old plain form only, so that a
+// PMGR_TASK_EXT is converted on arrival; set at start-up.
+void msgSetOldStyleTasks(bool oldStyle);
 
 // ---- The pass (msgreceive.cpp) ----
 
@@ -94,6 +101,9 @@ int32_t msgPass(const TIME_TIMEOUT *timeout);
 int32_t msgSelectPass(int32_t milliseconds);
 // The never timeout that a null timeout stands for.
 const TIME_TIMEOUT *msgNeverTimeout();
+// The port of the tunnel service ("Tunnel Port" in the network settings;
+// 0: none), read at start-up.
+int32_t msgTunnelPort();
 // Timers: expire what is due, and lower a deadline to the next event.
 void msgExpireTimers();
 void msgLowerToTimers(TIME_TIMEOUT *deadline);

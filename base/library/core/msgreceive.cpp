@@ -23,6 +23,7 @@
 #include <cerrno>
 
 #include "core/channel.h"
+#include "core/config.h"
 #include "core/context.h"
 #include "core/list.h"
 #include "core/memory.h"
@@ -70,6 +71,8 @@ constinit fh::ObjectType<MSG_HANDLER_ENTRY> gHandlerType{MSG_HANDLER_ENTRY_MAGIC
 // immediate (MsgPoll). Made once per process.
 TIME_TIMEOUT gNever{-1, -1};
 TIME_TIMEOUT gImmediate{0, 0};
+// "Tunnel Port" of the network settings, read once per process.
+int32_t gTunnelPort = 0;
 
 LIST *receiveList() { return static_cast<LIST *>(gtLmContext.oMsgReceiveList); }
 LIST *handlerList() { return static_cast<LIST *>(gtLmContext.oMsgHandlerList); }
@@ -318,7 +321,10 @@ MSG_PACKET *messageIntoPacket(const void *message) {
 // ---- What the other parts of the module share ----
 
 bool fh::msgReceiveInitialize() {
-    return gHandlerType.declare() && fh::msgSendInitialize();
+    TimeSetTimeoutNever(&gNever);
+    TimeSetTimeoutImmediate(&gImmediate);
+    CfgGetInteger(&gTunnelPort, "lmnmgr.cfg", "Network", "Tunnel Port", 0);
+    return gHandlerType.declare() && fh::msgSendInitialize() && fh::msgFilterInitialize();
 }
 
 bool fh::msgReceiveInitializeThread() {
@@ -330,14 +336,16 @@ bool fh::msgReceiveInitializeThread() {
 }
 
 void fh::msgReceiveReleaseThread(LmContext *context) {
-    ObjReleaseInternal(&context->oMsgNotifyOnDeathList);
-    ObjReleaseInternal(&context->oMsgPendingTaskList);
     ObjReleaseInternal(&context->oMsgHandlerList);
+    ObjReleaseInternal(&context->oMsgPendingTaskList);
+    ObjReleaseInternal(&context->oMsgTaskContext);
     MemFreeInternal(&context->pMsgPollSet);
     context->iMsgPollCapacity = context->iMsgPollCount = context->iMsgPollHighStart = 0;
 }
 
 const TIME_TIMEOUT *fh::msgNeverTimeout() { return &gNever; }
+
+int32_t fh::msgTunnelPort() { return gTunnelPort; }
 
 bool fh::msgSocketReady(const NetSelectMask *working, int32_t socket, bool write) {
     if (socket >= 0 && socket < FD_SETSIZE)
