@@ -54,6 +54,7 @@ enum TraceId : int32_t {
 constexpr int32_t kUnreachableCode = 17;
 
 constinit fh::ObjectType<PMGR_TASK> gTaskType{PMGR_TASK_MAGIC, PMGR_TASK_FORMAT, fh::kReceivable};
+constinit fh::ObjectType<PMGR_TASK_EXT> gTaskExtType{PMGR_TASK_EXT_MAGIC, PMGR_TASK_EXT_FORMAT, fh::kReceivable};
 
 LIST *listOf(void *field) { return static_cast<LIST *>(field); }
 LIST *notifyList() { return listOf(gtLmContext.oMsgNotifyOnDeathList); }
@@ -288,7 +289,7 @@ void convertTask(MSG_PACKET **packet) {
 
 } // namespace
 
-bool fh::msgFilterInitialize() { return gTaskType.declare(); }
+bool fh::msgFilterInitialize() { return gTaskType.declare() && gTaskExtType.declare(); }
 
 void fh::msgSetOldStyleTasks(bool oldStyle) { gtLmContext.bMsgOldStyleTasks = oldStyle; }
 

@@ -51,6 +51,17 @@ constinit fh::ObjectType<PMGR_GIVE_SERVICE_A_TASK_RETURN> gTaskReturnType{
     PMGR_GIVE_SERVICE_A_TASK_RETURN_MAGIC, PMGR_GIVE_SERVICE_A_TASK_RETURN_FORMAT, fh::kReceivable};
 constinit fh::ObjectType<PMGR_PROCESS_DIED> gProcessDiedType{PMGR_PROCESS_DIED_MAGIC, PMGR_PROCESS_DIED_FORMAT,
                                                               fh::kReceivable};
+// The task bodies that the layer reads as they pass.
+constinit fh::ObjectType<PROC_ADDRESS> gProcAddressType{PROC_ADDRESS_MAGIC, PROC_ADDRESS_FORMAT, fh::kReceivable};
+constinit fh::ObjectType<PMGR_GIVE_SERVICE_A_TASK> gTaskRequestType{
+    PMGR_GIVE_SERVICE_A_TASK_MAGIC, PMGR_GIVE_SERVICE_A_TASK_FORMAT, fh::kReceivable};
+constinit fh::ObjectType<PMGR_GIVE_SERVICE_A_TASK_EXT> gTaskRequestExtType{
+    PMGR_GIVE_SERVICE_A_TASK_EXT_MAGIC, PMGR_GIVE_SERVICE_A_TASK_EXT_FORMAT, fh::kReceivable};
+constinit fh::ObjectType<PMGR_NOTIFY_ON_DEATH> gNotifyOnDeathType{PMGR_NOTIFY_ON_DEATH_MAGIC,
+                                                                  PMGR_NOTIFY_ON_DEATH_FORMAT, fh::kReceivable};
+constexpr fh::DeclaredType *kBodyTypes[] = {&gUnknownType,     &gErrorType,        &gPingType,
+                                            &gTaskReturnType,  &gProcessDiedType,  &gProcAddressType,
+                                            &gTaskRequestType, &gTaskRequestExtType, &gNotifyOnDeathType};
 
 // The object's magic and format are exactly these.
 bool isShaped(const void *object, uint32_t magic, const char *format) {
@@ -221,8 +232,9 @@ BOOL MsgReturnUnknown(const void *message, const char *reason) {
 // ---- What the other parts of the module share ----
 
 bool fh::msgSendInitialize() {
-    return gUnknownType.declare() && gErrorType.declare() && gPingType.declare() && gTaskReturnType.declare() &&
-           gProcessDiedType.declare();
+    for (fh::DeclaredType *type : kBodyTypes)
+        if (!type->declare()) return false;
+    return true;
 }
 
 PMGR_GIVE_SERVICE_A_TASK_RETURN *fh::msgNewTaskReturn(int32_t code, int32_t uniqueId, void *service) {
