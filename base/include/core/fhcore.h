@@ -42,5 +42,6 @@
 #include "channel.h"
 #include "msgsend.h"
 #include "proc.h"
+#include "timer.h"
 
 #endif /* FHCORE_FHCORE_H */

@@ -13,6 +13,7 @@
 #include "core/list.h"
 #include "messages/msgmsg.h"
 #include "msgchannel.h"
+#include "msgself.h"
 #include "tracer.h"
 
 namespace {
@@ -46,7 +47,7 @@ BOOL MsgReceivePopPacket(MSG_PACKET **packet) { return ListPopFirstItemInternal(
 int32_t MsgReceiveCount(void) { return receiveList() != nullptr ? receiveList()->iCount : 0; }
 
 BOOL MsgDispatch(MSG_PACKET **packet) {
-    if (packet == nullptr) return FALSE;
+    if (packet == nullptr || fh::msgRefuseSelfDispatch(packet)) return FALSE;
     const int32_t type = MsgPacketMsgType(*packet);
     if (type == 0) {
         ObjReleaseInternal(packet);
