@@ -50,6 +50,11 @@ struct LmContext {
     /* Net: the last serial given to a socket hand-over. */
     int32_t iNetInheritCounter;
 
+    /* Timers: the pending events (LIST of TIMR_EVENT, latest first), and the
+     * timeout (TIME_TIMEOUT) of the next alarm, also the clock of a sweep. */
+    void *oTimrEvents;
+    void *oTimrNextAlarm;
+
     /* Messaging: the map of message names (a MAP), and the field in which
      * the name of an unknown id is formatted. */
     void *pMsgNameMap;

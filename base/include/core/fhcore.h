@@ -43,5 +43,6 @@
 #include "msgsend.h"
 #include "msgreceive.h"
 #include "proc.h"
+#include "timer.h"
 
 #endif /* FHCORE_FHCORE_H */

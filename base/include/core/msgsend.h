@@ -55,6 +55,15 @@ FHAPI BOOL MsgReceivePopPacket(MSG_PACKET **packet);
 /* The length of the receive list. */
 FHAPI int32_t MsgReceiveCount(void);
 
+/* Puts a copy of message at the end of the receive list, to the local
+ * address and from the message's own source. The body travels in this
+ * process's own form, pointers whole, and the packet is never sent out.
+ * FALSE, nothing queued, for not a message or a source without an id. */
+FHAPI BOOL MsgSendToSelf(const void *message);
+/* The same for object (null or valid; it stays the caller's) as a message
+ * of type from and to the local address. */
+FHAPI BOOL MsgSendObjectToSelf(int32_t type, const void *object);
+
 FH_END_DECLS
 
 #endif /* FHCORE_MSGSEND_H */

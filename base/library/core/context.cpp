@@ -44,6 +44,7 @@
 #include "core/sys.h"
 #include "core/syssignal.h"
 #include "core/timeout.h"
+#include "core/timer.h"
 #include "core/trace.h"
 #include "core/tree.h"
 #include "cfgcache.h"
@@ -87,6 +88,7 @@ constexpr Module kModules[] = {
     {"Time", 475, TimeInitialize, [](LmContext *) { return TimeInitializeThread(); }, TimeReleaseThread},
     {"Locale", 480, LocaleInitialize, [](LmContext *) { return LocaleInitializeThread(); }, LocaleReleaseThread},
     {"Msg", 500, MsgInitialize, [](LmContext *) { return MsgInitializeThread(); }, MsgReleaseThread},
+    {"Timer", 510, TimerInitialize, TimerInitializeThread, TimerReleaseThread},
 };
 constexpr size_t kModuleCount = std::size(kModules);
 

@@ -52,7 +52,10 @@ struct ReleasedField {
     const char *name;
     void *LmContext::*field;
 };
+// The context's timeout belongs to the timers, which release it in their
+// own step of the ladder; its row keeps its place in the order.
 constexpr ReleasedField kReleasedFields[] = {
+    {"oTimeout", nullptr},
     {"oChannels", &LmContext::oMsgChannels},
     {"oConnectingList", &LmContext::oMsgConnectingList},
     {"oLingerList", &LmContext::oMsgLingerList},
@@ -217,7 +220,7 @@ void MsgReleaseThread(LmContext *context) {
     fh::msgChannelsShutDown(context);
     for (const ReleasedField &row : kReleasedFields) {
         trace(kIdReleaseField, 0, 2, "Release %s", row.name);
-        ObjReleaseInternal(&(context->*row.field));
+        if (row.field != nullptr) ObjReleaseInternal(&(context->*row.field));
     }
     ObjReleaseInternal(&context->oMsgIpcChannel);
     context->bMsgIpcConnected = FALSE;

@@ -41,6 +41,7 @@
 #include "core/objserial.h"
 #include "messages/msgmsg.h"
 #include "msgchannel.h"
+#include "msgself.h"
 #include "objcore.h"
 #include "tracer.h"
 
@@ -276,6 +277,7 @@ bool consumed(MSG_CHANNEL *c) {
     auto *image = static_cast<unsigned char *>(c->oInput.pData);
     const int32_t type = fh::msgGetLe32(image + 24);
     trace(kIdGotA, 0, 3, "Got a %s", MsgNameWithBuffer(type, nullptr, 0));
+    if (fh::msgDropFromSocket(type, c->iId, c->iSocket)) return true;
     switch (type) {
     case MSG_DISCONNECT_MSG:
         trace(kIdDisconnect, 0, 2, "Received Disconnect request on channel %ld socket %ld", static_cast<long>(c->iId),

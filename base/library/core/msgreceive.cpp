@@ -31,12 +31,14 @@
 #include "core/msgsend.h"
 #include "core/objmap.h"
 #include "core/strbase.h"
+#include "core/timer.h"
 #include "messages/msgcmgr.h"
 #include "messages/msgmsg.h"
 #include "messages/msgnmgr.h"
 #include "messages/msgpmgr.h"
 #include "msgbody.h"
 #include "msgchannel.h"
+#include "msgself.h"
 #include "netcalls.h"
 #include "objcore.h"
 #include "tracer.h"
@@ -387,14 +389,15 @@ int32_t fh::msgSelectPass(int32_t milliseconds) {
     return msgPass(&limit);
 }
 
-// Until the timers of the process arrive there is nothing to expire and no
-// event to wait for.
-void fh::msgExpireTimers() {}
-void fh::msgLowerToTimers(TIME_TIMEOUT *) {}
+void fh::msgExpireTimers() { TimrClearTimers(); }
+
+void fh::msgLowerToTimers(TIME_TIMEOUT *deadline) {
+    if (const TIME_TIMEOUT *next = TimrNextEvent(); next != nullptr) TimeSetTimeoutIfLower(deadline, next);
+}
 
 MSG_PACKET *fh::msgRequeueForm(const void *message) {
     MSG_PACKET *packet = nullptr;
-    return MsgMessageToPacket(&packet, message) ? packet : nullptr;
+    return msgPacketFromMessage(&packet, message) ? packet : nullptr;
 }
 
 // ---- Receiving ----

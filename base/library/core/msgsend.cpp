@@ -18,6 +18,7 @@
 #include "messages/msgmsg.h"
 #include "messages/msgpmgr.h"
 #include "msgchannel.h"
+#include "msgself.h"
 #include "objcore.h"
 #include "tracer.h"
 
@@ -140,7 +141,7 @@ BOOL MsgReceivePopPacket(MSG_PACKET **packet) { return ListPopFirstItemInternal(
 int32_t MsgReceiveCount(void) { return receiveList() != nullptr ? receiveList()->iCount : 0; }
 
 BOOL MsgDispatch(MSG_PACKET **packet) {
-    if (packet == nullptr) return FALSE;
+    if (packet == nullptr || fh::msgRefuseSelfDispatch(packet)) return FALSE;
     const int32_t type = MsgPacketMsgType(*packet);
     if (type == 0) {
         ObjReleaseInternal(packet);
