@@ -93,9 +93,11 @@ PollSet pollSet() {
     return {static_cast<pollfd *>(gtLmContext.pMsgPollSet), gtLmContext.iMsgPollCount, gtLmContext.iMsgPollHighStart};
 }
 
-// Room for capacity entries; false when memory is out (traced by the pool).
-bool reserve(int32_t capacity) {
-    if (capacity <= gtLmContext.iMsgPollCapacity) return true;
+// Room for needed entries, growing by doubling; false when memory is out
+// (traced by the pool).
+bool reserve(int32_t needed) {
+    if (needed <= gtLmContext.iMsgPollCapacity) return true;
+    const int32_t capacity = std::max(needed, std::max<int32_t>(64, gtLmContext.iMsgPollCapacity * 2));
     void *block = MemAllocateFromPool(static_cast<int32_t>(sizeof(pollfd)) * capacity, pool());
     if (block == nullptr) return false;
     MemFreeInternal(&gtLmContext.pMsgPollSet);
