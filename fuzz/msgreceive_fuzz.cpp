@@ -7,7 +7,7 @@
 // tasks; bits 1 to 7: the type that the selective receive asks for, as an
 // offset into the ids that the filter knows), then the bytes of the
 // stream, written in pieces of up to 4096 bytes with a drain after each. At
-// the end the peer closes, and the loss of the receive queue must arrive.
+// the end the peer closes, and the channel must go down.
 // No crash, no hang, no leak.
 #include <sys/socket.h>
 #include <unistd.h>
@@ -28,10 +28,9 @@ namespace {
 MSG_ADDRESS *gWanted = nullptr;
 
 // Takes everything the channel has delivered off the list, through both
-// receive calls; whether MSG_LOST_RECEIVE_QUEUE_MSG came.
-bool drain(int32_t type) {
+// receive calls.
+void drain(int32_t type) {
     static const TIME_TIMEOUT now{0, 0};
-    bool lost = false;
     for (int rounds = 0; rounds < 256; ++rounds) {
         MSG_MESSAGE *m = nullptr;
         if (MsgReceiveMsgTypeFromAddress(&m, type, rounds % 2 == 0 ? gWanted : nullptr, &now)) {
@@ -39,10 +38,8 @@ bool drain(int32_t type) {
             continue;
         }
         if (!MsgPoll(&m)) break;
-        lost = lost || m->iType == MSG_LOST_RECEIVE_QUEUE_MSG;
         ObjReleaseInternal(&m);
     }
-    return lost;
 }
 
 } // namespace
@@ -72,16 +69,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const int32_t type = (data[0] >> 1) == 0 ? 0 : PMGR_KILL_YOURSELF_MSG + (data[0] >> 1);
     MSG_ADDRESS *address = nullptr;
     MsgChannelAddress(&address, ipc);
-    bool lost = false;
-    for (size_t at = 1; at < size && !lost;) {
+    // The stream may claim anything, the loss of the queue too: the end is
+    // when the channel itself is down.
+    for (size_t at = 1; at < size && !MsgChannelIsDown(ipc);) {
         const size_t piece = std::min<size_t>(4096, size - at);
         if (send(fds[1], data + at, piece, MSG_NOSIGNAL) != static_cast<ssize_t>(piece)) break;
         at += piece;
-        lost = drain(type);
+        drain(type);
     }
     close(fds[1]);
-    for (int i = 0; i < 64 && !lost; ++i) lost = drain(type);
-    CHECK(lost); // the end of the stream is the loss of the manager
+    for (int i = 0; i < 64 && !MsgChannelIsDown(ipc); ++i) drain(type);
+    CHECK(MsgChannelIsDown(ipc));
+    drain(type);
     CHECK(MsgReceiveCount() == 0);
     // What the filter kept: watched processes, task replies, a task context.
     ListReleaseAll(static_cast<LIST *>(gtLmContext.oMsgNotifyOnDeathList));

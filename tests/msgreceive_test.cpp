@@ -1,8 +1,12 @@
 // Receiving within one process: channels whose two ends both belong to the
 // test, so that what one end sends the pass reads off the other. The
 // receive calls, selective receive, putting back and handlers.
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/time.h>
 #include <unistd.h>
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -18,6 +22,7 @@ namespace {
 
 // An application's own message type.
 constexpr int32_t kTest = 50001;
+constexpr TIME_TIMEOUT kImmediate{0, 0};
 
 class ReceiveTest : public LibraryTest {
 protected:
@@ -249,6 +254,147 @@ TEST_F(ReceiveTest, HandlersServeTheirOwnSockets) {
     MsgRemoveReadSelect(fds[0]);
     close(fds[0]);
     close(fds[1]);
+}
+
+} // namespace
+
+namespace {
+
+// Connected TCP pairs on 127.0.0.1 through one listener: the near ends as
+// channels of this process (notice on down), the far ends left raw.
+struct Pairs {
+    std::vector<int32_t> far;
+    std::vector<MSG_ADDRESS *> near;
+    explicit Pairs(int count) {
+        nettest::Connection c; // its listener
+        for (int i = 0; i < count; ++i) {
+            int32_t client = -1, server = -1;
+            NetOpen(&client, NET_SOCKET_STREAM);
+            if (NetConnect(client, &c.address) != NET_ERROR_NONE || NetAccept(&server, c.listener, nullptr) != 0) return;
+            MSG_CHANNEL *channel = nullptr;
+            if (!MsgChannelCreateInternal(&channel, server, MsgLocalAddress(), FALSE, TRUE, FALSE, FALSE, FALSE)) return;
+            MSG_ADDRESS *address = nullptr;
+            MsgChannelAddress(&address, channel);
+            ObjReleaseInternal(&channel);
+            near.push_back(address);
+            far.push_back(client);
+        }
+    }
+    ~Pairs() {
+        for (MSG_ADDRESS *a : near) ObjReleaseInternal(&a);
+        for (int32_t &s : far) NetClose(&s);
+    }
+};
+
+// The bytes of a data channel frame of type with a text body.
+std::vector<unsigned char> frameOf(int32_t type, const char *text) {
+    OBJ_STRING *body = ObjStringNew(text);
+    MSG_PACKET *packet = nullptr;
+    MsgCreatePacket(&packet, MsgLocalAddress(), MsgLocalAddress(), type, body);
+    const auto *image = static_cast<const unsigned char *>(packet->oImage.pData);
+    std::vector<unsigned char> frame(image + MSG_PACKET_HEADER_SIZE, image + packet->oImage.iSize);
+    ObjReleaseInternal(&packet);
+    ObjReleaseInternal(&body);
+    return frame;
+}
+
+// More channels than a select mask holds: each of 1,100 delivers its one
+// frame, those on descriptors past FD_SETSIZE too.
+TEST_F(ReceiveTest, ChannelsPastTheSelectLimitAllDeliver) {
+    constexpr int kCount = 1100;
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    if (limit.rlim_cur < 3 * kCount) {
+        limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 3 * kCount);
+        if (setrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur < 3 * kCount)
+            GTEST_SKIP() << "the limit on descriptors can't be raised";
+    }
+    Pairs pairs(kCount);
+    ASSERT_EQ(pairs.near.size(), static_cast<size_t>(kCount));
+    EXPECT_GE(pairs.far.back(), FD_SETSIZE);
+    const std::vector<unsigned char> frame = frameOf(kTest, "one");
+    for (int32_t s : pairs.far) ASSERT_EQ(send(s, frame.data(), frame.size(), 0), static_cast<ssize_t>(frame.size()));
+    std::set<int32_t> from;
+    const TIME_TIMEOUT limitTime = in(10000);
+    for (MSG_MESSAGE *m = nullptr; from.size() < kCount && !TimeTimeoutHasExpired(&limitTime);)
+        if (MsgReceive(&m, &limitTime)) {
+            EXPECT_EQ(m->iType, kTest);
+            from.insert(MsgGetChannelId(m->oSource));
+            ObjReleaseInternal(&m);
+        }
+    EXPECT_EQ(from.size(), static_cast<size_t>(kCount));
+}
+
+// Signals that cut the waits short lose nothing: with an alarm every
+// millisecond, 3,000 messages over a channel arrive whole and in order.
+TEST_F(ReceiveTest, AlarmsDuringPassesLoseNothing) {
+    struct sigaction alarm{}, saved{};
+    alarm.sa_handler = [](int) {}; // no SA_RESTART: the wait is interrupted
+    sigaction(SIGALRM, &alarm, &saved);
+    const itimerval every{{0, 1000}, {0, 1000}}, off{};
+    setitimer(ITIMER_REAL, &every, nullptr);
+    MSG_ADDRESS *near = nullptr, *far = nullptr;
+    link(&near, &far);
+    constexpr int kCount = 3000;
+    int sent = 0, got = 0;
+    const TIME_TIMEOUT limit = in(20000);
+    while (got < kCount && !TimeTimeoutHasExpired(&limit)) {
+        if (sent < kCount) {
+            OBJ_INTEGER *n = ObjIntegerNew(sent++);
+            EXPECT_TRUE(MsgSendObject(near, kTest, n));
+            ObjReleaseInternal(&n);
+        }
+        MSG_MESSAGE *m = nullptr;
+        if (!MsgReceive(&m, sent < kCount ? &kImmediate : &limit)) continue;
+        EXPECT_EQ(ObjGetInteger(m->oObject), got++);
+        ObjReleaseInternal(&m);
+    }
+    setitimer(ITIMER_REAL, &off, nullptr);
+    sigaction(SIGALRM, &saved, nullptr);
+    EXPECT_EQ(got, kCount);
+    ObjReleaseInternal(&near);
+    ObjReleaseInternal(&far);
+}
+
+// A peer that dies half-way through a 50 MiB message: one notice that the
+// channel is down, and nothing else.
+TEST_F(ReceiveTest, PeerKilledMidMessageGivesOneNotice) {
+    Pairs pairs(1);
+    ASSERT_EQ(pairs.far.size(), 1u);
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const int32_t socket = pairs.far[0];
+    const pid_t peer = nettest::child([socket, &ready] {
+        std::vector<unsigned char> part(1 << 20, 'x');
+        const int32_t total = 50 << 20;
+        fh::msgPutLe32(part.data(), total);
+        fh::msgPutLe32(part.data() + 4, kTest);
+        if (send(socket, part.data(), part.size(), 0) != static_cast<ssize_t>(part.size())) return 3;
+        if (write(ready[1], "r", 1) != 1) return 4;
+        pause();
+        return 0;
+    });
+    close(ready[1]);
+    char byte = 0;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    close(ready[0]);
+    kill(peer, SIGKILL);
+    EXPECT_EQ(nettest::waitChild(peer), 128 + SIGKILL);
+    NetClose(&pairs.far[0]); // the test's copy of the peer's end
+    std::vector<int32_t> types;
+    const TIME_TIMEOUT limit = in(3000);
+    for (MSG_MESSAGE *m = nullptr; !TimeTimeoutHasExpired(&limit);)
+        if (MsgReceive(&m, &limit)) {
+            types.push_back(m->iType);
+            ObjReleaseInternal(&m);
+            if (types.size() == 1) {
+                // Whatever else would come has come by a few more passes.
+                for (int i = 0; i < 20; ++i) fh::msgSelectPass(5);
+                for (; MsgPoll(&m); ObjReleaseInternal(&m)) types.push_back(m->iType);
+                break;
+            }
+        }
+    EXPECT_EQ(types, std::vector<int32_t>{MSG_CHANNEL_DOWN_MSG});
 }
 
 } // namespace
