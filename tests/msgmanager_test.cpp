@@ -180,6 +180,15 @@ TEST_F(ManagerTest, ExchangeBothWaysKeepsOrderAndBytes) {
 
 // ---- News from elsewhere ----
 
+// The address of service "svc" on remote1.
+PROC_ADDRESS *remoteService() {
+    auto *service = static_cast<PROC_ADDRESS *>(
+        ObjNewInternal(sizeof(PROC_ADDRESS), PROC_ADDRESS_MAGIC, PROC_ADDRESS_FORMAT, nullptr, nullptr));
+    service->pszMachine = StrDuplicateIntoPool("remote1", nullptr);
+    service->pszProcess = StrDuplicateIntoPool("svc", nullptr);
+    return service;
+}
+
 // The helper joins as kHelper and, for each kInject it gets, sends to
 // kTest the images of that set as the managers would, from their ids.
 int injector() {
@@ -215,14 +224,10 @@ int injector() {
             down->pszMachine = StrDuplicateIntoPool("REMOTE1", nullptr);
             send(MSG_PROCESS_COMMMGR, CMGR_MACHINE_DOWN_MSG, down);
         } else if (set == 4) {
-            auto *service = static_cast<PROC_ADDRESS *>(
-                ObjNewInternal(sizeof(PROC_ADDRESS), PROC_ADDRESS_MAGIC, PROC_ADDRESS_FORMAT, nullptr, nullptr));
-            service->pszMachine = StrDuplicateIntoPool("remote1", nullptr);
-            service->pszProcess = StrDuplicateIntoPool("svc", nullptr);
             auto *task = static_cast<PMGR_GIVE_SERVICE_A_TASK *>(ObjNewInternal(
                 sizeof(PMGR_GIVE_SERVICE_A_TASK), PMGR_GIVE_SERVICE_A_TASK_MAGIC, PMGR_GIVE_SERVICE_A_TASK_FORMAT,
                 nullptr, nullptr));
-            task->oService = service;
+            task->oService = remoteService();
             task->iUniqueId = 77;
             auto *lost = static_cast<NMGR_MACHINE_UNREACHABLE *>(
                 ObjNewInternal(sizeof(NMGR_MACHINE_UNREACHABLE), NMGR_MACHINE_UNREACHABLE_MAGIC,
@@ -281,10 +286,7 @@ TEST_F(ManagerTest, DeathNewsComesAfterWhatItCaused) {
         if (k.set == 3) {
             ASSERT_TRUE(fh::msgNotifyOnDeathAdd(far));
             auto *pending = fh::msgNewTaskReturn(9, 5, nullptr);
-            auto *service = static_cast<PROC_ADDRESS *>(
-                ObjNewInternal(sizeof(PROC_ADDRESS), PROC_ADDRESS_MAGIC, PROC_ADDRESS_FORMAT, nullptr, nullptr));
-            service->pszMachine = StrDuplicateIntoPool("remote1", nullptr);
-            pending->oService = service;
+            pending->oService = remoteService();
             ListPushLastItemInternal(static_cast<LIST *>(gtLmContext.oMsgPendingTaskList), &pending);
         }
         OBJ_INTEGER *set = ObjIntegerNew(k.set);

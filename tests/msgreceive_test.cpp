@@ -36,18 +36,6 @@ protected:
         MsgInitializeThread();
         LibraryTest::TearDown();
     }
-    // A connected pair of data channels; the addresses of both ends.
-    void link(MSG_ADDRESS **near, MSG_ADDRESS **far) {
-        ASSERT_TRUE(c_.connect());
-        MSG_CHANNEL *a = nullptr, *b = nullptr;
-        ASSERT_TRUE(MsgChannelCreateInternal(&a, c_.server, MsgLocalAddress(), FALSE, TRUE, FALSE, FALSE, FALSE));
-        ASSERT_TRUE(MsgChannelCreateInternal(&b, c_.client, MsgLocalAddress(), FALSE, TRUE, FALSE, FALSE, FALSE));
-        c_.server = c_.client = -1;
-        ASSERT_TRUE(MsgChannelAddress(near, a));
-        ASSERT_TRUE(MsgChannelAddress(far, b));
-        ObjReleaseInternal(&a); // the map keeps its own
-        ObjReleaseInternal(&b);
-    }
     // The types of the receive list, in order.
     static std::vector<int32_t> queued() {
         std::vector<int32_t> types;
@@ -62,47 +50,7 @@ protected:
         TimeSetTimeoutFromOffset(&t, &span);
         return t;
     }
-    nettest::Connection c_;
 };
-
-std::string textOf(const MSG_MESSAGE *m) {
-    const char *text = m != nullptr ? ObjGetString(m->oObject) : nullptr;
-    return text != nullptr ? text : "<none>";
-}
-
-// Messages sent on one end come off the receive list in order, through each
-// receive call, from the other end's address.
-TEST_F(ReceiveTest, ReceiveCallsTakeWhatTheChannelDelivers) {
-    MSG_ADDRESS *near = nullptr, *far = nullptr;
-    link(&near, &far);
-    for (const char *text : {"one", "two", "three", "four"}) {
-        OBJ_STRING *body = ObjStringNew(text);
-        ASSERT_TRUE(MsgSendObject(near, kTest, body));
-        ObjReleaseInternal(&body);
-    }
-    const TIME_TIMEOUT limit = in(5000);
-    MSG_MESSAGE *m = nullptr;
-    ASSERT_TRUE(MsgReceive(&m, &limit));
-    EXPECT_EQ(textOf(m), "one");
-    EXPECT_TRUE(MsgIsFrom(m, far));
-    ObjReleaseInternal(&m);
-    int32_t type = 0;
-    void *object = nullptr;
-    while (!MsgReceiveObject(&type, &object, &limit)) {}
-    EXPECT_EQ(type, kTest);
-    EXPECT_STREQ(ObjGetString(object), "two");
-    ObjReleaseInternal(&object);
-    MSG_PACKET *packet = nullptr;
-    while (!MsgReceivePacket(&packet, &limit)) {}
-    EXPECT_EQ(MsgPacketMsgType(packet), kTest);
-    ObjReleaseInternal(&packet);
-    while (!MsgPoll(&m)) {}
-    EXPECT_EQ(textOf(m), "four");
-    ObjReleaseInternal(&m);
-    EXPECT_FALSE(MsgPoll(&m));
-    ObjReleaseInternal(&near);
-    ObjReleaseInternal(&far);
-}
 
 // With a packet queued, a receive takes it without a single socket call,
 // even with a deadline that has passed.
@@ -155,40 +103,6 @@ TEST_F(ReceiveTest, SelectiveReceiveTakesQueueInOrder) {
         ObjReleaseInternal(&m);
         for (MSG_PACKET *p = nullptr; MsgReceivePopPacket(&p);) ObjReleaseInternal(&p);
     }
-}
-
-// Death news about the wanted peer ends the search; about another, not;
-// behind the wanted message it doesn't matter.
-TEST_F(ReceiveTest, DeathNewsEndsSearchForThatPeer) {
-    MSG_ADDRESS *peer = nullptr, *other = nullptr;
-    ASSERT_TRUE(MsgCreateAddress(&peer, MsgGetMachineName(MsgLocalAddress()), 40));
-    ASSERT_TRUE(MsgCreateAddress(&other, "elsewhere", 40));
-    auto queueNews = [](int32_t type, void *body) {
-        MSG_PACKET *p = nullptr;
-        ASSERT_TRUE(MsgCreatePacket(&p, MsgLocalAddress(), MsgCommMgrAddress(), type, body));
-        fh::msgQueue(&p);
-    };
-    auto unreachable = [](MSG_ADDRESS *a) {
-        auto *b = static_cast<CMGR_PROCESS_UNREACHABLE *>(ObjNewInternal(
-            sizeof(CMGR_PROCESS_UNREACHABLE), CMGR_PROCESS_UNREACHABLE_MAGIC, CMGR_PROCESS_UNREACHABLE_FORMAT, nullptr,
-            nullptr));
-        b->oAddress = a;
-        ObjIncRefCount(a);
-        return static_cast<void *>(b);
-    };
-    const TIME_TIMEOUT now{0, 0};
-    for (const bool aboutPeer : {true, false}) {
-        SCOPED_TRACE(aboutPeer);
-        void *body = unreachable(aboutPeer ? peer : other);
-        queueNews(CMGR_PROCESS_UNREACHABLE_MSG, body);
-        ObjReleaseInternal(&body);
-        MSG_MESSAGE *m = nullptr;
-        EXPECT_FALSE(MsgReceiveMsgTypeFromAddress(&m, kTest, peer, &now));
-        EXPECT_EQ(queued(), std::vector<int32_t>{CMGR_PROCESS_UNREACHABLE_MSG});
-        for (MSG_PACKET *p = nullptr; MsgReceivePopPacket(&p);) ObjReleaseInternal(&p);
-    }
-    ObjReleaseInternal(&peer);
-    ObjReleaseInternal(&other);
 }
 
 // Putting back adds at the front: two messages requeued in receive order,
@@ -333,15 +247,18 @@ TEST_F(ReceiveTest, AlarmsDuringPassesLoseNothing) {
     sigaction(SIGALRM, &alarm, &saved);
     const itimerval every{{0, 1000}, {0, 1000}}, off{};
     setitimer(ITIMER_REAL, &every, nullptr);
-    MSG_ADDRESS *near = nullptr, *far = nullptr;
-    link(&near, &far);
+    Pairs pairs(1);
+    MSG_CHANNEL *other = nullptr; // the far end as a channel too
+    ASSERT_TRUE(MsgChannelCreateInternal(&other, pairs.far[0], MsgLocalAddress(), FALSE, TRUE, FALSE, FALSE, FALSE));
+    pairs.far[0] = -1;
+    ObjReleaseInternal(&other);
     constexpr int kCount = 3000;
     int sent = 0, got = 0;
     const TIME_TIMEOUT limit = in(20000);
     while (got < kCount && !TimeTimeoutHasExpired(&limit)) {
         if (sent < kCount) {
             OBJ_INTEGER *n = ObjIntegerNew(sent++);
-            EXPECT_TRUE(MsgSendObject(near, kTest, n));
+            EXPECT_TRUE(MsgSendObject(pairs.near[0], kTest, n));
             ObjReleaseInternal(&n);
         }
         MSG_MESSAGE *m = nullptr;
@@ -352,8 +269,6 @@ TEST_F(ReceiveTest, AlarmsDuringPassesLoseNothing) {
     setitimer(ITIMER_REAL, &off, nullptr);
     sigaction(SIGALRM, &saved, nullptr);
     EXPECT_EQ(got, kCount);
-    ObjReleaseInternal(&near);
-    ObjReleaseInternal(&far);
 }
 
 // A peer that dies half-way through a 50 MiB message: one notice that the
