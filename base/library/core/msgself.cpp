@@ -73,7 +73,7 @@ MemPool *fh::msgSelfPool() {
 }
 
 bool fh::msgPacketIsSelf(const MSG_PACKET *packet) {
-    return packet != nullptr && objectPool(packet) == &gSelfPool;
+    return packet != nullptr && ObjCheckTypeInternal(packet, MSG_PACKET_MAGIC) && objectPool(packet) == &gSelfPool;
 }
 
 bool fh::msgMessageIsSelf(const void *message) {

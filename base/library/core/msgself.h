@@ -6,7 +6,9 @@
 // made of it are marked in memory, never in the image: their objects come
 // from a pool of their own, which no reader of bytes from elsewhere uses.
 // No bytes from a socket can make a marked packet, and a marked packet is
-// never sent out.
+// never sent out. A copy made by ObjDuplicate comes from the default pool
+// and so loses the mark: its body then reads as bytes from elsewhere and is
+// refused. Make a new packet of the message instead (msgPacketFromMessage).
 #ifndef FHCORE_MSGSELF_H
 #define FHCORE_MSGSELF_H
 
