@@ -55,22 +55,18 @@ MSG_MESSAGE *next(int32_t type, int seconds = 10) {
 // that id is unknown.
 bool reach(int32_t id) {
     OBJ_INTEGER *hello = ObjIntegerNew(0);
-    MSG_MESSAGE *m = nullptr;
-    for (int attempt = 0; attempt < 200 && m == nullptr; ++attempt) {
+    bool reached = false, unknown = false;
+    for (int attempt = 0; attempt < 200 && !reached; ++attempt) {
         sendTo(id, kInject, hello);
-        for (MSG_MESSAGE *any = nullptr; m == nullptr && (any = next(0, 5)) != nullptr;) {
-            if (any->iType == kInject) m = any;
-            else if (any->iType == CMGR_PROCESS_UNREACHABLE_MSG) {
-                ObjReleaseInternal(&any);
-                fh::msgSelectPass(20);
-                break;
-            }
-            ObjReleaseInternal(&any);
+        unknown = false;
+        for (MSG_MESSAGE *any = nullptr; !reached && !unknown && (any = next(0, 5)) != nullptr;
+             ObjReleaseInternal(&any)) {
+            reached = any->iType == kInject;
+            unknown = any->iType == CMGR_PROCESS_UNREACHABLE_MSG;
         }
+        if (unknown) fh::msgSelectPass(20);
     }
     ObjReleaseInternal(&hello);
-    const bool reached = m != nullptr;
-    ObjReleaseInternal(&m);
     return reached;
 }
 bool answer() {
