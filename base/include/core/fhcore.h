@@ -41,6 +41,7 @@
 #include "msgpacket.h"
 #include "channel.h"
 #include "msgsend.h"
+#include "shm.h"
 #include "proc.h"
 
 #endif /* FHCORE_FHCORE_H */

@@ -39,6 +39,8 @@
 #include "core/objmap.h"
 #include "core/objwrappers.h"
 #include "core/path.h"
+#include "core/proc.h"
+#include "core/shm.h"
 #include "core/stanzafile.h"
 #include "core/strbase.h"
 #include "core/sys.h"
@@ -87,6 +89,8 @@ constexpr Module kModules[] = {
     {"Time", 475, TimeInitialize, [](LmContext *) { return TimeInitializeThread(); }, TimeReleaseThread},
     {"Locale", 480, LocaleInitialize, [](LmContext *) { return LocaleInitializeThread(); }, LocaleReleaseThread},
     {"Msg", 500, MsgInitialize, [](LmContext *) { return MsgInitializeThread(); }, MsgReleaseThread},
+    {"Shm", 510, ShmInitialize, ShmInitializeThread, ShmReleaseThread},
+    {"Process", 520, ProcessInitialize, ProcessInitializeThread, ProcessReleaseThread},
 };
 constexpr size_t kModuleCount = std::size(kModules);
 
