@@ -62,6 +62,7 @@ bench-build:
 	$(call need,/usr/include/spdlog/spdlog.h,libspdlog-dev)
 	$(call need,/usr/include/msgpack.h,libmsgpack-dev)
 	$(call need,/usr/include/ini.h,libinih-dev)
+	$(call need,/usr/include/zmq.h,libzmq3-dev)
 	cmake -S . -B $(BENCH_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DFHCORE_TESTS=OFF -DFHCORE_EXAMPLES=OFF -DFHCORE_BENCH=ON
 	cmake --build $(BENCH_BUILD) -j $(JOBS)
 

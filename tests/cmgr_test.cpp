@@ -8,6 +8,7 @@
 #include "daemon.h"
 #include "messages/msgcmgr.h"
 #include "messages/msgmsg.h"
+#include "messages/msgtimer.h"
 #include "msgchannel.h"
 #include "net_support.h"
 
@@ -169,6 +170,15 @@ TEST_F(CmgrTest, ClientThatStopsReadingIsTakenDown) {
     EXPECT_EQ(await({MSG_PING_MSG}, 5000), MSG_PING_MSG);
     kill(stuck, SIGKILL);
     nettest::waitChild(stuck);
+}
+
+// No peer makes a process call a pointer: a timer message read from a
+// socket is dropped, and the message behind it arrives.
+TEST_F(CmgrTest, TimerMessageThroughTheManagerIsDropped) {
+    ASSERT_TRUE(join(21));
+    ASSERT_TRUE(sendTo(21, TIMER_CALLBACK_MSG));
+    ASSERT_TRUE(sendTo(21, MSG_PING_MSG));
+    EXPECT_EQ(await({TIMER_CALLBACK_MSG, MSG_PING_MSG}, 5000), MSG_PING_MSG);
 }
 
 } // namespace

@@ -65,6 +65,11 @@ struct LmContext {
     /* Net: the last serial given to a socket hand-over. */
     int32_t iNetInheritCounter;
 
+    /* Timers: the pending events (LIST of TIMR_EVENT, latest first), and the
+     * timeout (TIME_TIMEOUT) of the next alarm, also the clock of a sweep. */
+    void *oTimrEvents;
+    void *oTimrNextAlarm;
+
     /* Messaging: the map of message names (a MAP), and the field in which
      * the name of an unknown id is formatted. */
     void *pMsgNameMap;
@@ -85,6 +90,26 @@ struct LmContext {
     int32_t iMsgLastChannelId;
     int32_t bMsgIpcConnected;
     void *oMsgReceiveList;
+    /* Receiving: the addresses on other machines whose death this process
+     * wants to hear of (LIST of MSG_ADDRESS), the prepared failures of task
+     * requests that went to other machines (LIST of
+     * PMGR_GIVE_SERVICE_A_TASK_RETURN), the handlers (LIST of
+     * MSG_HANDLER_ENTRY), the poll set of a pass (pollfd entries: the
+     * capacity, those in use, where the high sockets start), the quick exit
+     * flag, the last message error code, whether tasks arrive in their old
+     * plain form only, and the task context that came with the last task
+     * converted to that form. */
+    void *oMsgNotifyOnDeathList;
+    void *oMsgPendingTaskList;
+    void *oMsgHandlerList;
+    void *pMsgPollSet;
+    int32_t iMsgPollCapacity;
+    int32_t iMsgPollCount;
+    int32_t iMsgPollHighStart;
+    int32_t bMsgQuickExit;
+    int32_t iMsgErrorCode;
+    int32_t bMsgOldStyleTasks;
+    void *oMsgTaskContext;
 
     /* Context. */
     void *pThreadContextMarker;

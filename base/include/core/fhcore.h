@@ -41,7 +41,9 @@
 #include "msgpacket.h"
 #include "channel.h"
 #include "msgsend.h"
+#include "msgreceive.h"
 #include "shm.h"
 #include "proc.h"
+#include "timer.h"
 
 #endif /* FHCORE_FHCORE_H */

@@ -35,4 +35,16 @@
 
 FH_MSG_DECLARE_FAMILY(FH_MSG_FAMILY_NMGR)
 
+/* The body of NMGR_MACHINE_UNREACHABLE_MSG: the machine and its id, the
+ * type of the message that could not be delivered, and that message's
+ * body. The message layer reads the last two fields only. */
+#define NMGR_MACHINE_UNREACHABLE_MAGIC 0xCA3B6E15u
+#define NMGR_MACHINE_UNREACHABLE_FORMAT "s;i;i;o;"
+typedef struct NMGR_MACHINE_UNREACHABLE {
+    char *pszMachine;
+    int32_t iMachine;
+    int32_t iMsgType;
+    void *oObject;
+} NMGR_MACHINE_UNREACHABLE;
+
 #endif /* FHCORE_MESSAGES_MSGNMGR_H */

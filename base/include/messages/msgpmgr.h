@@ -57,6 +57,89 @@
 
 FH_MSG_DECLARE_FAMILY(FH_MSG_FAMILY_PMGR)
 
+/* ---- Bodies ------------------------------------------------------------------
+ * The bodies that the message layer itself reads. Each arrives from another
+ * process: a reader checks the magic and the format before it reads a
+ * field. */
+
+/* The address of a service: machine name, process name, interface type
+ * (its low byte, signed). */
+#define PROC_ADDRESS_MAGIC 0xC9F2F99Bu
+#define PROC_ADDRESS_FORMAT "s;s;i;"
+typedef struct PROC_ADDRESS {
+    char *pszMachine;
+    char *pszProcess;
+    int32_t iInterfaceType;
+} PROC_ADDRESS;
+
+/* A request for a task of a service, in its plain and extended forms. */
+#define PMGR_GIVE_SERVICE_A_TASK_MAGIC 0xC9C6BC30u
+#define PMGR_GIVE_SERVICE_A_TASK_FORMAT "o;s;i;s;b;o;i;"
+#define PMGR_GIVE_SERVICE_A_TASK_EXT_MAGIC 0xCA64F35Au
+#define PMGR_GIVE_SERVICE_A_TASK_EXT_FORMAT "o;s;i;s;b;o;i;o;o;"
+typedef struct PMGR_GIVE_SERVICE_A_TASK {
+    void *oService;      /* PROC_ADDRESS */
+    char *pszFirstText;
+    int32_t iSecurityCookie; /* -1: none */
+    char *pszSecondText;
+    BOOL bConnectBack;
+    void *oTaskObject;
+    int32_t iUniqueId;
+} PMGR_GIVE_SERVICE_A_TASK;
+typedef struct PMGR_GIVE_SERVICE_A_TASK_EXT {
+    void *oService;
+    char *pszFirstText;
+    int32_t iSecurityCookie;
+    char *pszSecondText;
+    BOOL bConnectBack;
+    void *oTaskObject;
+    int32_t iUniqueId;
+    void *oTaskContext; /* TASK_CONTEXT */
+    void *oReserved;    /* null */
+} PMGR_GIVE_SERVICE_A_TASK_EXT;
+
+/* The reply to a task request. */
+#define PMGR_GIVE_SERVICE_A_TASK_RETURN_MAGIC 0xCC0B0916u
+#define PMGR_GIVE_SERVICE_A_TASK_RETURN_FORMAT "b;i;o;i;b;i;o;"
+typedef struct PMGR_GIVE_SERVICE_A_TASK_RETURN {
+    BOOL bTaken;
+    int32_t iError;     /* 9: the machine went down; 17: unreachable */
+    void *oTakenBy;     /* MSG_ADDRESS of the process that took it */
+    int32_t iReserved;
+    BOOL bReserved;
+    int32_t iUniqueId;  /* of the request */
+    void *oService;     /* PROC_ADDRESS of the request */
+} PMGR_GIVE_SERVICE_A_TASK_RETURN;
+
+/* What a service receives in PMGR_TASK_MSG, plain and extended. */
+#define PMGR_TASK_MAGIC 0xC9C6BE8Du
+#define PMGR_TASK_FORMAT "o;i;o;i;"
+#define PMGR_TASK_EXT_MAGIC 0xCA729367u
+#define PMGR_TASK_EXT_FORMAT "o;i;o;i;o;"
+typedef struct PMGR_TASK {
+    void *oConnectBackTo; /* MSG_ADDRESS */
+    int32_t iConnectNow;
+    void *oTaskObject;
+    int32_t iLast;
+} PMGR_TASK;
+typedef struct PMGR_TASK_EXT {
+    void *oConnectBackTo;
+    int32_t iConnectNow;
+    void *oTaskObject;
+    int32_t iLast;
+    void *oTaskContext; /* TASK_CONTEXT */
+} PMGR_TASK_EXT;
+
+/* The bodies of PMGR_NOTIFY_ON_DEATH_MSG and PMGR_PROCESS_DIED_MSG: one
+ * MSG_ADDRESS. */
+#define PMGR_NOTIFY_ON_DEATH_MAGIC 0xC9C6BD30u
+#define PMGR_NOTIFY_ON_DEATH_FORMAT "o;"
+#define PMGR_PROCESS_DIED_MAGIC 0xC9C6BD5Du
+#define PMGR_PROCESS_DIED_FORMAT "o;"
+typedef struct PMGR_PROCESS_DIED {
+    void *oAddress;
+} PMGR_PROCESS_DIED, PMGR_NOTIFY_ON_DEATH;
+
 /* The body of PMGR_ATTACH_TO_SHM_MSG: the id of the main segment, the id
  * of the process table segment, and the offsets in the main segment of the
  * process's entry, its progress buffer (0: none) and the time area. */

@@ -46,6 +46,7 @@
 #include "core/sys.h"
 #include "core/syssignal.h"
 #include "core/timeout.h"
+#include "core/timer.h"
 #include "core/trace.h"
 #include "core/tree.h"
 #include "cfgcache.h"
@@ -89,7 +90,8 @@ constexpr Module kModules[] = {
     {"Time", 475, TimeInitialize, [](LmContext *) { return TimeInitializeThread(); }, TimeReleaseThread},
     {"Locale", 480, LocaleInitialize, [](LmContext *) { return LocaleInitializeThread(); }, LocaleReleaseThread},
     {"Msg", 500, MsgInitialize, [](LmContext *) { return MsgInitializeThread(); }, MsgReleaseThread},
-    {"Shm", 510, ShmInitialize, ShmInitializeThread, ShmReleaseThread},
+    {"Timer", 510, TimerInitialize, TimerInitializeThread, TimerReleaseThread},
+    {"Shm", 515, ShmInitialize, ShmInitializeThread, ShmReleaseThread},
     {"Process", 520, ProcessInitialize, ProcessInitializeThread, ProcessReleaseThread},
 };
 constexpr size_t kModuleCount = std::size(kModules);

@@ -22,6 +22,7 @@
 #include "core/context.h"
 #include "core/map.h"
 #include "core/memory.h"
+#include "core/net.h"
 #include "core/object.h"
 #include "core/strbase.h"
 #include "messages/msgcatalogue.h"
@@ -34,7 +35,33 @@ namespace {
 
 constexpr fh::ModuleTracer trace{"MESSAGE        "};
 
-enum TraceId : int32_t { kIdLoaded = 1, kIdMapFailed = 2, kIdBadBuffer = 3, kIdNameTaken = 4, kIdBadName = 5 };
+enum TraceId : int32_t {
+    kIdLoaded = 1,
+    kIdMapFailed = 2,
+    kIdBadBuffer = 3,
+    kIdNameTaken = 4,
+    kIdBadName = 5,
+    kIdReleaseStart = 6,
+    kIdReleaseField = 7,
+    kIdReleaseEnd = 8,
+};
+
+// The objects of the context that go in the fifth step of a release, in
+// their order, with the names their traces give.
+struct ReleasedField {
+    const char *name;
+    void *LmContext::*field;
+};
+// The context's timeout belongs to the timers, which release it in their
+// own step of the ladder; its row keeps its place in the order.
+constexpr ReleasedField kReleasedFields[] = {
+    {"oTimeout", nullptr},
+    {"oChannels", &LmContext::oMsgChannels},
+    {"oConnectingList", &LmContext::oMsgConnectingList},
+    {"oLingerList", &LmContext::oMsgLingerList},
+    {"oLocalAddress", &LmContext::oMsgLocalAddress},
+    {"oNotifyOnDeathList", &LmContext::oMsgNotifyOnDeathList},
+};
 
 using fh::MessageName;
 
@@ -169,7 +196,7 @@ BOOL MsgSetMsgName(int32_t type, const char *name) {
 // The templates and the well-known addresses (msgaddress.cpp, msgpacket.cpp).
 BOOL MsgInitialize(void) {
     return fh::msgAddressesInitialize() && fh::msgPacketsInitialize() && fh::msgChannelsInitialize() &&
-           fh::msgConnectInitialize();
+           fh::msgConnectInitialize() && fh::msgReceiveInitialize();
 }
 
 BOOL MsgInitializeThread(void) {
@@ -182,11 +209,24 @@ BOOL MsgInitializeThread(void) {
     for (const MessageName &row : kCatalogue) MapInsertEntry(map, &row);
     trace(kIdLoaded, 0, 2, "Initialize %ld message names", static_cast<long>(MapSize(map)));
     gtLmContext.pMsgNameMap = map;
-    return fh::msgAddressesInitializeThread() && fh::msgChannelsInitializeThread();
+    return fh::msgAddressesInitializeThread() && fh::msgChannelsInitializeThread() &&
+           fh::msgReceiveInitializeThread();
 }
 
+// Lingering channels wait for their peers before they go; until the
+// process has them, every channel goes down at once, as with a quick exit.
 void MsgReleaseThread(LmContext *context) {
-    fh::msgChannelsReleaseThread(context);
-    fh::msgAddressesReleaseThread(context);
+    trace(kIdReleaseStart, 0, 2, "MsgReleaseThread()");
+    fh::msgChannelsShutDown(context);
+    for (const ReleasedField &row : kReleasedFields) {
+        trace(kIdReleaseField, 0, 2, "Release %s", row.name);
+        if (row.field != nullptr) ObjReleaseInternal(&(context->*row.field));
+    }
+    ObjReleaseInternal(&context->oMsgIpcChannel);
+    context->bMsgIpcConnected = FALSE;
     ObjReleaseInternal(&context->pMsgNameMap);
+    for (void **mask : {&context->pMsgWorkingMask, &context->pMsgSelectMask})
+        NetReleaseSelectMask(reinterpret_cast<NetSelectMask **>(mask));
+    fh::msgReceiveReleaseThread(context);
+    trace(kIdReleaseEnd, 0, 2, "Finished MsgReleaseThread");
 }

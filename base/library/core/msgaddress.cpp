@@ -182,7 +182,6 @@ bool fh::msgAddressesInitializeThread() {
     return gtLmContext.oMsgLocalAddress != nullptr;
 }
 
-void fh::msgAddressesReleaseThread(LmContext *context) { ObjReleaseInternal(&context->oMsgLocalAddress); }
 
 // ---- Addresses ----
 

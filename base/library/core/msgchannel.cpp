@@ -41,6 +41,7 @@
 #include "core/objserial.h"
 #include "messages/msgmsg.h"
 #include "msgchannel.h"
+#include "msgself.h"
 #include "objcore.h"
 #include "tracer.h"
 
@@ -276,6 +277,7 @@ bool consumed(MSG_CHANNEL *c) {
     auto *image = static_cast<unsigned char *>(c->oInput.pData);
     const int32_t type = fh::msgGetLe32(image + 24);
     trace(kIdGotA, 0, 3, "Got a %s", MsgNameWithBuffer(type, nullptr, 0));
+    if (fh::msgDropFromSocket(type, c->iId, c->iSocket)) return true;
     switch (type) {
     case MSG_DISCONNECT_MSG:
         trace(kIdDisconnect, 0, 2, "Received Disconnect request on channel %ld socket %ld", static_cast<long>(c->iId),
@@ -391,7 +393,7 @@ bool fh::msgChannelsInitializeThread() {
     return true;
 }
 
-void fh::msgChannelsReleaseThread(LmContext *context) {
+void fh::msgChannelsShutDown(LmContext *context) {
     ObjReleaseInternal(&context->oMsgReceiveList);
     auto *pending = static_cast<LIST *>(context->oMsgConnectingList);
     for (MSG_CONNECTING *entry = nullptr; pending != nullptr && ListPopFirstItemInternal(pending, &entry);) {
@@ -408,13 +410,6 @@ void fh::msgChannelsReleaseThread(LmContext *context) {
         }
     if (context->oMsgLingerList != nullptr)
         ListWalk(static_cast<LIST *>(context->oMsgLingerList), MsgChannelForceDown, nullptr);
-    ObjReleaseInternal(&context->oMsgChannels);
-    ObjReleaseInternal(&context->oMsgConnectingList);
-    ObjReleaseInternal(&context->oMsgLingerList);
-    ObjReleaseInternal(&context->oMsgIpcChannel);
-    for (void **mask : {&context->pMsgWorkingMask, &context->pMsgSelectMask})
-        NetReleaseSelectMask(reinterpret_cast<NetSelectMask **>(mask));
-    context->bMsgIpcConnected = FALSE;
 }
 
 MSG_CHANNEL *fh::msgChannelOf(const void *object) {
@@ -661,6 +656,27 @@ FH_MSG_SELECT_OPERATION(MsgIsExceptionSelectSet, NetIsExceptionSelectSet)
 
 // ---- A pass ----
 
+namespace {
+
+// Serves one channel with the readiness of a pass: write, then read.
+void serveOne(MSG_CHANNEL *c, const NetSelectMask *working) {
+    ObjIncRefCount(c);
+    if (!c->bIsDown && fh::msgSocketReady(working, c->iSocket, true)) MsgChannelOutputData(c);
+    MSG_PACKET *packet = nullptr;
+    if (!c->bIsDown && fh::msgSocketReady(working, c->iSocket, false) && MsgChannelReceiveData(&packet, c))
+        fh::msgDeliver(c, &packet);
+    ObjReleaseInternal(&c);
+}
+
+int32_t serveLingering(void *working, LISTNODE *node) {
+    auto *c = static_cast<MSG_CHANNEL *>(node->oItem);
+    serveOne(c, static_cast<const NetSelectMask *>(working));
+    if (c->bIsDown) ListRemoveItem(node);
+    return TRUE;
+}
+
+} // namespace
+
 void fh::msgServeChannels(const NetSelectMask *working) {
     OBJ_MAP *map = channelMap();
     // The map can change under a read (a channel down stays, a close
@@ -669,31 +685,8 @@ void fh::msgServeChannels(const NetSelectMask *working) {
         MSG_CHANNEL *c = static_cast<MSG_CHANNEL **>(map->oData.pData)[i];
         if (c->iId <= id) continue;
         id = c->iId;
-        ObjIncRefCount(c);
-        if (!c->bIsDown && NetIsWriteSelectSet(working, c->iSocket)) MsgChannelOutputData(c);
-        MSG_PACKET *packet = nullptr;
-        if (!c->bIsDown && NetIsReadSelectSet(working, c->iSocket) && MsgChannelReceiveData(&packet, c)) {
-            if (gtLmContext.bMsgIpcConnected)
-                msgQueue(&packet);
-            else
-                ObjReleaseInternal(&packet);
-        }
-        ObjReleaseInternal(&c);
+        serveOne(c, working);
     }
-    msgServeConnecting(working);
-}
-
-int32_t fh::msgSelectPass(int32_t milliseconds) {
-    auto *working = static_cast<NetSelectMask *>(gtLmContext.pMsgWorkingMask);
-    if (working == nullptr) return NET_ERROR_FATAL;
-    NetCopySelectMask(working, msgSelectMask());
-    const int32_t result = NetSelectRelative(nullptr, working, milliseconds);
-    if (result == NET_ERROR_TIMEOUT) {
-        // Nothing is ready: the connections under way look at their deadlines.
-        FD_ZERO(&working->oRead);
-        FD_ZERO(&working->oWrite);
-        FD_ZERO(&working->oException);
-    }
-    if (result == NET_ERROR_NONE || result == NET_ERROR_TIMEOUT) msgServeChannels(working);
-    return result;
+    if (auto *linger = static_cast<LIST *>(gtLmContext.oMsgLingerList); linger != nullptr && linger->iCount > 0)
+        ListWalk(linger, serveLingering, const_cast<NetSelectMask *>(working));
 }

@@ -11,15 +11,16 @@
 #include "core/msgpacket.h"
 #include "core/net.h"
 #include "core/object.h"
+#include "core/timeout.h"
+#include "messages/msgpmgr.h"
 #include "codec.h"
 
 namespace fh {
 
 // Templates and well-known addresses (once per process); the process's own
-// address in the context, and its release.
+// address in the context.
 bool msgAddressesInitialize();
 bool msgAddressesInitializeThread();
-void msgAddressesReleaseThread(LmContext *context);
 bool msgPacketsInitialize();
 
 // The address or the message itself, or null for anything that isn't one.
@@ -44,10 +45,13 @@ ChannelView msgChannelView(int32_t channelId);
 // ---- Channels (msgchannel.cpp) ----
 
 // Templates (once per process); the map, select masks and lists of the
-// context, and their release in the order of the release of a thread.
+// context. The first steps of the release of a thread: the receive list
+// goes, the connections under way are closed, every channel but the IPC
+// channel goes down without notice, and the lingering ones are forced
+// down; the objects themselves stay for MsgReleaseThread.
 bool msgChannelsInitialize();
 bool msgChannelsInitializeThread();
-void msgChannelsReleaseThread(LmContext *context);
+void msgChannelsShutDown(LmContext *context);
 
 // The channel of an id in the map, borrowed; null if none.
 MSG_CHANNEL *msgChannelFind(int32_t id);
@@ -65,14 +69,47 @@ MSG_PACKET *msgBarePacket(int32_t type, const void *from, const void *to);
 inline int32_t msgGetLe32(const unsigned char *p) { return static_cast<int32_t>(readLe32(p)); }
 inline void msgPutLe32(unsigned char *p, int32_t value) { writeLe32(p, static_cast<uint32_t>(value)); }
 
-// One pass over the channels and the connections under way with a working
-// mask that select has filled: output on each write bit, one read on each
-// read bit; a delivered packet goes on the receive list once the IPC
-// connection is made, else it is dropped. Then oConnectingList is served.
+// One pass over the channels of the map and then the lingering ones, with
+// the readiness of a pass: output when ready to write, then one read when
+// ready to read; each packet read goes to msgDeliver. A lingering channel
+// that has gone down leaves the linger list.
 void msgServeChannels(const NetSelectMask *working);
-// A select pass for at most milliseconds (-1: no limit) and the service
-// above; the result of the select.
+// What the channel layer does with a whole packet read off channel: the
+// IPC filter for the IPC channel of every process but the communication
+// manager, then the receive list once the IPC connection is made; before
+// that the packet is dropped. Takes the reference.
+void msgDeliver(MSG_CHANNEL *channel, MSG_PACKET **packet);
+// The filter's body types (once per process).
+bool msgFilterInitialize();
+// Whether this process takes tasks in the old plain form only, so that a
+// PMGR_TASK_EXT is converted on arrival; set at start-up.
+void msgSetOldStyleTasks(bool oldStyle);
+
+// ---- The pass (msgreceive.cpp) ----
+
+bool msgReceiveInitialize();
+bool msgReceiveInitializeThread();
+void msgReceiveReleaseThread(LmContext *context);
+// Whether socket was found ready to write (or read) by the last pass: the
+// working mask below FD_SETSIZE, the pass's own record from there up.
+bool msgSocketReady(const NetSelectMask *working, int32_t socket, bool write);
+// One pass: wait until timeout (null: no limit) for a socket of the select
+// mask or a channel, serve what is ready, the handlers, the connections
+// under way and the timers. The result of the wait, as NetSelect gives it.
+int32_t msgPass(const TIME_TIMEOUT *timeout);
+// The same for at most milliseconds (-1: no limit).
 int32_t msgSelectPass(int32_t milliseconds);
+// The never timeout that a null timeout stands for.
+const TIME_TIMEOUT *msgNeverTimeout();
+// The port of the tunnel service ("Tunnel Port" in the network settings;
+// 0: none), read at start-up.
+int32_t msgTunnelPort();
+// Timers: expire what is due, and lower a deadline to the next event.
+void msgExpireTimers();
+void msgLowerToTimers(TIME_TIMEOUT *deadline);
+// A message as a packet for the front of the receive list, keeping its
+// destination and source; null when it can't be made.
+MSG_PACKET *msgRequeueForm(const void *message);
 
 // ---- Connections (msgconnect.cpp) ----
 
@@ -89,6 +126,16 @@ bool msgConnectInitialize();
 
 // ---- The receive list (msgsend.cpp) ----
 
+// The body types that the layer makes (once per process).
+bool msgSendInitialize();
+// A prepared failure of a task request: not taken, code, the request's
+// unique id and service address (referenced). Null when out of memory.
+PMGR_GIVE_SERVICE_A_TASK_RETURN *msgNewTaskReturn(int32_t code, int32_t uniqueId, void *service);
+// A PMGR_PROCESS_DIED body naming address (referenced).
+void *msgNewProcessDied(const MSG_ADDRESS *address);
+// Adds a copy of address to oNotifyOnDeathList unless an equal one is
+// there; true when added.
+bool msgNotifyOnDeathAdd(const MSG_ADDRESS *address);
 // Puts a packet at the end of the receive list (takes the reference).
 void msgQueue(MSG_PACKET **packet);
 // Queues a packet of type, no body, from and to address.

@@ -12,6 +12,11 @@
 // length; the body is read by the bounded reader over the bytes behind
 // offset 200 alone. A packet inside a message body is refused by the same
 // check when it arrives.
+//
+// Packets to self. A packet the process makes for itself (msgself.h) has the
+// same header, but its body is in the in-process form and its object comes
+// from the self pool; the body readers below tell the two apart by that
+// pool, and a message made of such a packet comes from the same pool.
 #include "core/msgpacket.h"
 
 #include <cstring>
@@ -21,6 +26,7 @@
 #include "core/objserial.h"
 #include "codec.h"
 #include "msgchannel.h"
+#include "msgself.h"
 #include "objcore.h"
 #include "tracer.h"
 
@@ -96,8 +102,11 @@ unsigned char *soundImage(const void *packet, int32_t *size) {
     return bytes;
 }
 
-// The body of a sound image, read by the bounded reader.
-bool readBody(void **body, const unsigned char *image, int32_t size) {
+// The body of a sound image: by the bounded reader, or in the in-process
+// form for a packet the process made for itself.
+bool readBody(void **body, const MSG_PACKET *packet, const unsigned char *image, int32_t size) {
+    if (fh::msgPacketIsSelf(packet))
+        return fh::msgSelfReadBody(body, image + MSG_PACKET_BODY_OFFSET, size - MSG_PACKET_BODY_OFFSET);
     return ObjReconstructFromBytes(body, image + MSG_PACKET_BODY_OFFSET, size - MSG_PACKET_BODY_OFFSET);
 }
 
@@ -124,8 +133,8 @@ constinit fh::ObjectType<MSG_MESSAGE> gMessageType{MSG_MESSAGE_MAGIC, MSG_MESSAG
 constinit fh::ObjectType<MSG_PACKET> gPacketType{MSG_PACKET_MAGIC, MSG_PACKET_FORMAT, fh::kReceivable, packetIsSound,
                                                 &gtObjTemplatePacket};
 
-MSG_MESSAGE *newMessage(void *destination, void *source, int32_t type, void *body) {
-    auto *m = gMessageType.newInstance(pool());
+MSG_MESSAGE *newMessage(void *destination, void *source, int32_t type, void *body, MemPool *from = pool()) {
+    auto *m = gMessageType.newInstance(from);
     m->oDestination = static_cast<MSG_ADDRESS *>(destination);
     m->oSource = static_cast<MSG_ADDRESS *>(source);
     m->iType = type;
@@ -211,21 +220,16 @@ BOOL MsgIsFromLocalMachine(const void *message) {
 
 // ---- Packets ----
 
-BOOL MsgCreatePacket(MSG_PACKET **packet, const void *destination, const void *source, int32_t type,
-                     const void *object) {
+bool fh::msgMakePacket(MSG_PACKET **packet, const void *destination, const void *source, int32_t type,
+                       const void *object, bool self) {
     MsgPacketAddress to{}, from{};
-    if (packet == nullptr || (object != nullptr && !ObjHasValidGlobalMagic(object)) ||
-        !toPacketAddress(&to, destination) || !toPacketAddress(&from, source)) {
-        trace(kIdBadPacket, 0, 2, "MsgCreatePacket(%p, %p, %p, %ld, %p) - no packet for these addresses",
-              static_cast<void *>(packet), destination, source, static_cast<long>(type), object);
-        return FALSE;
-    }
+    if (!toPacketAddress(&to, destination) || !toPacketAddress(&from, source)) return false;
     ObjBufferDescriptor *buffer = nullptr;
     ObjBufferDescriptorCreate(&buffer, nullptr, 0, MSG_PACKET_HEADER_SIZE);
-    if (!ObjSerializeToBuffer(object, static_cast<uint32_t>(type), buffer)) {
+    if (!(self ? fh::msgSelfFrame(object, type, buffer) : ObjSerializeToBuffer(object, static_cast<uint32_t>(type), buffer))) {
         trace(kIdNoSerialize, 0, 2, "Unable to serialize Message object to buffer");
         ObjBufferDescriptorFree(&buffer);
-        return FALSE;
+        return false;
     }
     auto *image = reinterpret_cast<unsigned char *>(buffer->Buffer);
     memset(image, 0, MSG_PACKET_HEADER_SIZE);
@@ -234,12 +238,23 @@ BOOL MsgCreatePacket(MSG_PACKET **packet, const void *destination, const void *s
     putPair(image, kSource, from);
     putPair(image, kDestination, to);
     fh::writeLe32(image + kType, static_cast<uint32_t>(type));
-    auto *made = gPacketType.newInstance(pool());
+    auto *made = gPacketType.newInstance(self ? fh::msgSelfPool() : pool());
     made->oImage = {buffer->Used, buffer->Buffer}; // the packet takes the buffer over
     buffer->Buffer = nullptr;
     buffer->Owned = FALSE;
     ObjBufferDescriptorFree(&buffer);
     *packet = made;
+    return true;
+}
+
+BOOL MsgCreatePacket(MSG_PACKET **packet, const void *destination, const void *source, int32_t type,
+                     const void *object) {
+    if (packet == nullptr || (object != nullptr && !ObjHasValidGlobalMagic(object)) ||
+        !fh::msgMakePacket(packet, destination, source, type, object, false)) {
+        trace(kIdBadPacket, 0, 2, "MsgCreatePacket(%p, %p, %p, %ld, %p) - no packet for these addresses",
+              static_cast<void *>(packet), destination, source, static_cast<long>(type), object);
+        return FALSE;
+    }
     return TRUE;
 }
 
@@ -262,9 +277,10 @@ BOOL MsgMessageFromPacket(MSG_MESSAGE **message, const MSG_PACKET *packet) {
     int32_t size = 0;
     const unsigned char *image = soundImage(packet, &size);
     void *body = nullptr;
-    if (message == nullptr || image == nullptr || !readBody(&body, image, size)) return FALSE;
+    if (message == nullptr || image == nullptr || !readBody(&body, packet, image, size)) return FALSE;
     *message = newMessage(addressOfPair(getPair(image, kDestination)), addressOfPair(getPair(image, kSource)),
-                          static_cast<int32_t>(fh::readLe32(image + kType)), body);
+                          static_cast<int32_t>(fh::readLe32(image + kType)), body,
+                          fh::msgPacketIsSelf(packet) ? fh::msgSelfPool() : pool());
     return TRUE;
 }
 
@@ -272,7 +288,7 @@ BOOL MsgObjectFromPacketInternal(void **object, const MSG_PACKET *packet, uint32
     int32_t size = 0;
     const unsigned char *image = soundImage(packet, &size);
     void *body = nullptr;
-    if (object == nullptr || image == nullptr || !readBody(&body, image, size)) return FALSE;
+    if (object == nullptr || image == nullptr || !readBody(&body, packet, image, size)) return FALSE;
     const bool passes = body == nullptr ? magic == 0xFFFFFFFFu : magic == 0 || ObjCheckTypeInternal(body, magic);
     if (!passes) {
         trace(kIdBodyMagic, 0, 2, "Packet body %s is not of magic 0x%lx", ObjNameFromObject(body),

@@ -1,0 +1,111 @@
+// Timers and messages to self: events fire earliest first with both tie
+// rules, follow the caller's timeout object and fire once; a packet to self
+// keeps pointers whole and never leaves the process.
+#include <vector>
+
+#include "messages/msgtimer.h"
+#include "msgself.h"
+#include "fixture.h"
+
+namespace {
+
+void routineA(void *) {}
+void routineB(void *) {}
+void *cookie(intptr_t n) { return reinterpret_cast<void *>(n); }
+
+class TimerTest : public LibraryTest {
+protected:
+    void TearDown() override {
+        fired();
+        ListReleaseAll(static_cast<LIST *>(gtLmContext.oTimrEvents));
+        for (void *object : held_) ObjReleaseInternal(&object);
+        LibraryTest::TearDown();
+    }
+    // A timeout at a whole second from the start of the test, held to its end.
+    TIME_TIMEOUT *at(int32_t seconds) {
+        TIME_TIMEOUT *t = nullptr;
+        EXPECT_TRUE(TimeCreateTimeout(&t) && TimeSetTimeout(t, start_ + seconds));
+        return static_cast<TIME_TIMEOUT *>(held_.emplace_back(t));
+    }
+    // Empties the receive list: the cookies of its timer messages, in order.
+    static std::vector<intptr_t> fired() {
+        std::vector<intptr_t> cookies;
+        for (MSG_PACKET *packet = nullptr; MsgReceivePopPacket(&packet); ObjReleaseInternal(&packet)) {
+            void *body = nullptr;
+            const bool timer = MsgObjectFromPacketInternal(&body, packet, TIMER_CALLBACK_MAGIC);
+            cookies.push_back(timer ? reinterpret_cast<intptr_t>(static_cast<TIMER_CALLBACK *>(body)->pCookie) : -1);
+            ObjReleaseInternal(&body);
+        }
+        return cookies;
+    }
+
+private:
+    const int32_t start_ = static_cast<int32_t>(TimeNow());
+    std::vector<void *> held_;
+};
+
+// Events set in any order fire earliest first. Of equal moments, one that
+// ties with the earliest goes behind it and fires first; one that ties with
+// a later event goes in front of it and fires after it.
+TEST_F(TimerTest, FireOrderAndTieRules) {
+    const std::pair<std::vector<std::pair<int, int>>, std::vector<intptr_t>> cases[] = {
+        {{{3, -10}, {2, -20}, {1, -30}}, {1, 2, 3}}, {{{2, -20}, {3, -10}, {1, -30}}, {1, 2, 3}}, {{{1, -10}, {2, -10}}, {2, 1}},
+        {{{1, -20}, {2, -10}, {3, -5}, {4, -10}}, {1, 2, 4, 3}}, {{{1, -10}, {2, -20}, {3, -20}, {4, -10}}, {3, 2, 1, 4}},
+    };
+    for (const auto &[set, fires] : cases) {
+        for (const auto &[n, seconds] : set) ASSERT_TRUE(TimrSetAlarm(routineA, cookie(n), at(seconds)));
+        TimrClearTimers();
+        EXPECT_EQ(fired(), fires);
+    }
+}
+
+// The event reads the caller's object at each sweep but keeps its place;
+// reset counts from the latest; an expired timer can't be reset and fires
+// once; never is refused.
+TEST_F(TimerTest, FollowCallersTimeoutResetAndNever) {
+    TIME_TIMEOUT *later = at(3600), *sooner = at(1800), *never = at(0);
+    TimeSetTimeoutNever(never);
+    EXPECT_FALSE(TimrSetAlarm(routineA, cookie(9), never));
+    ASSERT_TRUE(TimrSetAlarm(routineA, cookie(1), later));
+    ASSERT_TRUE(TimrSetAlarm(routineA, cookie(2), sooner));
+    ASSERT_TRUE(TimrSetAlarm(routineB, cookie(3), at(-1)));
+    ASSERT_TRUE(TimrSetAlarm(routineB, cookie(3), at(7200)));
+    TimeSetTimeout(later, 2); // now earlier than sooner, but set in front of it
+    ASSERT_TRUE(TimrResetAlarm(routineB, cookie(3)));
+    TimrClearTimers();
+    EXPECT_EQ(MsgReceiveCount(), 1) << "the earlier of the pair stayed and fired";
+    EXPECT_EQ(TimrNextEvent()->iSeconds, sooner->iSeconds) << "checked in the place it was set";
+    EXPECT_FALSE(TimrResetAlarm(routineB, cookie(3)));
+    TimeSetTimeout(sooner, 1);
+    TimrClearTimers();
+    EXPECT_EQ(fired(), (std::vector<intptr_t>{3, 2, 1}));
+    EXPECT_TRUE(TimeTimeoutIsNever(TimrNextEvent()));
+}
+
+// A routine and a cookie above 4 GiB come back whole through a packet to
+// self, also after the message goes back to a packet; such a packet is
+// never sent out, and queues no lost-send notice.
+TEST_F(TimerTest, PacketsToSelfKeepPointersAndStayHome) {
+    if (sizeof(void *) < 8) GTEST_SKIP() << "pointers are 32 bits wide here";
+    auto *callback = static_cast<TIMER_CALLBACK *>(ObjTemplateNewInstanceFromPool(gtObjTemplateTimerCallback, nullptr));
+    const auto high = static_cast<uintptr_t>(0x7654321089ABCDEFull);
+    callback->pfnRoutine = reinterpret_cast<TIMER_ROUTINE>(high);
+    callback->pCookie = reinterpret_cast<void *>(high + 1);
+    ASSERT_TRUE(MsgSendObjectToSelf(TIMER_CALLBACK_MSG, callback));
+    ObjReleaseInternal(&callback);
+    MSG_PACKET *packet = nullptr;
+    ASSERT_TRUE(MsgReceivePopPacket(&packet));
+    for (int round = 0; round < 2; ++round) {
+        MSG_MESSAGE *m = nullptr;
+        ASSERT_TRUE(fh::msgPacketIsSelf(packet) && MsgMessageFromPacket(&m, packet));
+        ObjReleaseInternal(&packet);
+        const auto *body = static_cast<const TIMER_CALLBACK *>(m->oObject);
+        EXPECT_TRUE(reinterpret_cast<uintptr_t>(body->pfnRoutine) == high && body->pCookie == cookie(high + 1));
+        ASSERT_TRUE(fh::msgPacketFromMessage(&packet, m));
+        ObjReleaseInternal(&m);
+    }
+    EXPECT_FALSE(MsgDispatch(&packet));
+    EXPECT_TRUE(packet == nullptr && MsgReceiveCount() == 0);
+}
+
+} // namespace
