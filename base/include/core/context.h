@@ -46,6 +46,21 @@ struct LmContext {
      * the process id of the system (0 until the process is told it). */
     unsigned char *pProcessTableEntry;
     int32_t iProcessId;
+    /* The main segment's base, the process table segment (a viewer's, read
+     * only), the progress buffer and the time area inside the main segment
+     * (null when absent); the title (in the entry) and the process name (a
+     * private copy). */
+    unsigned char *pProcMainSegment;
+    void *pProcTable;
+    unsigned char *pProcProgressBuffer;
+    unsigned char *pProcTimeArea;
+    char *pszProcTitle;
+    char *pszProcName;
+
+    /* Shared memory: the segments this process allocated (LIST of
+     * SHM_SEGMENT) and the index of its next allocation. */
+    void *oShmSegmentList;
+    int32_t iShmNextIndex;
 
     /* Net: the last serial given to a socket hand-over. */
     int32_t iNetInheritCounter;

@@ -42,6 +42,7 @@
 #include "channel.h"
 #include "msgsend.h"
 #include "msgreceive.h"
+#include "shm.h"
 #include "proc.h"
 #include "timer.h"
 

@@ -140,4 +140,17 @@ typedef struct PMGR_PROCESS_DIED {
     void *oAddress;
 } PMGR_PROCESS_DIED, PMGR_NOTIFY_ON_DEATH;
 
+/* The body of PMGR_ATTACH_TO_SHM_MSG: the id of the main segment, the id
+ * of the process table segment, and the offsets in the main segment of the
+ * process's entry, its progress buffer (0: none) and the time area. */
+#define PMGR_ATTACH_TO_UNIX_SHM_MAGIC 0xC9C6BE54u
+#define PMGR_ATTACH_TO_UNIX_SHM_FORMAT "i;i;i;i;i;"
+typedef struct PMGR_ATTACH_TO_UNIX_SHM {
+    int32_t iMainSegment;
+    int32_t iTableSegment;
+    int32_t iEntryOffset;
+    int32_t iProgressOffset;
+    int32_t iTimeOffset;
+} PMGR_ATTACH_TO_UNIX_SHM;
+
 #endif /* FHCORE_MESSAGES_MSGPMGR_H */

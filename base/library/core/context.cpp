@@ -39,6 +39,8 @@
 #include "core/objmap.h"
 #include "core/objwrappers.h"
 #include "core/path.h"
+#include "core/proc.h"
+#include "core/shm.h"
 #include "core/stanzafile.h"
 #include "core/strbase.h"
 #include "core/sys.h"
@@ -89,6 +91,8 @@ constexpr Module kModules[] = {
     {"Locale", 480, LocaleInitialize, [](LmContext *) { return LocaleInitializeThread(); }, LocaleReleaseThread},
     {"Msg", 500, MsgInitialize, [](LmContext *) { return MsgInitializeThread(); }, MsgReleaseThread},
     {"Timer", 510, TimerInitialize, TimerInitializeThread, TimerReleaseThread},
+    {"Shm", 515, ShmInitialize, ShmInitializeThread, ShmReleaseThread},
+    {"Process", 520, ProcessInitialize, ProcessInitializeThread, ProcessReleaseThread},
 };
 constexpr size_t kModuleCount = std::size(kModules);
 
