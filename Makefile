@@ -30,7 +30,9 @@ test: build
 
 # The same library, examples and tests for 32-bit x86. GoogleTest is built from
 # its source inside the tree, since no 32-bit build of it is packaged;
-# benchmarks and fuzz targets stay 64-bit only.
+# benchmarks and fuzz targets stay 64-bit only. A kernel built without 32-bit
+# support refuses to run the programs (the shell's status 126): then the build
+# alone is checked, and the line says so.
 test32:
 	@test -e /usr/lib/gcc/x86_64-linux-gnu/$$(gcc -dumpversion)/32/libstdc++.so || \
 		{ echo "make test32: installing g++-multilib"; apt-get update -qq || true; apt-get install -y -qq g++-multilib >/dev/null; }
@@ -40,9 +42,14 @@ test32:
 	@test -e /usr/src/googletest/googletest/CMakeLists.txt || \
 		{ echo "make test32: installing googletest"; apt-get update -qq || true; apt-get install -y -qq googletest >/dev/null; }
 	cmake -S . -B $(BUILD32) $(CMAKE_FLAGS) -DCMAKE_C_FLAGS=-m32 -DCMAKE_CXX_FLAGS=-m32 \
-		-DFHCORE_GTEST_SOURCE=/usr/src/googletest/googletest
+		-DFHCORE_GTEST_SOURCE=/usr/src/googletest/googletest -DFHCORE_DISCOVERY_MODE=PRE_TEST
 	cmake --build $(BUILD32) -j $(JOBS)
-	cd $(BUILD32) && ctest --output-on-failure -j $(JOBS)
+	@$(BUILD32)/bin/fhcore_tests --gtest_list_tests >/dev/null 2>&1; \
+	if [ $$? -eq 126 ]; then \
+		echo "make test32: built; this kernel does not run 32-bit x86 programs, so the tests were not run"; \
+	else \
+		cd $(BUILD32) && ctest --output-on-failure -j $(JOBS); \
+	fi
 
 sanitize:
 	cmake -S . -B $(ASAN_BUILD) $(CMAKE_FLAGS) -DFHCORE_SANITIZE=ON -DFHCORE_EXAMPLES=OFF
