@@ -383,6 +383,55 @@ TEST_F(MsgPacketTest, AnUnknownChannelIsNowhereAndFromNoOne) {
     EXPECT_FALSE(MsgGetSender(&sender, message));
 }
 
+// A channel in the map stands for its peer: the sender of its messages is
+// the peer, and it is on this machine as the peer is, unless a proxy stands
+// behind it; an NDMP channel is always here and has no peer.
+TEST_F(MsgPacketTest, AKnownChannelAnswersForItsPeer) {
+    MSG_ADDRESS *here = address(local(), 5), *shouting = address(upper(), 5), *away = address("elsewhere", 5);
+    MSG_ADDRESS *stranger = address(local(), 6);
+    const struct {
+        const char *name;
+        MSG_ADDRESS *peer;
+        bool proxy, ndmp;
+        BOOL local, fromHere;
+    } cases[] = {
+        {"peer here", here, false, false, TRUE, TRUE},      {"name in capitals", shouting, false, false, TRUE, TRUE},
+        {"peer away", away, false, false, FALSE, FALSE},    {"no peer", nullptr, false, false, FALSE, FALSE},
+        {"behind a proxy", here, true, false, FALSE, TRUE}, {"ndmp", nullptr, false, true, TRUE, FALSE},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        nettest::Connection link;
+        ASSERT_TRUE(link.connect());
+        MSG_CHANNEL *channel = nullptr;
+        ASSERT_TRUE(MsgChannelCreateInternal(&channel, link.server, c.peer, FALSE, TRUE, FALSE, FALSE, FALSE));
+        link.server = -1;
+        hold(channel);
+        if (c.proxy) channel->oProxyPeer = ObjStringNew("proxy");
+        channel->bIsNdmp = c.ndmp;
+        MSG_MESSAGE *message = static_cast<MSG_MESSAGE *>(ObjTemplateNewInstanceFromPool(gtObjTemplateMessage, nullptr));
+        hold(message)->oSource = channel->oAddress;
+        ObjIncRefCount(channel->oAddress);
+
+        EXPECT_EQ(MsgIsLocalMachine(channel->oAddress), c.local);
+        EXPECT_EQ(MsgIsFromLocalMachine(message), c.local);
+        MSG_ADDRESS *sender = nullptr;
+        EXPECT_EQ(MsgSenderAddressFromSourceAddress(&sender, channel->oAddress), c.peer != nullptr);
+        EXPECT_EQ(sender, c.peer) << "the peer itself, with a reference";
+        ObjReleaseInternal(&sender);
+        EXPECT_EQ(MsgIsFrom(message, here), c.fromHere);
+        EXPECT_EQ(MsgAddressIsFrom(here, channel->oAddress), c.fromHere);
+        EXPECT_EQ(MsgIsFrom(message, away), c.peer == away);
+        EXPECT_FALSE(MsgIsFrom(message, stranger));
+        EXPECT_TRUE(MsgIsFrom(message, channel->oAddress)) << "a channel address compares as it is";
+        EXPECT_FALSE(MsgIsFrom(message, address(nullptr, channel->iId + 1)));
+        MSG_ADDRESS *closing = nullptr;
+        ASSERT_TRUE(MsgChannelAddress(&closing, channel));
+        ASSERT_TRUE(MsgChannelClose(&closing));
+        EXPECT_FALSE(MsgIsLocalMachine(channel->oAddress)) << "out of the map, the channel is nowhere";
+    }
+}
+
 TEST_F(MsgPacketTest, TheNetworksOfAMachine) {
     nettest::PlatformCallsBack back; // names that no name service is asked for
     fh::netCalls().gethostbyname = [](const char *) -> hostent * { return nullptr; };
