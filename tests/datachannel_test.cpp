@@ -3,6 +3,8 @@
 // completes it, and each side hears of the outcome once, or not at all in
 // the synchronous form. Held output waits for the peer's word.
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <thread>
 
 #include "messages/msgmsg.h"
@@ -165,6 +167,56 @@ TEST_F(DataChannelTest, HeldOutputGoesOnConnectedOk) {
     EXPECT_EQ(fh::msgGetLe32(reinterpret_cast<unsigned char *>(sink) + 4), MSG_PONG_MSG);
     ObjReleaseInternal(&connected);
     ObjReleaseInternal(&channel);
+}
+
+// A channel through a tunnel waits for the tunnel service: until that is
+// wired in, the listening half tells the peer that no port was free and the
+// connecting half refuses, each traced, with no socket left behind. A
+// machine without a tunnel port of its own never asks for one.
+TEST_F(DataChannelTest, TunnelPathsFailCleanly) {
+    mkdir((home() + "/etc").c_str(), 0755);
+    std::ofstream(home() + "/etc/machines.dat") << "[faraway]\nId=5\nCan Tunnel=true\n";
+    nettest::Connection c;
+    MSG_CHANNEL *ipc = nullptr, *manager = nullptr;
+    ASSERT_TRUE(c.connect());
+    ASSERT_TRUE(MsgChannelCreateInternal(&ipc, c.client, MsgCommMgrAddress(), TRUE, TRUE, TRUE, FALSE, FALSE));
+    ASSERT_TRUE(MsgChannelCreateInternal(&manager, c.server, nullptr, TRUE, TRUE, TRUE, FALSE, FALSE));
+    c.client = c.server = -1;
+    gtLmContext.oMsgIpcChannel = ipc; // takes the reference
+    MSG_ADDRESS *peer = nullptr;
+    ASSERT_TRUE(MsgMakeAddress(&peer, "faraway", 4));
+    auto descriptors = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+    auto connectBody = [manager] {
+        MSG_PACKET *packet = nullptr;
+        MSG_MESSAGE *told = nullptr;
+        EXPECT_TRUE(MsgChannelReceiveData(&packet, manager) && MsgMessageFromPacket(&told, packet));
+        ObjReleaseInternal(&packet);
+        EXPECT_EQ(MsgType(told), MSG_CONNECT_MSG);
+        const auto *body = told != nullptr ? static_cast<const MSG_CONNECT *>(told->oObject) : nullptr;
+        const std::pair<BOOL, int32_t> outcome{body != nullptr && body->bSuccess, body != nullptr ? body->iError : -1};
+        ObjReleaseInternal(&told);
+        return outcome;
+    };
+    const auto before = descriptors();
+    fh::msgSetTunnelPort(7000);
+    EXPECT_FALSE(MsgChannelOpenInternal(nullptr, peer, nullptr, nullptr, FALSE, FALSE, FALSE));
+    EXPECT_TRUE(traced("MESSAGE", 96, "No tunnel service for a message channel to faraway"));
+    EXPECT_EQ(connectBody(), std::make_pair(FALSE, 2));
+    for (const BOOL synchronous : {TRUE, FALSE}) {
+        MSG_CHANNEL *made = nullptr;
+        EXPECT_FALSE(MsgCompleteTcpConnectionTyped(&made, peer, nullptr, nettest::kLoopback, 7000, FALSE, synchronous,
+                                                   TRUE, TRUE, TRUE));
+        EXPECT_EQ(made, nullptr);
+    }
+    EXPECT_TRUE(traced("MESSAGE", 97, "No tunnel service to connect a message channel through"));
+    EXPECT_EQ(descriptors(), before);
+    EXPECT_EQ(static_cast<LIST *>(gtLmContext.oMsgConnectingList)->iCount, 0);
+
+    fh::msgSetTunnelPort(0);
+    EXPECT_TRUE(MsgChannelOpenInternal(nullptr, peer, nullptr, nullptr, FALSE, FALSE, FALSE));
+    EXPECT_EQ(connectBody(), std::make_pair(TRUE, 0));
+    ObjReleaseInternal(&peer);
+    ObjReleaseInternal(&manager);
 }
 
 } // namespace

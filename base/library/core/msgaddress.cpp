@@ -318,6 +318,16 @@ BOOL MsgAddressFromPacketAddress(MSG_ADDRESS **address, const MsgPacketAddress *
     return TRUE;
 }
 
+bool fh::msgMachineCanTunnel(const void *address) {
+    const char *machine = MsgGetMachineName(address);
+    if (machine == nullptr || *machine == '\0') return false;
+    BOOL can = FALSE;
+    Stanza *stanza = machineStanza(machine);
+    if (stanza != nullptr) StnzGetBoolean(stanza, "Can Tunnel", FALSE, &can);
+    StnzRelease(&stanza);
+    return can != FALSE;
+}
+
 BOOL MsgMachineIsServer(const char *name) {
     BOOL server = FALSE;
     if (name == nullptr || isLocalName(name)) {

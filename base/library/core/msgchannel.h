@@ -41,6 +41,9 @@ struct ChannelView {
     const MSG_ADDRESS *remote;
 };
 ChannelView msgChannelView(int32_t channelId);
+// Whether the machine of address says "Can Tunnel" in "machines.dat", read
+// anew; false for an address without a machine name.
+bool msgMachineCanTunnel(const void *address);
 
 // ---- Channels (msgchannel.cpp) ----
 
@@ -102,8 +105,9 @@ int32_t msgSelectPass(int32_t milliseconds);
 // The never timeout that a null timeout stands for.
 const TIME_TIMEOUT *msgNeverTimeout();
 // The port of the tunnel service ("Tunnel Port" in the network settings;
-// 0: none), read at start-up.
+// 0: none), read at start-up; tests set it.
 int32_t msgTunnelPort();
+void msgSetTunnelPort(int32_t port);
 // Timers: expire what is due, and lower a deadline to the next event.
 void msgExpireTimers();
 void msgLowerToTimers(TIME_TIMEOUT *deadline);

@@ -49,6 +49,8 @@ enum TraceId : int32_t {
     kIdSaveCookie = 93,
     kIdException = 94,
     kIdTimeout = 95,
+    kIdNoTunnelListen = 96,
+    kIdNoTunnelConnect = 97,
 };
 
 constexpr uint32_t kLoopback = 0x7f000001;
@@ -152,6 +154,12 @@ bool ipcOpen(int32_t socket, int32_t kind) {
 // A listening socket on 127.0.0.1 or through the firewall; the error code of
 // MSG_CONNECT on failure (the socket closed).
 int32_t listenFor(int32_t *socket, int32_t *port, const MSG_ADDRESS *peer) {
+    // A peer to be reached by tunnel needs the tunnel service, which is not
+    // wired in yet: no port is to be had, and the peer hears so.
+    if (fh::msgTunnelPort() != 0 && !MsgIsLocalMachine(peer) && fh::msgMachineCanTunnel(peer)) {
+        trace(kIdNoTunnelListen, 0, -1, "No tunnel service for a message channel to %s", MsgGetMachineName(peer));
+        return 2;
+    }
     if (!NetOpen(socket, NET_SOCKET_STREAM)) return 3;
     NetAddressT local{};
     NetInitializeIpAddress(&local, kLoopback, 0);
@@ -248,15 +256,11 @@ bool acceptBack(MSG_ADDRESS **channelAddress, int32_t listener, const MSG_ADDRES
     return ok;
 }
 
-// The first packets of the connecting side on a new channel.
-// The synchronous side sends the address with the tunnel request and a
-// bare connected-ok; the asynchronous side the other way round.
-void greet(MSG_CHANNEL *channel, bool viaTunnel, bool sendOk, bool synchronous) {
-    const void *tunnelBody = synchronous ? MsgLocalAddress() : nullptr;
+// The first packet of the connecting side on a new channel: connected-ok,
+// bare from the synchronous side, with the local address from the other.
+void greet(MSG_CHANNEL *channel, bool sendOk, bool synchronous) {
     const void *okBody = synchronous ? nullptr : MsgLocalAddress();
     MSG_PACKET *packet = nullptr;
-    if (viaTunnel && MsgCreatePacket(&packet, channel->oAddress, MsgLocalAddress(), MSG_TUNNEL_CONNECT_MSG, tunnelBody))
-        MsgChannelDispatch(channel, &packet);
     if (sendOk && MsgCreatePacket(&packet, channel->oAddress, MsgLocalAddress(), MSG_CONNECTED_OK_MSG, okBody))
         MsgChannelDispatch(channel, &packet);
 }
@@ -298,7 +302,7 @@ bool serveEntry(MSG_CONNECTING *e, const NetSelectMask *working) {
             if (MsgChannelCreateInternal(&channel, e->iSocket, e->oAddress, e->iIsBlocking, e->iNotifyOnDown, e->iIsIpc,
                                          FALSE, FALSE)) {
                 e->iSocket = -1;
-                greet(channel, e->iViaTunnel, e->iSendConnectedOk, false);
+                greet(channel, e->iSendConnectedOk, false);
                 fh::msgQueueConnected(e->oAddress, true, 0, channel->oAddress, e->oCookie);
                 ObjReleaseInternal(&channel);
                 return true;
@@ -423,6 +427,12 @@ BOOL MsgChannelCompleteInternal(MSG_ADDRESS **channelAddress, const MSG_MESSAGE 
 BOOL MsgCompleteTcpConnectionTyped(MSG_CHANNEL **channel, const MSG_ADDRESS *peer, void *cookie,
                                    uint32_t ipHostOrder, int32_t port, BOOL isBlocking, BOOL isSynchronous,
                                    BOOL notifyOnDown, BOOL sendOk, BOOL viaTunnel) {
+    // The tunnel service is not wired in yet: a connection through it fails
+    // before any socket is made.
+    if (viaTunnel) {
+        trace(kIdNoTunnelConnect, 0, -1, "No tunnel service to connect a message channel through");
+        return FALSE;
+    }
     int32_t socket = -1;
     if (!NetOpen(&socket, NET_SOCKET_STREAM)) return FALSE;
     NetAddressT local{}, target{};
@@ -442,7 +452,7 @@ BOOL MsgCompleteTcpConnectionTyped(MSG_CHANNEL **channel, const MSG_ADDRESS *pee
         MSG_CHANNEL *made = nullptr;
         if (!MsgChannelCreateInternal(&made, socket, peer, isBlocking, notifyOnDown, FALSE, FALSE, FALSE))
             return NetClose(&socket), FALSE;
-        greet(made, viaTunnel, sendOk, true);
+        greet(made, sendOk, true);
         if (channel != nullptr)
             *channel = made;
         else
@@ -457,8 +467,6 @@ BOOL MsgCompleteTcpConnectionTyped(MSG_CHANNEL **channel, const MSG_ADDRESS *pee
         return NetClose(&socket), FALSE;
     }
     addPending(const_cast<MSG_ADDRESS *>(peer), socket, cookie, false, false, isBlocking, notifyOnDown, sendOk);
-    auto *entry = static_cast<MSG_CONNECTING *>(connecting()->oLast->oItem);
-    entry->iViaTunnel = viaTunnel ? 1 : 0;
     return TRUE;
 }
 

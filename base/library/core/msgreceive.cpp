@@ -350,6 +350,7 @@ void fh::msgReceiveReleaseThread(LmContext *context) {
 const TIME_TIMEOUT *fh::msgNeverTimeout() { return &gNever; }
 
 int32_t fh::msgTunnelPort() { return gTunnelPort; }
+void fh::msgSetTunnelPort(int32_t port) { gTunnelPort = port; }
 
 bool fh::msgSocketReady(const NetSelectMask *working, int32_t socket, bool write) {
     if (socket >= 0 && socket < FD_SETSIZE)
