@@ -496,7 +496,7 @@ TEST_F(ChannelTest, HandOverStepsTravelAsMessages) {
     head = image(8);
     rest = image(static_cast<size_t>(le32(head.data() + 4)) - 8);
     head.insert(head.end(), rest.begin(), rest.end());
-    EXPECT_EQ(le32(head.data()), context->iOwner) << "back to the owner";
+    EXPECT_EQ(le32(head.data()), 5) << "back to the owner, by its process id";
     EXPECT_EQ(le32(head.data() + 24), MSG_INHERITED_SOCKET_MSG);
     EXPECT_FALSE(NetInheritPhase4(&taken, context)) << "taken once only";
     NetClose(&taken);

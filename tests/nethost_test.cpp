@@ -399,8 +399,9 @@ TEST_F(NetHostTest, ASocketIsHandedOverAcrossExec) {
     Connection c;
     ASSERT_TRUE(c.connect());
     NET_INHERIT_CONTEXT *context = nullptr;
+    ProcSetId(4);
     ASSERT_TRUE(NetInheritPhase1(&context, c.server));
-    EXPECT_TRUE(context->iSerial >= 1 && context->iOwner == getpid() && context->iSocket == c.server);
+    EXPECT_TRUE(context->iSerial >= 1 && context->iOwner == 4 && context->iSocket == c.server);
     const pid_t pid = child([&] { return execWriter(c.server); });
     ASSERT_EQ(waitChild(pid), 0);
     ASSERT_TRUE(NetInheritPhase2(context, pid));

@@ -23,7 +23,6 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -489,7 +488,7 @@ BOOL NetInheritPhase1(NET_INHERIT_CONTEXT **context, int32_t socket) {
     auto *made = gInheritType.newInstance(pool());
     made->iSerial = ++gtLmContext.iNetInheritCounter;
     made->iSocket = socket;
-    made->iOwner = static_cast<int32_t>(getpid());
+    made->iOwner = gtLmContext.iProcessId; // the answer of the last step is addressed to it
     *context = made;
     return TRUE;
 }
