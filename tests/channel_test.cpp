@@ -1,6 +1,8 @@
 // Channels on real sockets: the reader's framing, bounds on what a peer
 // declares, going down, output that never waits, the channel map's ids, the
 // receive list, and the IPC opening at a raw listener.
+#include <poll.h>
+
 #include <chrono>
 #include <fstream>
 #include <thread>
@@ -149,6 +151,40 @@ TEST_F(ChannelTest, DataFramesAssembleTheSameAcrossCuts) {
     EXPECT_EQ(MsgPacketMsgType(hold(next)), MSG_PONG_MSG);
 }
 
+// Packets that arrive together come one a call, also behind a packet that
+// the channel keeps for itself, and the socket stays readable while one is
+// still to come: what the reader took ahead never strands a packet.
+TEST_F(ChannelTest, PacketsThatArriveTogetherComeOneACall) {
+    for (const bool ipc : {false, true}) {
+        SCOPED_TRACE(ipc);
+        Connection c;
+        MSG_CHANNEL *channel = channelOn(c, ipc);
+        const int32_t types[] = {MSG_CHANNEL_AUTH_MSG, MSG_PING_MSG, MSG_PONG_MSG, MSG_KEEP_ALIVE_MSG};
+        std::vector<Bytes> sent;
+        Bytes all;
+        for (const int32_t type : types) {
+            sent.push_back(wire(channel->oAddress, type, type == MSG_PONG_MSG ? hold(ObjStringNew("pong")) : nullptr, ipc));
+            all.insert(all.end(), sent.back().begin(), sent.back().end());
+        }
+        send(c.client, all);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        for (size_t i = 0; i < sent.size(); ++i) {
+            pollfd readable{channel->iSocket, POLLIN, 0};
+            EXPECT_EQ(poll(&readable, 1, 0), 1) << "with packet " << i << " to come";
+            MSG_PACKET *packet = nullptr;
+            const bool kept = types[i] == MSG_CHANNEL_AUTH_MSG;
+            ASSERT_EQ(MsgChannelReceiveData(&packet, channel), !kept);
+            if (kept) continue;
+            const Bytes got = image(hold(packet));
+            ASSERT_EQ(got.size(), sent[i].size() + (ipc ? 0 : MSG_PACKET_HEADER_SIZE));
+            EXPECT_EQ(Bytes(got.end() - static_cast<ptrdiff_t>(sent[i].size()), got.end()), sent[i]);
+        }
+        MSG_PACKET *none = nullptr;
+        EXPECT_FALSE(MsgChannelReceiveData(&none, channel));
+        EXPECT_FALSE(channel->bIsDown);
+    }
+}
+
 // An IPC channel reads whole images; an opening names the channel it came
 // in on as its destination.
 TEST_F(ChannelTest, IpcImagesAndTheOpeningRewritten) {
@@ -210,6 +246,22 @@ TEST_F(ChannelTest, DeclaredTotalIsNotAllocated) {
         EXPECT_LE(channel->oInput.iSize, 4096 + 2 * 300) << ipc;
         EXPECT_LE(MemUsedCount(), before + 1);
     }
+}
+
+// A frame larger than the first block, read where the socket can't tell
+// what waits in it, grows its block step by step and comes out whole.
+TEST_F(ChannelTest, ABlockGrowsToALargeFrame) {
+    nettest::PlatformCallsBack back;
+    fh::netCalls().ioctl = [](int, unsigned long, void *) { return errno = ENOTTY, -1; };
+    Connection c;
+    MSG_CHANNEL *channel = channelOn(c);
+    const Bytes frame = wire(channel->oAddress, MSG_PING_MSG, hold(ObjStringNew(std::string(100000, 'g').c_str())), false);
+    std::thread writer([&] { send(c.client, frame); });
+    MSG_PACKET *packet = hold(receive(channel));
+    writer.join();
+    ASSERT_NE(packet, nullptr);
+    const Bytes got = image(packet);
+    EXPECT_EQ(Bytes(got.begin() + MSG_PACKET_HEADER_SIZE, got.end()), frame);
 }
 
 // A peer gone mid-frame brings one MSG_CHANNEL_DOWN_MSG, and none when the

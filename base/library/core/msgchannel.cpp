@@ -22,13 +22,20 @@
 // large packet that has arrived is read in one block without copies. The
 // declared total stays in the header area at offset 4.
 //
+// Reading ahead. A block that can hold the whole image has room for the
+// first bytes of the next one behind it, as many as the header area takes
+// (8 or 192), so that a stream of packets costs one read each. Those bytes
+// move to the header area when the image is done, and inputPosition starts
+// there. No packet is shorter than its header area plus one byte, so bytes
+// of every packet not yet delivered remain in the socket, and select still
+// wakes the reader for it.
+//
 // Output. The first packet of the output list is in progress from
 // outputPosition, which restarts at 0 on an IPC channel and at 192 on a data
 // channel, where the header never leaves the process.
 #include "core/channel.h"
 
 #include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <cstring>
 
@@ -42,6 +49,7 @@
 #include "messages/msgmsg.h"
 #include "msgchannel.h"
 #include "msgself.h"
+#include "netcalls.h"
 #include "objcore.h"
 #include "tracer.h"
 
@@ -159,20 +167,24 @@ void freeInput(MSG_CHANNEL *c) {
 // ---- Reading ----
 
 int32_t declaredTotal(const MSG_CHANNEL *c) { return fh::msgGetLe32(c->aHeader + 4); }
+int32_t headerArea(const MSG_CHANNEL *c) { return c->bIsIpc ? kIpcHeader : kFrameHead; }
 
 // Bytes that have arrived on the socket and wait to be read: a hint for the
 // size of a block, never more than the peer really sent (0 if unknown).
 int32_t bytesWaiting(int32_t socket) {
     int waiting = 0;
-    return ioctl(socket, FIONREAD, &waiting) == 0 && waiting > 0 ? waiting : 0;
+    return fh::netCalls().ioctl(socket, FIONREAD, &waiting) == 0 && waiting > 0 ? waiting : 0;
 }
 
 // The capacity for the bytes of the image at position and those waiting:
-// at least kFirstBlock or double the last, at most the declared total.
+// at least kFirstBlock or double the last, at most the declared total and
+// the room to read ahead. The socket is asked only when that decides.
 int32_t capacityFor(const MSG_CHANNEL *c, int32_t position, int32_t last) {
-    const int64_t wanted = std::max<int64_t>({int64_t{kFirstBlock}, int64_t{last} * 2,
-                                              int64_t{position} + bytesWaiting(c->iSocket)});
-    return static_cast<int32_t>(std::min<int64_t>(wanted, declaredTotal(c)));
+    const int64_t total = declaredTotal(c);
+    int64_t wanted = std::max<int64_t>(kFirstBlock, int64_t{last} * 2);
+    if (wanted < total) wanted = std::max<int64_t>(wanted, int64_t{position} + bytesWaiting(c->iSocket));
+    if (wanted < total) return static_cast<int32_t>(wanted);
+    return static_cast<int32_t>(std::min<int64_t>(total + headerArea(c), INT32_MAX));
 }
 
 // The header is in; check the lengths and set up the block. False for
@@ -323,22 +335,38 @@ bool consumed(MSG_CHANNEL *c) {
 }
 
 // The image is whole: the packet, or null when the channel kept it. The
-// reader's state is clear again either way.
+// reader starts again with the bytes read ahead, if any.
 MSG_PACKET *finishImage(MSG_CHANNEL *c) {
+    const int32_t total = declaredTotal(c);
+    const bool kept = consumed(c);
+    if (c->bIsDown) return nullptr; // and the block went with it
+    auto *image = static_cast<unsigned char *>(c->oInput.pData);
+    const int32_t ahead = c->iInputPosition - total;
+    memcpy(c->aHeader, image + total, static_cast<size_t>(ahead));
     MSG_PACKET *packet = nullptr;
-    if (!consumed(c) && !c->bIsDown) {
+    if (!kept) {
         packet = static_cast<MSG_PACKET *>(ObjTemplateNewInstanceFromPool(gtObjTemplatePacket, pool()));
-        packet->oImage = {declaredTotal(c), c->oInput.pData}; // the packet takes the block over
+        packet->oImage = {total, image}; // the packet takes the block over
         c->oInput = {0, nullptr};
     }
     freeInput(c);
+    c->iInputPosition = ahead;
     return packet;
+}
+
+// The header read ahead is whole: set up the block as a read would.
+bool startStaged(MSG_CHANNEL *c) {
+    if (startImage(c)) return true;
+    trace(kIdUnknownError, 0, 2, "NetTcpReceive returned unknown error");
+    fh::msgChannelDown(c);
+    return false;
 }
 
 // One read of the socket into the header area or the block. False when the
 // reader is to stop (traced; on a failure the channel is down).
 bool readOnce(MSG_CHANNEL *c) {
-    const int32_t head = c->bIsIpc ? kIpcHeader : kFrameHead;
+    const int32_t head = headerArea(c);
+    if (c->oInput.pData == nullptr && c->iInputPosition == head && !startStaged(c)) return false;
     const bool inHeader = c->oInput.pData == nullptr;
     unsigned char *into = inHeader ? c->aHeader : static_cast<unsigned char *>(c->oInput.pData);
     const int32_t limit = inHeader ? head : c->oInput.iSize;
@@ -359,11 +387,7 @@ bool readOnce(MSG_CHANNEL *c) {
         return false;
     }
     c->iInputPosition += got;
-    if (inHeader && c->iInputPosition == head && !startImage(c)) {
-        trace(kIdUnknownError, 0, 2, "NetTcpReceive returned unknown error");
-        fh::msgChannelDown(c);
-        return false;
-    }
+    if (inHeader && c->iInputPosition == head) return startStaged(c);
     if (!inHeader && c->iInputPosition == c->oInput.iSize && c->iInputPosition < declaredTotal(c)) growBlock(c);
     return true;
 }
@@ -551,7 +575,7 @@ BOOL MsgChannelReceiveData(MSG_PACKET **packet, MSG_CHANNEL *channel) {
     MSG_CHANNEL *c = fh::msgChannelOf(channel);
     if (c == nullptr || packet == nullptr || c->bIsDown || c->bIsNdmp) return FALSE;
     while (readOnce(c))
-        if (c->oInput.pData != nullptr && c->iInputPosition == declaredTotal(c)) {
+        if (c->oInput.pData != nullptr && c->iInputPosition >= declaredTotal(c)) {
             *packet = finishImage(c);
             return *packet != nullptr;
         }
