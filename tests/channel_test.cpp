@@ -228,24 +228,32 @@ TEST_F(ChannelTest, ImpossibleLengthsTakeTheChannelDown) {
     }
 }
 
-// A peer that declares 2 GiB and sends 300 bytes costs about what it sent.
+// A peer that declares 2 GiB and sends 300 bytes costs about what it sent,
+// or the size of the packet it sent before.
 TEST_F(ChannelTest, DeclaredTotalIsNotAllocated) {
-    for (const bool ipc : {false, true}) {
-        Connection c;
-        MSG_CHANNEL *channel = channelOn(c, ipc);
-        Bytes bytes(ipc ? MSG_PACKET_HEADER_SIZE : 0, 0);
-        if (ipc) bytes[4] = 0xF0, bytes[5] = 0xFF, bytes[6] = 0xFF, bytes[7] = 0x7F;
-        else put(bytes, INT32_MAX - 200), put(bytes, MSG_PING_MSG);
-        bytes.resize(bytes.size() + 300, 0x55);
-        const int32_t before = MemUsedCount();
-        send(c.client, bytes);
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        MSG_PACKET *packet = nullptr;
-        EXPECT_FALSE(MsgChannelReceiveData(&packet, channel));
-        EXPECT_FALSE(channel->bIsDown);
-        EXPECT_LE(channel->oInput.iSize, 4096 + 2 * 300) << ipc;
-        EXPECT_LE(MemUsedCount(), before + 1);
-    }
+    for (const bool ipc : {false, true})
+        for (const size_t before : {size_t{0}, size_t{20000}}) {
+            SCOPED_TRACE(testing::Message() << ipc << " " << before);
+            Connection c;
+            MSG_CHANNEL *channel = channelOn(c, ipc);
+            if (before > 0) {
+                send(c.client, wire(channel->oAddress, MSG_PING_MSG, hold(ObjStringNew(std::string(before, 'b').c_str())), ipc));
+                MSG_PACKET *honest = hold(receive(channel));
+                ASSERT_NE(honest, nullptr);
+            }
+            Bytes bytes(ipc ? MSG_PACKET_HEADER_SIZE : 0, 0);
+            if (ipc) bytes[4] = 0xF0, bytes[5] = 0xFF, bytes[6] = 0xFF, bytes[7] = 0x7F;
+            else put(bytes, INT32_MAX - 200), put(bytes, MSG_PING_MSG);
+            bytes.resize(bytes.size() + 300, 0x55);
+            const int32_t blocks = MemUsedCount();
+            send(c.client, bytes);
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            MSG_PACKET *packet = nullptr;
+            EXPECT_FALSE(MsgChannelReceiveData(&packet, channel));
+            EXPECT_FALSE(channel->bIsDown);
+            EXPECT_LE(channel->oInput.iSize, static_cast<int32_t>(std::max<size_t>(4096, before + 300) + 2 * 300));
+            EXPECT_LE(MemUsedCount(), blocks + 1);
+        }
 }
 
 // A frame larger than the first block, read where the socket can't tell

@@ -15,12 +15,15 @@
 // first bytes go to the header area: 192 on an IPC channel (the header
 // itself), 8 on a data channel (frame length and type, moved to offset 192
 // behind a header that the reader makes). Then the block: its capacity
-// (oInput.iSize) starts at kFirstBlock or the declared total if smaller and
-// grows, up to the total, only when what arrived has filled it: to double,
-// or to what is already waiting in the socket if that is more. So a peer
-// that declares more than it sends costs about twice what it sent, and a
-// large packet that has arrived is read in one block without copies. The
-// declared total stays in the header area at offset 4.
+// (oInput.iSize) starts at kFirstBlock, or at the size of the channel's
+// previous packet if that is more (kept in oInput.iSize between packets,
+// with no block), or at what already waits in the socket if that is more
+// still; never above the declared total. It grows, up to the total, only
+// when what arrived has filled it: to double, or to what waits. So a peer
+// that declares more than it sends costs about twice what it sent, or its
+// previous packet; a large packet that has arrived is read in one block
+// without copies; and a stream of packets of one size never asks the socket
+// what waits. The declared total stays in the header area at offset 4.
 //
 // Reading ahead. A block that can hold the whole image has room for the
 // first bytes of the next one behind it, as many as the header area takes
@@ -177,11 +180,11 @@ int32_t bytesWaiting(int32_t socket) {
 }
 
 // The capacity for the bytes of the image at position and those waiting:
-// at least kFirstBlock or double the last, at most the declared total and
-// the room to read ahead. The socket is asked only when that decides.
-int32_t capacityFor(const MSG_CHANNEL *c, int32_t position, int32_t last) {
+// at least kFirstBlock and floor, at most the declared total and the room
+// to read ahead. The socket is asked only when that decides.
+int32_t capacityFor(const MSG_CHANNEL *c, int32_t position, int64_t floor) {
     const int64_t total = declaredTotal(c);
-    int64_t wanted = std::max<int64_t>(kFirstBlock, int64_t{last} * 2);
+    int64_t wanted = std::max<int64_t>(kFirstBlock, floor);
     if (wanted < total) wanted = std::max<int64_t>(wanted, int64_t{position} + bytesWaiting(c->iSocket));
     if (wanted < total) return static_cast<int32_t>(wanted);
     return static_cast<int32_t>(std::min<int64_t>(total + headerArea(c), INT32_MAX));
@@ -214,7 +217,7 @@ bool startImage(MSG_CHANNEL *c) {
               static_cast<long>(declaredTotal(c)));
     }
     const int32_t head = c->bIsIpc ? kIpcHeader : MSG_PACKET_BODY_OFFSET;
-    c->oInput.iSize = capacityFor(c, head, 0);
+    c->oInput.iSize = capacityFor(c, head, c->oInput.iSize);
     c->oInput.pData = MemAllocateFromPool(static_cast<size_t>(c->oInput.iSize), pool());
     memcpy(c->oInput.pData, c->aHeader, static_cast<size_t>(head));
     c->iInputPosition = head;
@@ -223,7 +226,7 @@ bool startImage(MSG_CHANNEL *c) {
 
 // The block is full and the image isn't: double it, up to the total.
 void growBlock(MSG_CHANNEL *c) {
-    const int32_t capacity = capacityFor(c, c->iInputPosition, c->oInput.iSize);
+    const int32_t capacity = capacityFor(c, c->iInputPosition, int64_t{c->oInput.iSize} * 2);
     void *bigger = MemAllocateFromPool(static_cast<size_t>(capacity), pool());
     memcpy(bigger, c->oInput.pData, static_cast<size_t>(c->iInputPosition));
     MemFreeInternal(&c->oInput.pData);
@@ -350,6 +353,7 @@ MSG_PACKET *finishImage(MSG_CHANNEL *c) {
         c->oInput = {0, nullptr};
     }
     freeInput(c);
+    c->oInput.iSize = total;
     c->iInputPosition = ahead;
     return packet;
 }
