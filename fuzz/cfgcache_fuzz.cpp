@@ -5,21 +5,16 @@
 // bytes from elsewhere: no crash, no hang, no difference, nothing left.
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "cfgcache.h"
-#include "core/fhcore.h"
+#include "leakcheck.h"
 
 namespace {
 
 std::string gPath;
-
-void check(bool condition) {
-    if (!condition) abort();
-}
 
 bool sameKey(const StanzaKey *a, const StanzaKey *b) {
     if ((a == nullptr) != (b == nullptr)) return false;
@@ -65,7 +60,7 @@ void compare(const fh::CfgSnapshot *snapshot, const char *category, const char *
     StanzaKey *cached = nullptr, *scanned = nullptr;
     fh::cfgSnapshotKey(&cached, snapshot, category, title, keyword);
     StnzLoadKeyFromFile(&scanned, gPath.c_str(), category, title, keyword);
-    check(sameKey(cached, scanned));
+    CHECK(sameKey(cached, scanned));
     StnzReleaseKey(&cached);
     StnzReleaseKey(&scanned);
 }
@@ -83,7 +78,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FILE *file = fopen(gPath.c_str(), "wb");
     if (size > 0) fwrite(data, 1, size, file);
     fclose(file);
-    const int32_t blocks = MemUsedCount(); // the cache is empty between inputs
+    const InUse before; // the cache is empty between inputs
     const fh::CfgSnapshot *snapshot = nullptr;
     if (fh::cfgCacheSnapshot(&snapshot, gPath.c_str()) == fh::CfgCached::kReady) {
         for (const Name &n : namesOf(gPath.c_str())) {
@@ -95,6 +90,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         }
     }
     fh::cfgCacheRelease();
-    check(MemUsedCount() == blocks);
+    CHECK(!before.leaked());
     return 0;
 }
