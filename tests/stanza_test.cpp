@@ -77,7 +77,7 @@ TEST_F(StanzaTest, CapacitiesHaveABound) {
     char text[96];
     snprintf(text, sizeof text, "A capacity of %ld slots is beyond the bound of %ld", static_cast<long>(INT_MAX),
              static_cast<long>(STNZ_MAX_SLOTS));
-    EXPECT_TRUE(traced("STANZA", 2, text));
+    EXPECT_TRUE(traced("STANZA", 21, text));
     Stanza *stanza = nullptr;
     ASSERT_TRUE(StnzCreate(&stanza, nullptr, "t", STNZ_MAX_SLOTS));
     EXPECT_EQ(stanza->keyCapacity, STNZ_MAX_SLOTS);

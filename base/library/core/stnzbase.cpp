@@ -31,7 +31,7 @@ namespace {
 
 constexpr fh::ModuleTracer trace{"STANZA        "};
 
-enum TraceId : int32_t { kIdNotAString = 1, kIdTooManySlots = 2 };
+enum TraceId : int32_t { kIdNotAString = 20, kIdTooManySlots = 21 }; // stnzfile.cpp has 1 to 13
 
 constexpr int32_t kValueGrowth = 4;
 constexpr int32_t kKeyGrowth = 1;
