@@ -48,10 +48,8 @@ TEST_F(NetTest, AddressLayoutBothWays) {
     const unsigned char golden[] = {0x10, 0x02, 0x4E, 0x41, 0x7F, 0x00, 0x00, 0x01};
     EXPECT_EQ(memcmp(address.aBytes, golden, 8), 0);
     EXPECT_EQ(std::count(address.aBytes + 8, address.aBytes + 32, 0xEE), 24);
-    EXPECT_TRUE(NetGetIpPort(&address) == 20033);
-    EXPECT_TRUE(NetGetIpAddress(&address) == kLoopback);
-    EXPECT_TRUE(NetGetFamily(&address) == 2);
-    EXPECT_TRUE(NetGetAddressLength(&address) == 16);
+    EXPECT_TRUE(NetGetIpPort(&address) == 20033 && NetGetIpAddress(&address) == kLoopback);
+    EXPECT_TRUE(NetGetFamily(&address) == 2 && NetGetAddressLength(&address) == 16);
     ASSERT_TRUE(NetSetIpPort(&address, 0xABCD));
     EXPECT_TRUE(address.aBytes[2] == 0xAB && address.aBytes[3] == 0xCD && address.aBytes[4] == 0x7F);
     EXPECT_FALSE(NetInitializeIpAddress(nullptr, 1, 2) || NetSetIpPort(nullptr, 2));
@@ -64,8 +62,7 @@ TEST_F(NetTest, AddressLayoutBothWays) {
     memset(&address, 0xEE, sizeof address);
     ASSERT_TRUE(NetGetLocalAddress(&address, socket));
     const NetAddressT built = loopback(NetGetIpPort(&address));
-    EXPECT_TRUE(memcmp(address.aBytes, built.aBytes, 8) == 0);
-    EXPECT_TRUE(NetGetIpPort(&address) != 0);
+    EXPECT_TRUE(memcmp(address.aBytes, built.aBytes, 8) == 0 && NetGetIpPort(&address) != 0);
     EXPECT_EQ(std::count(address.aBytes + 16, address.aBytes + 32, 0xEE), 16);
     NetClose(&socket);
 
@@ -84,7 +81,18 @@ TEST_F(NetTest, AddressLayoutBothWays) {
         EXPECT_EQ(NetAddressEqual(first, second, addressOnly), result) << "row " << row++;
 }
 
-// Every cell of the one-shot table; what comes before any call; the counts.
+// The four one-shot transfers, each a column over one buffer.
+using Column = std::function<int32_t(int32_t socket, int32_t length)>;
+char gBuffer[8];
+int32_t gMoved = -7;
+const Column kColumns[] = {
+    [](int32_t s, int32_t n) { return NetUdpSend(s, gBuffer, n, nullptr); },
+    [](int32_t s, int32_t n) { return NetTcpSend(&gMoved, s, gBuffer, n); },
+    [](int32_t s, int32_t n) { return NetUdpReceive(&gMoved, s, gBuffer, n, nullptr); },
+    [](int32_t s, int32_t n) { return NetTcpReceive(&gMoved, s, gBuffer, n); },
+};
+
+// Every cell of the one-shot table: one call, its errno left, nothing moved.
 TEST_F(NetTest, OneShotTransfersClassifyEveryError) {
     PlatformCallsBack back;
     fh::NetCalls &calls = fh::netCalls();
@@ -92,15 +100,6 @@ TEST_F(NetTest, OneShotTransfersClassifyEveryError) {
     calls.recv = [](int, void *, size_t, int) { return failing(); };
     calls.sendto = [](int, const void *, size_t, int, const sockaddr *, socklen_t) { return failing(); };
     calls.recvfrom = [](int, void *, size_t, int, sockaddr *, socklen_t *) { return failing(); };
-    using Column = std::function<int32_t(int32_t socket, int32_t length)>;
-    char buffer[8] = {};
-    int32_t moved = -7;
-    const Column columns[] = {
-        [&](int32_t s, int32_t n) { return NetUdpSend(s, buffer, n, nullptr); },
-        [&](int32_t s, int32_t n) { return NetTcpSend(&moved, s, buffer, n); },
-        [&](int32_t s, int32_t n) { return NetUdpReceive(&moved, s, buffer, n, nullptr); },
-        [&](int32_t s, int32_t n) { return NetTcpReceive(&moved, s, buffer, n); },
-    };
     const char *fatal[] = {"Fatal error during UDP send: %s", "Fatal error during TCP send: %s (%ld)",
                            "Fatal error during UDP receive: %s", "Fatal error during TCP receive: %s"};
     const std::pair<int, std::array<int32_t, 4>> rows[] = {
@@ -115,37 +114,37 @@ TEST_F(NetTest, OneShotTransfersClassifyEveryError) {
             if (results[column] == F) traces.push_back({text(fatal[column], strerror(error), error), error, -1});
             if (results[column] == D && column >= 2) traces.push_back({"Connection down", error, 2});
             int left = 0;
-            const auto call = [&] {
-                const int32_t result = columns[column](5, 8);
-                left = errno;
-                return result;
-            };
-            EXPECT_EQ(seen(call), (Seen{results[column], traces})) << strerror(error) << ", column " << column;
-            EXPECT_TRUE(gCalls == 1);
-            EXPECT_TRUE(left == error);
-            EXPECT_TRUE(moved == -7);
+            EXPECT_EQ(seen([&] { const int32_t r = kColumns[column](5, 8); return left = errno, r; }),
+                      (Seen{results[column], traces}))
+                << strerror(error) << ", column " << column;
+            EXPECT_TRUE(gCalls == 1 && left == error && gMoved == -7);
         }
     }
-    // Bad handle and length: no call, no word. A short datagram is fatal
-    // without a word, a short stream transfer a success; 0 is closed.
+}
+
+// Bad handle and length: no call, no word. A short datagram is fatal
+// without a word, a short stream transfer a success; 0 is closed.
+TEST_F(NetTest, OneShotTransfersCountWhatMoved) {
+    PlatformCallsBack back;
+    fh::NetCalls &calls = fh::netCalls();
+    calls.sendto = [](int, const void *, size_t, int, const sockaddr *, socklen_t) { return ++gCalls, gCount; };
+    calls.send = [](int, const void *, size_t, int) { return ++gCalls, gCount; };
+    calls.recv = [](int, void *, size_t, int) { return ++gCalls, gCount; };
+    calls.recvfrom = [](int, void *, size_t, int, sockaddr *, socklen_t *) { return ++gCalls, gCount; };
     gCalls = 0;
-    for (const Column &column : columns) {
+    for (const Column &column : kColumns) {
         EXPECT_EQ(seen([&] { return column(-1, 8); }), (Seen{NET_ERROR_BAD_SOCKET, {}}));
         EXPECT_EQ(seen([&] { return column(5, 0); }), (Seen{NET_ERROR_BAD_LENGTH, {}}));
     }
     EXPECT_EQ(gCalls, 0);
-    calls.sendto = [](int, const void *, size_t, int, const sockaddr *, socklen_t) { return gCount; };
-    calls.send = [](int, const void *, size_t, int) { return gCount; };
-    calls.recv = [](int, void *, size_t, int) { return gCount; };
-    calls.recvfrom = [](int, void *, size_t, int, sockaddr *, socklen_t *) { return gCount; };
     const std::pair<ssize_t, std::array<int32_t, 4>> counts[] = {
         {8, {0, 0, 0, 0}}, {3, {F, 0, 0, 0}}, {0, {4, 4, 4, 4}}};
     for (const auto &[count, results] : counts) {
         for (int column = 0; column < 4; ++column) {
             gCount = count;
-            moved = -7;
-            EXPECT_EQ(seen([&] { return columns[column](5, 8); }), (Seen{results[column], {}})) << count;
-            EXPECT_EQ(moved, column > 0 && results[column] == 0 ? count : -7) << count << ", column " << column;
+            gMoved = -7;
+            EXPECT_EQ(seen([&] { return kColumns[column](5, 8); }), (Seen{results[column], {}})) << count;
+            EXPECT_EQ(gMoved, column > 0 && results[column] == 0 ? count : -7) << count << ", column " << column;
         }
     }
 }
@@ -200,26 +199,33 @@ TEST_F(NetTest, BlockingTransfersClassifyEveryError) {
                   }),
                   (Seen{result, traces}))
             << "row " << row;
-        EXPECT_TRUE(moved == count) << "row " << row;
-        EXPECT_TRUE(didWait == waits) << "row " << row;
+        EXPECT_TRUE(moved == count && didWait == waits) << "row " << row;
     }
-    calls.poll = [](pollfd *, nfds_t, int) { return errno = EBADF, -1; };
+    ObjReleaseInternal(&inFive);
+    ObjReleaseInternal(&inTwoDays);
+}
+
+// A wait that fails ends a transfer with its trace. Bad arguments reach no
+// call: the send says it moved nothing, the receive says nothing.
+TEST_F(NetTest, BlockingTransfersEndOnAFailedWaitOrBadArguments) {
+    PlatformCallsBack back;
+    fh::netCalls().send = [](int, const void *, size_t left, int) { return stepped(left); };
+    fh::netCalls().recv = [](int, void *, size_t left, int) { return stepped(left); };
+    fh::netCalls().poll = [](pollfd *, nfds_t, int) { return errno = EBADF, -1; };
+    TIME_TIMEOUT *inFive = nullptr;
+    TimeCreateAndSetTimeout(&inFive, 5, 0);
     inject(EAGAIN, 1);
     EXPECT_EQ(seen([&] { return NetTcpSendBlocking(nullptr, 5, "0123456789", 10, inFive, nullptr, nullptr); }),
               (Seen{F, {{"Fatal error during TCP send: Bad file descriptor", EBADF, -1}}}));
     ObjReleaseInternal(&inFive);
-    ObjReleaseInternal(&inTwoDays);
-
-    // Bad arguments: the send says it moved nothing, the receive says nothing.
     int32_t sent = 77, received = 77;
+    char buffer[1];
     gCalls = 0;
     EXPECT_EQ(seen([&] { return NetTcpSendBlocking(&sent, -1, "x", 1, nullptr, nullptr, nullptr); }),
               (Seen{NET_ERROR_BAD_SOCKET, {{"Invalid socket handle", 0, -1}}}));
     EXPECT_EQ(seen([&] { return NetTcpReceiveBlocking(&received, 5, buffer, 0, nullptr, nullptr, nullptr); }),
               (Seen{NET_ERROR_BAD_LENGTH, {{"Invalid buffer length", 0, -1}}}));
-    EXPECT_TRUE(sent == 0);
-    EXPECT_TRUE(received == 77);
-    EXPECT_TRUE(gCalls == 0);
+    EXPECT_TRUE(sent == 0 && received == 77 && gCalls == 0);
 }
 
 TEST_F(NetTest, ConnectRetriesOnlyProtocolErrors) {
@@ -267,8 +273,7 @@ TEST_F(NetTest, AcceptRepeatsOnlyInterruptions) {
     ASSERT_TRUE(NetGetLocalAddress(&client, c.client));
     EXPECT_TRUE(NetAddressEqual(&peer, &client, FALSE) && peer.aBytes[0] == 16 && peer.aBytes[31] == 0xEE);
     // Nothing taken from the non-blocking listener; close-on-exec all the same.
-    EXPECT_TRUE((fcntl(c.server, F_GETFL) & O_NONBLOCK) == 0);
-    EXPECT_TRUE((fcntl(c.server, F_GETFD) & FD_CLOEXEC) != 0);
+    EXPECT_TRUE((fcntl(c.server, F_GETFL) & O_NONBLOCK) == 0 && (fcntl(c.server, F_GETFD) & FD_CLOEXEC) != 0);
 
     const std::pair<int, int32_t> rows[] = {
         {EAGAIN, W}, {ECONNABORTED, NET_ERROR_ACCEPT_FAILED}, {ENOSR, NET_ERROR_ACCEPT_FAILED},
@@ -286,49 +291,45 @@ TEST_F(NetTest, AcceptRepeatsOnlyInterruptions) {
               (Seen{NET_ERROR_BAD_SOCKET, {{"NetAccept called with invalid socket", 0, -1}}}));
 }
 
-// Options on a stream socket, then each one's traced failure on a pipe.
-TEST_F(NetTest, OptionsAndTheirFailures) {
+// Options set on a stream socket read back as set, each to its own option.
+TEST_F(NetTest, OptionsTakeEffectOnAStreamSocket) {
     int32_t socket = -1, sendSize = 0, receiveSize = 0;
     ASSERT_TRUE(NetOpen(&socket, NET_SOCKET_STREAM));
     BOOL reuse = -1;
-    ASSERT_TRUE(NetGetReuseAddress(&reuse, socket));
-    ASSERT_TRUE(reuse == 0);
-    ASSERT_TRUE(NetSetReuseAddress(socket));
-    ASSERT_TRUE(NetGetReuseAddress(&reuse, socket));
-    ASSERT_TRUE(reuse == 1);
+    EXPECT_TRUE(NetGetReuseAddress(&reuse, socket) && reuse == 0);
+    EXPECT_TRUE(NetSetReuseAddress(socket) && NetGetReuseAddress(&reuse, socket) && reuse == 1);
     linger lingering{};
     socklen_t length = sizeof lingering;
     ASSERT_TRUE(NetSetNoLinger(socket));
     getsockopt(socket, SOL_SOCKET, SO_LINGER, &lingering, &length);
-    EXPECT_TRUE(lingering.l_onoff == 1);
-    EXPECT_TRUE(lingering.l_linger == 0);
-    ASSERT_TRUE(NetSetSendBufferSize(socket, 8192));
-    ASSERT_TRUE(NetSetReceiveBufferSize(socket, 12288));
-    ASSERT_TRUE(NetGetSendBufferSize(&sendSize, socket));
-    ASSERT_TRUE(NetGetReceiveBufferSize(&receiveSize, socket));
-    EXPECT_TRUE(sendSize >= 8192) << sendSize << " " << receiveSize;
-    EXPECT_TRUE(receiveSize >= 12288) << sendSize << " " << receiveSize;
-    EXPECT_TRUE(sendSize != receiveSize) << sendSize << " " << receiveSize;
-    ASSERT_TRUE(NetSetNonBlocking(socket));
-    ASSERT_TRUE((fcntl(socket, F_GETFL) & O_NONBLOCK) != 0);
-    ASSERT_TRUE(NetSetBlocking(socket));
-    ASSERT_TRUE((fcntl(socket, F_GETFL) & O_NONBLOCK) == 0);
+    EXPECT_TRUE(lingering.l_onoff == 1 && lingering.l_linger == 0);
+    ASSERT_TRUE(NetSetSendBufferSize(socket, 8192) && NetSetReceiveBufferSize(socket, 12288));
+    ASSERT_TRUE(NetGetSendBufferSize(&sendSize, socket) && NetGetReceiveBufferSize(&receiveSize, socket));
+    EXPECT_TRUE(sendSize >= 8192 && receiveSize >= 12288 && sendSize != receiveSize) << sendSize << " " << receiveSize;
+    EXPECT_TRUE(NetSetNonBlocking(socket) && (fcntl(socket, F_GETFL) & O_NONBLOCK) != 0);
+    EXPECT_TRUE(NetSetBlocking(socket) && (fcntl(socket, F_GETFL) & O_NONBLOCK) == 0);
     EXPECT_FALSE(NetIsConnected(socket) || NetGetReuseAddress(nullptr, socket) || NetTcpSetNoDelay());
     NetClose(&socket);
+}
 
+// Each option fails on a pipe with its own trace, and leaves what it would
+// have read as it was.
+TEST_F(NetTest, EachOptionTracesItsFailure) {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     const int32_t pipe = ends[0];
     NetAddressT address = loopback(0);
+    BOOL reuse = 7;
+    int32_t size = 77;
     const std::tuple<const char *, int32_t, std::function<BOOL()>> rows[] = {
         {"Failed to get reuse address on : %s", 2, [&] { return NetGetReuseAddress(&reuse, pipe); }},
         {"Failed to set reuse address on : %s", 2, [&] { return NetSetReuseAddress(pipe); }},
         {"Failed to set keepalive on : %s", 2, [&] { return NetSetKeepAlive(pipe); }},
         {"Failed to set no linger : %s", 2, [&] { return NetSetNoLinger(pipe); }},
         {"Failed to set send buffer size: %s", 2, [&] { return NetSetSendBufferSize(pipe, 1); }},
-        {"Failed to get send buffer size: %s", 2, [&] { return NetGetSendBufferSize(&sendSize, pipe); }},
+        {"Failed to get send buffer size: %s", 2, [&] { return NetGetSendBufferSize(&size, pipe); }},
         {"Failed to set receive buffer size: %s", 2, [&] { return NetSetReceiveBufferSize(pipe, 1); }},
-        {"Failed to get receive buffer size: %s", 2, [&] { return NetGetReceiveBufferSize(&sendSize, pipe); }},
+        {"Failed to get receive buffer size: %s", 2, [&] { return NetGetReceiveBufferSize(&size, pipe); }},
         {"Failed to listen on socket: %s", 2, [&] { return NetListen(pipe, 1); }},
         {"Failed to get local address of socket: %s", 2, [&] { return NetGetLocalAddress(&address, pipe); }},
         {"Failed to get remote address of socket: %s", 2, [&] { return NetGetRemoteAddress(&address, pipe); }},
@@ -339,23 +340,26 @@ TEST_F(NetTest, OptionsAndTheirFailures) {
         EXPECT_EQ(errno, ENOTSOCK);
     }
     const NetAddressT unbound = loopback(0);
-    EXPECT_TRUE(memcmp(&address, &unbound, sizeof address) == 0);
-    EXPECT_TRUE(reuse == 1);
-    EXPECT_TRUE(sendSize >= 8192);
+    EXPECT_TRUE(memcmp(&address, &unbound, sizeof address) == 0 && reuse == 7 && size == 77);
     EXPECT_FALSE(NetSocketError(pipe)); // a failed read is no pending error
-    close(ends[0]);
-    close(ends[1]);
-    EXPECT_EQ(seen([&] { return NetSetNonBlocking(pipe); }),
+    close(ends[0]), close(ends[1]);
+}
+
+// The blocking mode fails at either step with its trace; the handle -1
+// reaches no call at all.
+TEST_F(NetTest, FlagFailuresAndTheAbsentHandle) {
+    EXPECT_EQ(seen([&] { return NetSetNonBlocking(1000); }),
               (Seen{FALSE, {{"Failed to get socket flags: Bad file descriptor", EBADF, 2}}}));
     PlatformCallsBack back;
     fh::netCalls().fcntl = [](int, int command, int) { return command == F_SETFL ? (errno = EPERM, -1) : 0; };
     EXPECT_EQ(seen([&] { return NetSetBlocking(5); }),
               (Seen{FALSE, {{"Failed to set socket flags: Operation not permitted", EPERM, 2}}}));
-
-    fh::netCalls() = {}; // handle -1 reaches no call
+    fh::netCalls() = {};
+    NetAddressT address = loopback(0);
+    int32_t size = 0;
     for (BOOL result :
          {NetSetNonBlocking(-1), NetSetBlocking(-1), NetSetReuseAddress(-1), NetSetKeepAlive(-1), NetSetNoLinger(-1),
-          NetSetSendBufferSize(-1, 1), NetGetSendBufferSize(&sendSize, -1), NetSocketError(-1), NetIsConnected(-1),
+          NetSetSendBufferSize(-1, 1), NetGetSendBufferSize(&size, -1), NetSocketError(-1), NetIsConnected(-1),
           NetBind(-1, &address), NetListen(-1, 1), NetGetLocalAddress(&address, -1), NetGetRemoteAddress(&address, -1)})
         EXPECT_FALSE(result);
 }
@@ -387,8 +391,7 @@ TEST_F(NetOpenTest, DatagramsBroadcastAndTakeTheirTimeToLive) {
     EXPECT_TRUE(option(stream, SOL_SOCKET, SO_BROADCAST) == 0);
     EXPECT_TRUE(option(datagram, SOL_SOCKET, SO_TYPE) == SOCK_DGRAM &&
                 option(stream, SOL_SOCKET, SO_TYPE) == SOCK_STREAM);
-    EXPECT_TRUE((fcntl(datagram, F_GETFD) & FD_CLOEXEC) != 0);
-    EXPECT_TRUE((fcntl(stream, F_GETFD) & FD_CLOEXEC) != 0);
+    EXPECT_TRUE((fcntl(datagram, F_GETFD) & FD_CLOEXEC) != 0 && (fcntl(stream, F_GETFD) & FD_CLOEXEC) != 0);
     const int systemTtl = option(datagram, IPPROTO_IP, IP_TTL);
     for (const auto &[ttl, expected] : {std::pair{"7", 7}, {"-3", systemTtl}}) {
         setTtl(ttl);
@@ -396,10 +399,8 @@ TEST_F(NetOpenTest, DatagramsBroadcastAndTakeTheirTimeToLive) {
         ASSERT_TRUE(NetOpen(&datagram, NET_SOCKET_DATAGRAM));
         EXPECT_EQ(option(datagram, IPPROTO_IP, IP_TTL), expected);
     }
-    EXPECT_TRUE(NetClose(&datagram));
-    EXPECT_TRUE(NetClose(&stream));
-    EXPECT_TRUE(datagram == -1);
-    EXPECT_TRUE(stream == -1);
+    EXPECT_TRUE(NetClose(&datagram) && NetClose(&stream));
+    EXPECT_TRUE(datagram == -1 && stream == -1);
     EXPECT_FALSE(NetClose(&datagram) || NetClose(nullptr));
     int32_t socket = 42;
     EXPECT_FALSE(NetOpen(&socket, 3) || NetOpen(nullptr, NET_SOCKET_STREAM) || socket != 42);
@@ -443,9 +444,7 @@ TEST_F(NetOpenTest, FailuresLeaveNothingOpen) {
     gCalls = 0;
     const int32_t handle = socket;
     EXPECT_TRUE(NetClose(&socket));
-    EXPECT_TRUE(socket == -1);
-    EXPECT_TRUE(gCalls == 1);
-    EXPECT_TRUE(fcntl(handle, F_GETFD) == -1);
+    EXPECT_TRUE(socket == -1 && gCalls == 1 && fcntl(handle, F_GETFD) == -1);
     fh::netCalls().close = fh::netPlatformCalls().close;
     socket = handle;
     EXPECT_EQ(seen([&] { return NetClose(&socket); }),
