@@ -44,6 +44,12 @@ protected:
         const auto *p = static_cast<const unsigned char *>(packet->oImage.pData);
         return Bytes(p, p + packet->oImage.iSize);
     }
+    // A packet of type 3000 from the manager to here, with the integer 77.
+    MSG_PACKET *integerPacket() {
+        MSG_PACKET *packet = nullptr;
+        EXPECT_TRUE(MsgCreatePacket(&packet, MsgLocalAddress(), MsgCommMgrAddress(), 3000, hold(ObjIntegerNew(77))));
+        return hold(packet);
+    }
     MSG_PACKET *packetOf(const Bytes &bytes) {
         auto *packet = static_cast<MSG_PACKET *>(ObjTemplateNewInstanceFromPool(gtObjTemplatePacket, nullptr));
         packet->oImage.iSize = static_cast<int32_t>(bytes.size());
@@ -80,16 +86,14 @@ TEST_F(MsgPacketTest, GoldenImages) {
     // a data channel carries.
     MSG_PACKET *packet = nullptr;
     ASSERT_TRUE(MsgCreatePacket(&packet, address(nullptr, 6), MsgLocalAddress(), MSG_CONNECTED_OK_MSG, nullptr));
-    hold(packet);
     Bytes expected = header(-6, 201, {1, 0}, {-1, 6}, 2711);
     for (unsigned char b : {0x09, 0x00, 0x00, 0x00, 0x97, 0x0a, 0x00, 0x00, 0x00}) expected.push_back(b);
-    EXPECT_EQ(image(packet), expected);
+    EXPECT_EQ(image(hold(packet)), expected);
 
     // The opening of the IPC connection: 228 bytes, kind 0, id 5, a pid.
     void *body = hold(ObjNewInternal(12, kIpcConnectMagic, "i;i;i;", nullptr, nullptr));
     ObjSetFromTagsVA(body, -2, 0, 0, 1, 5, 2, 4242, -1);
     ASSERT_TRUE(MsgCreatePacket(&packet, address(local(), 2), address(upper(), 5), MSG_IPC_CONNECT_MSG, body));
-    hold(packet);
     expected = header(2, 228, {1, 5}, {1, 2}, 2716);
     put(expected, 36);
     put(expected, 2716);
@@ -99,9 +103,8 @@ TEST_F(MsgPacketTest, GoldenImages) {
     expected.push_back(0);
     for (int32_t v : {0, 5, 4242}) put(expected, v);
     ASSERT_EQ(expected.size(), 228u);
-    EXPECT_EQ(image(packet), expected);
-    EXPECT_EQ(MsgPacketMsgType(packet), MSG_IPC_CONNECT_MSG);
-    EXPECT_FALSE(MsgPacketIsFromChannel(packet));
+    EXPECT_EQ(image(hold(packet)), expected);
+    EXPECT_TRUE(MsgPacketMsgType(packet) == MSG_IPC_CONNECT_MSG && !MsgPacketIsFromChannel(packet));
 }
 
 TEST_F(MsgPacketTest, RoutesFollowTheDestinationAlone) {
@@ -123,25 +126,24 @@ TEST_F(MsgPacketTest, RoutesFollowTheDestinationAlone) {
         ASSERT_TRUE(MsgCreatePacket(&packet, address(machine, c.process), address(local(), 12), 1, nullptr));
         const Bytes b = image(hold(packet));
         EXPECT_EQ(word(b, 0), c.route);
-        EXPECT_TRUE(word(b, 16) == c.machineId);
-        EXPECT_TRUE(word(b, 20) == c.process);
+        EXPECT_TRUE(word(b, 16) == c.machineId && word(b, 20) == c.process);
         EXPECT_EQ(MsgPacketIsFromChannel(packet), c.machineId == -1);
         // Redirected to the process manager here: route 1, the source as it was.
         ASSERT_TRUE(MsgRedirectPacket(MsgProcMgrAddress(), packet));
         const Bytes redirected = image(packet);
-        EXPECT_TRUE(word(redirected, 0) == 1);
-        EXPECT_TRUE(word(redirected, 16) == 1);
-        EXPECT_TRUE(word(redirected, 20) == 1);
+        EXPECT_TRUE(word(redirected, 0) == 1 && word(redirected, 16) == 1 && word(redirected, 20) == 1);
         EXPECT_TRUE(std::equal(b.begin() + 4, b.begin() + 16, redirected.begin() + 4));
         EXPECT_TRUE(std::equal(b.begin() + 24, b.end(), redirected.begin() + 24));
     }
 }
 
-// Two machines, each with its own file, naming each other by other ids.
-TEST_F(MsgPacketTest, MachineIdsAreTheReadersOwn) {
+constexpr char kMachines[] = "[beta]\nId=5\n\n[Retired:gamma]\nId=6\n\n[gamma]\nServer=true\nId=7\n[zero]\nId=0\n";
+
+// A name maps to the id of this machine's file, case aside; a name without
+// a positive id has none, and no packet is made for it.
+TEST_F(MsgPacketTest, NamesMapToTheIdsOfThisMachinesFile) {
     ASSERT_NE(StrCompareNoCase(local(), "beta"), 0);
-    machines(home(), "[beta]\nId=5\n\n[Retired:gamma]\nId=6\n\n[gamma]\nServer=true\nId=7\n[zero]\nId=0\n");
-    int32_t id = 0;
+    machines(home(), kMachines);
     const struct {
         const char *name;
         BOOL found;
@@ -149,15 +151,18 @@ TEST_F(MsgPacketTest, MachineIdsAreTheReadersOwn) {
     } ids[] = {{nullptr, TRUE, -1}, {upper(), TRUE, 1}, {"beta", TRUE, 5}, {"Gamma", TRUE, 7},
                {"zero", FALSE, 0},  {"zeta", FALSE, 0}};
     for (const auto &c : ids) {
-        id = 99;
+        int32_t id = 99;
         EXPECT_EQ(MsgMachineNameToId(&id, c.name), c.found) << (c.name ? c.name : "null");
         EXPECT_EQ(id, c.found ? c.id : 99) << (c.name ? c.name : "null");
     }
     MSG_PACKET *packet = nullptr;
-    EXPECT_FALSE(MsgCreatePacket(&packet, address("zeta", 1), MsgLocalAddress(), 1, nullptr));
-    EXPECT_EQ(packet, nullptr);
+    EXPECT_FALSE(MsgCreatePacket(&packet, address("zeta", 1), MsgLocalAddress(), 1, nullptr) || packet != nullptr);
+    EXPECT_TRUE(MsgMachineIsServer("gamma") && !MsgMachineIsServer("beta") && !MsgMachineIsServer(nullptr));
+}
 
-    // The reverse walk: a stanza with a category is never a machine.
+// The reverse walk: a stanza with a category is never a machine.
+TEST_F(MsgPacketTest, IdsMapBackToMachinesOnly) {
+    machines(home(), kMachines);
     const struct {
         int32_t machine;
         const char *name; // "!" : not mapped
@@ -168,22 +173,18 @@ TEST_F(MsgPacketTest, MachineIdsAreTheReadersOwn) {
         const bool mapped = MsgAddressFromPacketAddress(&a, &pair);
         EXPECT_EQ(mapped, strcmp(c.name ? c.name : "", "!") != 0) << c.machine;
         if (!mapped) continue;
-        hold(a);
-        EXPECT_TRUE(a->iProcess == 3);
-        if (c.name == nullptr)
-            EXPECT_TRUE(MsgIsAChannel(a));
-        else
-            EXPECT_STREQ(a->pszMachine, c.name);
+        EXPECT_TRUE(hold(a)->iProcess == 3);
+        EXPECT_TRUE(c.name == nullptr ? MsgIsAChannel(a) : strcmp(a->pszMachine, c.name) == 0) << c.machine;
     }
     EXPECT_TRUE(traced("MESSAGE", 21, "Failed to map machine id 6 to name"));
-    EXPECT_TRUE(MsgMachineIsServer("gamma"));
-    EXPECT_TRUE(!MsgMachineIsServer("beta"));
-    EXPECT_TRUE(!MsgMachineIsServer(nullptr));
+}
 
-    // A packet made here to beta (5) from alpha (1), read on beta, whose own
-    // file calls id 5 "delta" and knows no id 1 but itself.
-    void *body = hold(ObjStringNew("payload"));
-    ASSERT_TRUE(MsgCreatePacket(&packet, address("beta", 8), address(local(), 2), 4000, body));
+// A packet made here to beta (5) from alpha (1), read on beta, whose own
+// file calls id 5 "delta" and knows no id 1 but itself.
+TEST_F(MsgPacketTest, APacketIsReadByItsReadersOwnFile) {
+    machines(home(), kMachines);
+    MSG_PACKET *packet = nullptr;
+    ASSERT_TRUE(MsgCreatePacket(&packet, address("beta", 8), address(local(), 2), 4000, hold(ObjStringNew("payload"))));
     hold(packet);
     const std::string other = home() + "/beta";
     mkdir(other.c_str(), 0755);
@@ -196,21 +197,16 @@ TEST_F(MsgPacketTest, MachineIdsAreTheReadersOwn) {
     hold(message);
     EXPECT_STREQ(MsgGetMachineName(message->oSource), "beta"); // 1 is always the reader
     EXPECT_STREQ(MsgGetMachineName(message->oDestination), "delta");
-    EXPECT_EQ(MsgType(message), 4000);
-    EXPECT_STREQ(ObjGetString(message->oObject), "payload");
+    EXPECT_TRUE(MsgType(message) == 4000 && strcmp(ObjGetString(message->oObject), "payload") == 0);
     setenv("FHHOME", home().c_str(), 1);
     PathInitialize();
     SysSetLocalMachineName(local());
 }
 
-TEST_F(MsgPacketTest, ImagesFromElsewhereAreCheckedBeforeTheyAreRead) {
-    MSG_PACKET *packet = nullptr;
-    void *body = hold(ObjIntegerNew(77));
-    ASSERT_TRUE(MsgCreatePacket(&packet, MsgLocalAddress(), MsgCommMgrAddress(), 3000, body));
-    const Bytes good = image(hold(packet));
-
-    // The frame length and frame type are not looked at; an unmapped machine
-    // leaves its address null and the message is still made.
+// The frame length and frame type are not looked at; an unmapped machine
+// leaves its address null and the message is still made.
+TEST_F(MsgPacketTest, OnlyWhatAnImageMeansIsChecked) {
+    const Bytes good = image(integerPacket());
     Bytes odd = good;
     odd[192] ^= 0xff;
     odd[196] ^= 0xff;
@@ -221,19 +217,22 @@ TEST_F(MsgPacketTest, ImagesFromElsewhereAreCheckedBeforeTheyAreRead) {
     EXPECT_TRUE(message->oSource == nullptr && MsgGetProcessId(message->oDestination) == 0);
     EXPECT_EQ(ObjGetInteger(message->oObject), 77);
     EXPECT_TRUE(traced("MESSAGE", 21, "Failed to map machine id 42 to name"));
+}
 
+// Images that can't be what they say are refused before they are read.
+TEST_F(MsgPacketTest, ImagesFromElsewhereAreCheckedBeforeTheyAreRead) {
+    const Bytes good = image(integerPacket());
     const auto cut = [&](size_t size) {
         Bytes b(good.begin(), good.begin() + static_cast<long>(std::min(size, good.size())));
         b.resize(size, 0);
         b[4] = static_cast<unsigned char>(size); // total as long as the image
         return b;
     };
-    Bytes longerTotal = good;
+    Bytes longerTotal = good, badBody = good;
     longerTotal[4] += 1;
+    badBody[200] = 7; // no such lead byte
     const std::string beyond = "Refused packet image of " + std::to_string(good.size()) + " bytes, total " +
                                std::to_string(good.size() + 1);
-    Bytes badBody = good;
-    badBody[200] = 7; // no such lead byte
     const struct {
         const char *what;
         Bytes bytes;
@@ -249,14 +248,17 @@ TEST_F(MsgPacketTest, ImagesFromElsewhereAreCheckedBeforeTheyAreRead) {
         SCOPED_TRACE(c.what);
         MSG_PACKET *p = packetOf(c.bytes);
         void *object = nullptr;
-        EXPECT_FALSE(MsgMessageFromPacket(&message, p));
-        EXPECT_FALSE(MsgObjectFromPacketInternal(&object, p, 0));
+        MSG_MESSAGE *message = nullptr;
+        EXPECT_FALSE(MsgMessageFromPacket(&message, p) || MsgObjectFromPacketInternal(&object, p, 0));
         EXPECT_EQ(MsgPacketMsgType(p), c.traceText != nullptr ? 0 : 3000);
         EXPECT_TRUE(c.traceText == nullptr || traced("MESSAGE", 32, c.traceText));
     }
+}
 
-    // The body alone, with the magic it must have.
-    MSG_PACKET *empty = nullptr;
+// The body alone, with the magic it must have; no body passes only an
+// impossible magic.
+TEST_F(MsgPacketTest, TheBodyComesWithTheMagicAsked) {
+    MSG_PACKET *packet = integerPacket(), *empty = nullptr;
     ASSERT_TRUE(MsgCreatePacket(&empty, MsgLocalAddress(), MsgLocalAddress(), 3001, nullptr));
     hold(empty);
     const struct {
@@ -301,8 +303,7 @@ TEST_F(MsgPacketTest, MessagesHoldTheirPartsAndTravelWhole) {
     EXPECT_TRUE(MsgAddressEqual(back->oDestination, message->oDestination));
     EXPECT_TRUE(MsgAddressEqual(back->oSource, message->oSource));
     EXPECT_TRUE(ObjCompare(back->oObject, body));
-    EXPECT_TRUE(MsgIsFromLocalMachine(back));
-    EXPECT_TRUE(!MsgIsFromAChannel(back));
+    EXPECT_TRUE(MsgIsFromLocalMachine(back) && !MsgIsFromAChannel(back));
 
     // A message arrives inside another object only with addresses in it.
     void *bytes = nullptr;
@@ -413,8 +414,7 @@ TEST_F(MsgPacketTest, AKnownChannelAnswersForItsPeer) {
         hold(message)->oSource = channel->oAddress;
         ObjIncRefCount(channel->oAddress);
 
-        EXPECT_EQ(MsgIsLocalMachine(channel->oAddress), c.local);
-        EXPECT_EQ(MsgIsFromLocalMachine(message), c.local);
+        EXPECT_TRUE(MsgIsLocalMachine(channel->oAddress) == c.local && MsgIsFromLocalMachine(message) == c.local);
         MSG_ADDRESS *sender = nullptr;
         EXPECT_EQ(MsgSenderAddressFromSourceAddress(&sender, channel->oAddress), c.peer != nullptr);
         EXPECT_EQ(sender, c.peer) << "the peer itself, with a reference";
