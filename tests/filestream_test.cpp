@@ -100,22 +100,34 @@ TEST_F(FileStreamTest, LockMatrixBetweenProcesses) {
     for (const auto &c : cases) EXPECT_EQ(waitsFor(path, c.held, c.other), c.waits) << c.held << " then " << c.other;
 }
 
+// An open without a path, or whose lock file can't be made, fails with its
+// trace though the file itself is readable.
+TEST_F(FileStreamTest, OpensThatCannotLockOrNameNothing) {
+    const std::string path = home() + "/data";
+    std::ofstream(path) << "last";
+    FILE_STREAM *stream = nullptr;
+    EXPECT_FALSE(FileStreamOpen(&stream, "", kUpdate));
+    char text[32];
+    snprintf(text, sizeof text, "%p", static_cast<void *>(&stream));
+    EXPECT_TRUE(traced("FILE", 40, "FileStreamOpenTags - bad args (" + std::string(text) + ", '')"));
+    fh::sys().open = [](const char *p, int flags, mode_t mode) {
+        return std::string(p).ends_with(".lck") ? (errno = EACCES, -1) : fh::platformCalls().open(p, flags, mode);
+    };
+    EXPECT_FALSE(FileStreamOpen(&stream, path.c_str(), FILE_MODE_TEXT | FILE_MODE_READ));
+    EXPECT_TRUE(traced("FILE", 41, "FileStreamOpenTags - Failed to open lock file"));
+    fh::sys() = fh::platformCalls();
+}
+
+// Output starts only when asked; a rewrite keeps the old contents readable
+// until it is committed, and a cancel leaves them.
 TEST_F(FileStreamTest, AppendCommitAndCancel) {
     const std::string path = home() + "/data";
     FILE_STREAM *stream = nullptr;
-    EXPECT_FALSE(FileStreamOpen(&stream, "", kUpdate));
-    EXPECT_TRUE(traced("FILE", 40, "FileStreamOpenTags - bad args (" + [&] {
-        char text[32];
-        snprintf(text, sizeof text, "%p", static_cast<void *>(&stream));
-        return std::string(text);
-    }() + ", '')"));
     ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), kUpdate)); // created empty
     unsigned char byte = 1;
-    EXPECT_FALSE(FileStreamReadByte(stream, &byte));
-    EXPECT_EQ(byte, 0);
+    EXPECT_FALSE(FileStreamReadByte(stream, &byte) || byte != 0);
     EXPECT_FALSE(FileStreamWrite(stream, "x", 1)); // no output before a start
-    ASSERT_TRUE(FileStreamStartAppend(stream));
-    ASSERT_TRUE(FileStreamPrintF(stream, "old %d\n", 1));
+    ASSERT_TRUE(FileStreamStartAppend(stream) && FileStreamPrintF(stream, "old %d\n", 1));
     ASSERT_TRUE(FileStreamCloseOutput(stream));
     EXPECT_FALSE(FileStreamCloseOutput(stream));
 
@@ -124,53 +136,41 @@ TEST_F(FileStreamTest, AppendCommitAndCancel) {
     int32_t count = 0;
     ASSERT_TRUE(FileStreamRead(stream, copied, 3, &count)); // the old contents stay readable
     EXPECT_EQ(std::string(copied), "old");
-    ASSERT_TRUE(FileStreamWrite(stream, "new", 3));
-    ASSERT_TRUE(FileStreamCloseOutput(stream));
-    ASSERT_TRUE(FileStreamReadByte(stream, &byte));
-    EXPECT_EQ(byte, 'n');
-    ASSERT_TRUE(FileStreamStartRewrite(stream));
-    ASSERT_TRUE(FileStreamWriteByte(stream, 'z'));
+    ASSERT_TRUE(FileStreamWrite(stream, "new", 3) && FileStreamCloseOutput(stream));
+    EXPECT_TRUE(FileStreamReadByte(stream, &byte) && byte == 'n');
+    ASSERT_TRUE(FileStreamStartRewrite(stream) && FileStreamWriteByte(stream, 'z'));
     ASSERT_TRUE(FileStreamCancelRewrite(stream));
     EXPECT_FALSE(FileExists((path + ".new").c_str()));
-    ASSERT_TRUE(FileStreamReadByte(stream, &byte));
-    EXPECT_EQ(byte, 'n');
+    EXPECT_TRUE(FileStreamReadByte(stream, &byte) && byte == 'n');
     EXPECT_FALSE(FileStreamCancelRewrite(stream));
-    // Closing in the midst of a rewrite commits it.
-    ASSERT_TRUE(FileStreamStartRewrite(stream));
-    ASSERT_TRUE(FileStreamWrite(stream, "last", 4));
     ASSERT_TRUE(FileStreamClose(&stream));
-    EXPECT_EQ(readFile(path), "last");
     EXPECT_FALSE(FileStreamClose(&stream));
+}
 
+// A stream opened to read refuses output, and its offsets go where the
+// seeks say.
+TEST_F(FileStreamTest, AReadStreamSeeksAndWritesNothing) {
+    const std::string path = home() + "/data";
+    std::ofstream(path) << "last";
+    FILE_STREAM *stream = nullptr;
+    int32_t count = 0;
+    unsigned char byte = 0;
     ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), FILE_MODE_TEXT | FILE_MODE_READ));
-    EXPECT_FALSE(FileStreamStartRewrite(stream));
-    EXPECT_FALSE(FileStreamStartAppend(stream));
-    ASSERT_TRUE(FileStreamSeekEnd(stream));
-    ASSERT_TRUE(FileStreamGetOffsetLong(&count, stream));
+    EXPECT_FALSE(FileStreamStartRewrite(stream) || FileStreamStartAppend(stream));
+    ASSERT_TRUE(FileStreamSeekEnd(stream) && FileStreamGetOffsetLong(&count, stream));
     EXPECT_EQ(count, 4);
-    ASSERT_TRUE(FileStreamSeekFromLong(stream, 1));
-    ASSERT_TRUE(FileStreamReadByte(stream, &byte));
+    ASSERT_TRUE(FileStreamSeekFromLong(stream, 1) && FileStreamReadByte(stream, &byte));
     EXPECT_EQ(byte, 'a');
     fpos_t position;
     ASSERT_TRUE(FileStreamGetOffset(&position, stream));
-    ASSERT_TRUE(FileStreamSeekRelative(stream, 1));
-    ASSERT_TRUE(FileStreamReadByte(stream, &byte));
-    ASSERT_TRUE(byte == 't');
-    ASSERT_TRUE(FileStreamSeek(stream, position));
-    ASSERT_TRUE(FileStreamReadByte(stream, &byte));
+    ASSERT_TRUE(FileStreamSeekRelative(stream, 1) && FileStreamReadByte(stream, &byte));
+    EXPECT_EQ(byte, 't');
+    ASSERT_TRUE(FileStreamSeek(stream, position) && FileStreamReadByte(stream, &byte));
     EXPECT_EQ(byte, 's');
     const char *own = nullptr;
     ASSERT_TRUE(FileStreamGetPath(&own, stream));
     EXPECT_EQ(own, path);
     FileStreamClose(&stream);
-
-    // A lock file that can't be made: the open fails though the file is readable.
-    fh::sys().open = [](const char *p, int flags, mode_t mode) {
-        return std::string(p).ends_with(".lck") ? (errno = EACCES, -1) : fh::platformCalls().open(p, flags, mode);
-    };
-    EXPECT_FALSE(FileStreamOpen(&stream, path.c_str(), FILE_MODE_TEXT | FILE_MODE_READ));
-    EXPECT_TRUE(traced("FILE", 41, "FileStreamOpenTags - Failed to open lock file"));
-    fh::sys() = fh::platformCalls();
 }
 
 // New contents that fail to reach the disk when the output closes (the file
@@ -229,16 +229,14 @@ TEST_F(FileStreamTest, ACommitReachesTheDiskAroundItsRename) {
     const std::vector<std::string> commit = {"fsync " + fresh, "rename " + fresh + " " + path, "fsync " + home()};
     EXPECT_EQ(gCalls, commit);
     gCalls.clear();
-    ASSERT_TRUE(FileStreamStartRewrite(stream));
-    ASSERT_TRUE(FileStreamWrite(stream, "closed\n", 7));
+    ASSERT_TRUE(FileStreamStartRewrite(stream) && FileStreamWrite(stream, "closed\n", 7));
     EXPECT_TRUE(FileStreamClose(&stream)); // a close in the midst of a rewrite commits it the same way
     EXPECT_EQ(gCalls, commit);
     EXPECT_EQ(readFile(path), "closed\n");
 
     fh::sys().fsync = failFsync;
     ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), kUpdate));
-    ASSERT_TRUE(FileStreamStartRewrite(stream));
-    ASSERT_TRUE(FileStreamWrite(stream, "lost\n", 5));
+    ASSERT_TRUE(FileStreamStartRewrite(stream) && FileStreamWrite(stream, "lost\n", 5));
     EXPECT_FALSE(FileStreamCloseOutput(stream));
     EXPECT_TRUE(traced("FILE", 48, "Failed to flush '" + fresh + "' to the disk: " + strerror(EIO)));
     EXPECT_TRUE(FileStreamCancelRewrite(stream));
