@@ -76,21 +76,17 @@ TEST_F(StanzaFileTest, TitleAndKeyLines) {
         EXPECT_EQ(isKey, c.keyword != nullptr) << c.line;
         EXPECT_EQ(StnzLineIsKey(c.line), isKey) << c.line;
         if (!isKey) continue;
-        EXPECT_EQ(taken(keyword), c.keyword) << c.line;
-        EXPECT_EQ(taken(argument), c.argument) << c.line;
+        EXPECT_EQ(taken(keyword) + "|" + taken(argument), std::string(c.keyword) + "|" + c.argument) << c.line;
     }
     // The looser title test: a '[' first and a ']' anywhere.
-    EXPECT_TRUE(StnzLineIsTitle("  [:x]"));
-    EXPECT_TRUE(StnzLineIsTitle("[]"));
-    EXPECT_FALSE(StnzLineIsTitle("[\x81]"));
-    EXPECT_FALSE(StnzLineIsTitle("a[b]"));
+    EXPECT_TRUE(StnzLineIsTitle("  [:x]") && StnzLineIsTitle("[]"));
+    EXPECT_FALSE(StnzLineIsTitle("[\x81]") || StnzLineIsTitle("a[b]"));
 
     StanzaKey *key = nullptr;
     EXPECT_FALSE(StnzLineToKey(&key, "no key here"));
     EXPECT_TRUE(traced("STANZA", 1, "Failed to split key line no key here"));
     ASSERT_TRUE(StnzLineToKey(&key, " Path = C:!, D: "));
-    EXPECT_STREQ(key->keyword, "Path");
-    EXPECT_EQ(values(key), "C:, D:");
+    EXPECT_TRUE(strcmp(key->keyword, "Path") == 0 && values(key) == "C:, D:");
     StnzReleaseKey(&key);
 }
 
@@ -109,8 +105,7 @@ TEST_F(StanzaFileTest, ValueListsAndTheirEscapes) {
     for (const Case &c : cases) {
         StanzaKey *key = nullptr;
         ASSERT_TRUE(StnzAddValues(&key, "k", c.argument)) << c.argument;
-        EXPECT_EQ(key->valueCount, c.count) << c.argument;
-        EXPECT_EQ(values(key), c.values) << c.argument;
+        EXPECT_TRUE(key->valueCount == c.count && values(key) == c.values) << c.argument << " " << values(key);
         StnzReleaseKey(&key);
     }
     struct Escape {
@@ -139,17 +134,13 @@ TEST_F(StanzaFileTest, WrittenFormComesBackByteForByte) {
     writeFile(path, corpus("written.cfg"));
     LIST *list = nullptr;
     ASSERT_TRUE(StnzLoadStanzaListFromFile(&list, path.c_str()));
-    int32_t count = 0;
-    ListGetItemCount(list, &count);
-    EXPECT_EQ(count, 3);
+    EXPECT_EQ(list->iCount, 3);
     OBJ_STANZA *item = nullptr;
     ASSERT_TRUE(ListGetNthItem(&item, list, 2));
     const Stanza *net = item->pStanza;
-    EXPECT_STREQ(net->category, "Net");
-    EXPECT_EQ(net->keyCount, 12);
-    EXPECT_EQ(values(net->keys[1]), "C:, D:");
-    EXPECT_EQ(values(net->keys[3]), "a|<null>|b");
-    EXPECT_EQ(values(net->keys[8]), "  ");
+    EXPECT_TRUE(strcmp(net->category, "Net") == 0 && net->keyCount == 12);
+    for (const auto &[index, text] : {std::pair{1, "C:, D:"}, {3, "a|<null>|b"}, {8, "  "}})
+        EXPECT_EQ(values(net->keys[index]), text);
     EXPECT_STREQ(net->keys[11]->keyword, "Twice");
     ObjReleaseInternal(&item);
 
@@ -183,8 +174,7 @@ TEST_F(StanzaFileTest, WrittenFormComesBackByteForByte) {
     ASSERT_TRUE(StnzLoadStanzaListFromFile(&list, path.c_str()));
     EXPECT_EQ(list->iCount, 0);
     ObjReleaseInternal(&list);
-    EXPECT_FALSE(StnzLoadStanzaListFromFile(&list, (home() + "/missing.cfg").c_str()));
-    EXPECT_EQ(list, nullptr);
+    EXPECT_FALSE(StnzLoadStanzaListFromFile(&list, (home() + "/missing.cfg").c_str()) || list != nullptr);
 }
 
 TEST_F(StanzaFileTest, RewritesGiveTheCopiedForm) {
@@ -223,79 +213,84 @@ TEST_F(StanzaFileTest, RewritesGiveTheCopiedForm) {
     ObjReleaseInternal(&list);
 }
 
-TEST_F(StanzaFileTest, FindsMoveThePositionOnlyWhenTheyFind) {
-    const std::string path = home() + "/finds.cfg";
+// The file the finds walk, opened to read.
+STNZ_FILE *findsFile(const std::string &home) {
+    const std::string path = home + "/finds.cfg";
     writeFile(path, "lone=before\n[One]\nk=a,b\nK=c\n\n[Cat:Two]\nx=1\n# note\ny=2\n[Three]\nz=3\nx=again\n");
     STNZ_FILE *file = nullptr;
-    ASSERT_TRUE(StnzOpenFile(&file, path.c_str(), STNZ_MODE_READ));
+    EXPECT_TRUE(StnzOpenFile(&file, path.c_str(), STNZ_MODE_READ));
+    return file;
+}
+
+// Keys before the first title belong to no stanza, but FindKeyword sees
+// them; loading a stanza leaves the position where it was.
+TEST_F(StanzaFileTest, FindsMoveThePositionOnlyWhenTheyFind) {
+    STNZ_FILE *file = findsFile(home());
     EXPECT_EQ(StnzFileOpenMode(file), STNZ_MODE_READ);
     char *category = nullptr, *title = nullptr, *text = nullptr;
     EXPECT_FALSE(StnzCurrentTitle(&category, &title, file));
-
-    // Keys before the first title belong to no stanza, but FindKeyword sees them.
     EXPECT_TRUE(StnzFindKeyword(file, "LONE"));
     EXPECT_FALSE(StnzCurrentTitle(nullptr, &title, file));
     EXPECT_TRUE(StnzCurrentArgument(&text, file));
     EXPECT_EQ(taken(text), "before");
 
     ASSERT_TRUE(StnzFindStanza(file, nullptr, "one"));
-    EXPECT_TRUE(StnzFindKeywordInStanza(file, "K"));
-    EXPECT_TRUE(StnzCurrentArgument(&text, file));
+    EXPECT_TRUE(StnzFindKeywordInStanza(file, "K") && StnzCurrentArgument(&text, file));
     EXPECT_EQ(taken(text), "a,b");
     Stanza *stanza = nullptr;
     ASSERT_TRUE(StnzLoadCurrentStanza(&stanza, file));
-    EXPECT_EQ(stanza->keyCount, 2);
-    EXPECT_STREQ(stanza->keys[1]->keyword, "K");
+    EXPECT_TRUE(stanza->keyCount == 2 && strcmp(stanza->keys[1]->keyword, "K") == 0);
     StnzRelease(&stanza);
     // Loading left the position behind "k=a,b": the next key is "K=c".
-    EXPECT_TRUE(StnzFindNextKeyword(file));
-    EXPECT_TRUE(StnzCurrentKeyword(&text, file));
+    EXPECT_TRUE(StnzFindNextKeyword(file) && StnzCurrentKeyword(&text, file));
     EXPECT_EQ(taken(text), "K");
     EXPECT_FALSE(StnzFindNextKeyword(file)); // a title comes first
     EXPECT_FALSE(StnzFindKeywordInStanza(file, "x"));
+    StnzCloseFile(&file);
+}
 
-    // A failed find changes nothing: the next stanza is still "Two".
-    EXPECT_FALSE(StnzFindStanza(file, nullptr, "Missing"));
-    EXPECT_FALSE(StnzFindStanza(file, "Other", "Two"));
+// A failed find changes nothing; FindKeyword runs on across stanzas and
+// makes the stanza it found current.
+TEST_F(StanzaFileTest, AFailedFindChangesNothing) {
+    STNZ_FILE *file = findsFile(home());
+    char *category = nullptr, *title = nullptr, *text = nullptr;
+    ASSERT_TRUE(StnzFindStanza(file, nullptr, "one"));
+    EXPECT_FALSE(StnzFindStanza(file, nullptr, "Missing") || StnzFindStanza(file, "Other", "Two"));
     EXPECT_TRUE(StnzCurrentTitle(&category, &title, file));
-    EXPECT_EQ(taken(title), "one"); // the names the find was given
-    EXPECT_EQ(taken(category), "<null>");
-    ASSERT_TRUE(StnzFindNextStanza(file));
-    EXPECT_TRUE(StnzCurrentTitle(&category, &title, file));
+    EXPECT_EQ(taken(category) + ":" + taken(title), "<null>:one"); // the names the find was given
+    ASSERT_TRUE(StnzFindNextStanza(file) && StnzCurrentTitle(&category, &title, file));
     EXPECT_EQ(taken(category) + ":" + taken(title), "Cat:Two");
     EXPECT_FALSE(StnzCurrentKeyword(&text, file)); // the new stanza has no current key
 
-    // FindKeyword runs on across stanzas and makes the stanza it found current.
-    EXPECT_TRUE(StnzFindKeyword(file, "z"));
-    EXPECT_TRUE(StnzCurrentTitle(&category, &title, file));
+    EXPECT_TRUE(StnzFindKeyword(file, "z") && StnzCurrentTitle(&category, &title, file));
     EXPECT_EQ(taken(category) + ":" + taken(title), "<null>:Three");
-    EXPECT_FALSE(StnzFindKeyword(file, "y")); // behind the position
-    EXPECT_FALSE(StnzFindNextStanza(file));
+    EXPECT_FALSE(StnzFindKeyword(file, "y") || StnzFindNextStanza(file)); // behind the position
     StanzaKey *key = nullptr;
     ASSERT_TRUE(StnzLoadCurrentKey(&key, file));
     EXPECT_EQ(values(key), "3");
     StnzReleaseKey(&key);
+    StnzCloseFile(&file);
+}
 
-    // The current stanza found again is the same, from its start; the find
-    // takes the caller's names, a category "" equal to none.
-    EXPECT_TRUE(StnzFindStanza(file, "cat", "TWO"));
-    EXPECT_TRUE(StnzFindKeywordInStanza(file, "y"));
-    EXPECT_TRUE(StnzFindStanza(file, "cat", "two"));
-    EXPECT_TRUE(StnzCurrentTitle(&category, &title, file));
+// The current stanza found again is the same, from its start; the find
+// takes the caller's names, a category "" equal to none. A find given the
+// file's own current keyword goes on to its next use.
+TEST_F(StanzaFileTest, FindsAgainStartOverOrGoOn) {
+    STNZ_FILE *file = findsFile(home());
+    char *category = nullptr, *title = nullptr, *text = nullptr;
+    EXPECT_TRUE(StnzFindStanza(file, "cat", "TWO") && StnzFindKeywordInStanza(file, "y"));
+    EXPECT_TRUE(StnzFindStanza(file, "cat", "two") && StnzCurrentTitle(&category, &title, file));
     EXPECT_EQ(taken(category) + ":" + taken(title), "cat:TWO");
     EXPECT_TRUE(StnzFindStanza(file, "", "three"));
-    // A find given the file's own current keyword goes on to its next use.
     EXPECT_TRUE(StnzRewindFile(file));
     EXPECT_FALSE(StnzCurrentKeyword(&text, file));
-    ASSERT_TRUE(StnzFindKeyword(file, "x"));
-    ASSERT_TRUE(StnzFindKeyword(file, file->pszKeyword));
+    ASSERT_TRUE(StnzFindKeyword(file, "x") && StnzFindKeyword(file, file->pszKeyword));
     EXPECT_STREQ(file->pszKeyword, "x");
     EXPECT_TRUE(StnzCurrentArgument(&text, file));
     EXPECT_EQ(taken(text), "again");
     EXPECT_STREQ(file->pszTitle, "Three");
     EXPECT_TRUE(StnzCloseFile(&file));
-    EXPECT_FALSE(StnzCloseFile(&file));
-    EXPECT_EQ(StnzFileOpenMode(file), -1);
+    EXPECT_FALSE(StnzCloseFile(&file) || StnzFileOpenMode(file) != -1);
     EXPECT_FALSE(StnzFindNextStanza(nullptr));
     EXPECT_TRUE(traced("STANZA", 2, "Invalid file pointer"));
 }
@@ -343,25 +338,26 @@ TEST_F(StanzaFileTest, AddingStanzasAndKeysByPath) {
     EXPECT_TRUE(traced("STANZA", 7, "Failed to open '" + home() + "/no/such/dir.cfg' for update"));
     StnzRelease(&trace);
     StnzRelease(&port);
+}
 
-    // A key added to an existing stanza, then replacing its keyword.
+// A key goes to the stanza of the names given, which it then bears, beside
+// or in place of the keys of its keyword; a missing stanza is made.
+TEST_F(StanzaFileTest, AddingKeysByPath) {
+    const std::string path = home() + "/add.cfg";
+    writeFile(path, "[Trace]\nDo Crash=FALSE\n\njunk line\n[Net:Port]\nvalue=6000\n\n");
     StanzaKey *key = nullptr;
     ASSERT_TRUE(StnzCreateKeyFromString(&key, "value", "7000"));
     ASSERT_TRUE(StnzAddKeyToFile(path.c_str(), "net", "port", &key, FALSE));
     EXPECT_EQ(key, nullptr);
-    // The stanza takes the names the caller gave.
     EXPECT_EQ(readFile(path), "[Trace]\nDo Crash=FALSE\n\n\n[net:port]\nvalue=6000\nvalue=7000\n\n");
     ASSERT_TRUE(StnzCreateKeyFromString(&key, "VALUE", "8000"));
     ASSERT_TRUE(StnzAddKeyToFile(path.c_str(), "Net", "Port", &key, TRUE));
     EXPECT_EQ(readFile(path), "[Trace]\nDo Crash=FALSE\n\n\n[Net:Port]\nVALUE=8000\n\n");
-    // A missing stanza is made; an empty category is none.
     ASSERT_TRUE(StnzCreateKeyFromInteger(&key, "Lines", 10));
     ASSERT_TRUE(StnzAddKeyToFile(path.c_str(), "", "New", &key, TRUE));
     ASSERT_TRUE(StnzLoadKeyFromFile(&key, path.c_str(), nullptr, "new", "lines"));
-    EXPECT_EQ(values(key), "10");
-    EXPECT_STREQ(key->keyword, "lines");
-    // An empty category is none, for a stanza that is there too.
-    StnzReleaseKey(&key);
+    EXPECT_TRUE(values(key) == "10" && strcmp(key->keyword, "lines") == 0);
+    StnzReleaseKey(&key); // an empty category is none, for a stanza that is there too
     ASSERT_TRUE(StnzCreateKeyFromInteger(&key, "More", 2));
     ASSERT_TRUE(StnzAddKeyToFile(path.c_str(), "", "new", &key, FALSE));
     EXPECT_TRUE(readFile(path).ends_with("[new]\nLines=10\nMore=2\n\n"));
@@ -406,20 +402,22 @@ TEST_F(StanzaFileTest, WritersRefuseNamesThatWouldNotReadBack) {
         }
         StnzRelease(&stanza);
     }
-    // A title line must fit in a line.
+}
+
+// A title line and every key line with its escaped values must fit in a
+// line; a value ending in a lone lead byte would take the line feed along.
+TEST_F(StanzaFileTest, WritersRefuseLinesTooLongToReadBack) {
+    const std::string path = home() + "/names.cfg";
     Stanza *stanza = stanzaOf(nullptr, std::string(4094, 't').c_str(), {});
     EXPECT_FALSE(StnzAddStanzaToFile(stanza, path.c_str()));
     StnzRelease(&stanza);
     stanza = stanzaOf(nullptr, std::string(4093, 't').c_str(), {});
     EXPECT_TRUE(StnzAddStanzaToFile(stanza, path.c_str()));
     StnzRelease(&stanza);
-
-    // A value ending in a lone lead byte would take the line feed along.
     writeFile(path, "");
     stanza = stanzaOf(nullptr, "T", {{"k", "x\x81"}, {"j", "1"}});
     EXPECT_FALSE(StnzAddStanzaToFile(stanza, path.c_str()));
     StnzRelease(&stanza);
-    // So must every key line with its escaped values.
     for (const auto &[value, accepted] : {std::pair{std::string(4093, 'v'), true}, {std::string(4094, 'v'), false},
                                           {std::string(2046, ','), true}, {std::string(2047, ','), false}}) {
         writeFile(path, "");
@@ -427,18 +425,20 @@ TEST_F(StanzaFileTest, WritersRefuseNamesThatWouldNotReadBack) {
         EXPECT_EQ(StnzAddStanzaToFile(stanza, path.c_str()), accepted) << value.size();
         StnzRelease(&stanza);
     }
+}
 
-    // Writing needs the right mode.
+// Writing needs the right mode, and an update a stanza's name.
+TEST_F(StanzaFileTest, WritersNeedTheirMode) {
+    const std::string path = home() + "/names.cfg";
+    writeFile(path, "");
     STNZ_FILE *file = nullptr;
-    stanza = stanzaOf(nullptr, "T", {});
+    Stanza *stanza = stanzaOf(nullptr, "T", {});
     ASSERT_TRUE(StnzOpenFile(&file, path.c_str(), STNZ_MODE_READ));
-    EXPECT_FALSE(StnzFileWriteStanza(file, stanza));
-    EXPECT_FALSE(StnzFileRemoveStanza(file, nullptr, "T"));
-    EXPECT_FALSE(StnzFileReplaceStanza(file, stanza));
+    EXPECT_FALSE(StnzFileWriteStanza(file, stanza) || StnzFileRemoveStanza(file, nullptr, "T") ||
+                 StnzFileReplaceStanza(file, stanza));
     StnzCloseFile(&file);
     ASSERT_TRUE(StnzOpenFile(&file, path.c_str(), STNZ_MODE_UPDATE));
-    EXPECT_FALSE(StnzFileAppendStanza(file, stanza));
-    EXPECT_FALSE(StnzFileRemoveStanza(file, nullptr, ""));
+    EXPECT_FALSE(StnzFileAppendStanza(file, stanza) || StnzFileRemoveStanza(file, nullptr, ""));
     StnzCloseFile(&file);
     StnzRelease(&stanza);
 }
