@@ -163,7 +163,8 @@ TEST_F(ChannelTest, PacketsThatArriveTogetherComeOneACall) {
         std::vector<Bytes> sent;
         Bytes all;
         for (const int32_t type : types) {
-            sent.push_back(wire(channel->oAddress, type, type == MSG_PONG_MSG ? hold(ObjStringNew("pong")) : nullptr, ipc));
+            sent.push_back(
+                wire(channel->oAddress, type, type == MSG_PONG_MSG ? hold(ObjStringNew("pong")) : nullptr, ipc));
             all.insert(all.end(), sent.back().begin(), sent.back().end());
         }
         send(c.client, all);
@@ -214,7 +215,8 @@ TEST_F(ChannelTest, ImpossibleLengthsTakeTheChannelDown) {
         Bytes head;
         if (k.ipc) {
             head.assign(MSG_PACKET_HEADER_SIZE, 0);
-            for (int i = 0; i < 4; ++i) head[4 + i] = static_cast<unsigned char>(static_cast<uint32_t>(k.length) >> (8 * i));
+            for (int i = 0; i < 4; ++i)
+                head[4 + i] = static_cast<unsigned char>(static_cast<uint32_t>(k.length) >> (8 * i));
         } else {
             put(head, k.length);
             put(head, MSG_PING_MSG);
@@ -237,7 +239,8 @@ TEST_F(ChannelTest, DeclaredTotalIsNotAllocated) {
             Connection c;
             MSG_CHANNEL *channel = channelOn(c, ipc);
             if (before > 0) {
-                send(c.client, wire(channel->oAddress, MSG_PING_MSG, hold(ObjStringNew(std::string(before, 'b').c_str())), ipc));
+                send(c.client,
+                     wire(channel->oAddress, MSG_PING_MSG, hold(ObjStringNew(std::string(before, 'b').c_str())), ipc));
                 MSG_PACKET *honest = hold(receive(channel));
                 ASSERT_NE(honest, nullptr);
             }
@@ -263,7 +266,8 @@ TEST_F(ChannelTest, ABlockGrowsToALargeFrame) {
     fh::netCalls().ioctl = [](int, unsigned long, void *) { return errno = ENOTTY, -1; };
     Connection c;
     MSG_CHANNEL *channel = channelOn(c);
-    const Bytes frame = wire(channel->oAddress, MSG_PING_MSG, hold(ObjStringNew(std::string(100000, 'g').c_str())), false);
+    const Bytes frame =
+        wire(channel->oAddress, MSG_PING_MSG, hold(ObjStringNew(std::string(100000, 'g').c_str())), false);
     std::thread writer([&] { send(c.client, frame); });
     MSG_PACKET *packet = hold(receive(channel));
     writer.join();

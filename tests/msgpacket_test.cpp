@@ -410,7 +410,7 @@ TEST_F(MsgPacketTest, AKnownChannelAnswersForItsPeer) {
         hold(channel);
         if (c.proxy) channel->oProxyPeer = ObjStringNew("proxy");
         channel->bIsNdmp = c.ndmp;
-        MSG_MESSAGE *message = static_cast<MSG_MESSAGE *>(ObjTemplateNewInstanceFromPool(gtObjTemplateMessage, nullptr));
+        auto *message = static_cast<MSG_MESSAGE *>(ObjTemplateNewInstanceFromPool(gtObjTemplateMessage, nullptr));
         hold(message)->oSource = channel->oAddress;
         ObjIncRefCount(channel->oAddress);
 
