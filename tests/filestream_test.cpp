@@ -251,15 +251,11 @@ TEST_F(FileStreamTest, CharactersThroughAStream) {
     std::ofstream(path, std::ios::binary) << "ab\x81\x41\r\n\r\nabcdef\n\xE0\x40xyz\nlast\x81";
     FILE_STREAM *stream = nullptr;
     ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), FILE_MODE_BINARY | FILE_MODE_READ));
-    int32_t c = 0;
-    ASSERT_TRUE(StrFileReadChar(stream, &c));
-    ASSERT_TRUE(c == 'a');
-    ASSERT_TRUE(StrFileReadChar(stream, &c));
-    ASSERT_TRUE(c == 'b');
-    ASSERT_TRUE(StrFileReadChar(stream, &c));
-    ASSERT_TRUE(c == 0x8141);
-    ASSERT_TRUE(StrFileReadChar(stream, &c));
-    ASSERT_TRUE(c == '\n');  // the carriage return is dropped
+    for (const int32_t expected : {int32_t{'a'}, int32_t{'b'}, int32_t{0x8141}, int32_t{'\n'}}) { // CR dropped
+        int32_t c = 0;
+        ASSERT_TRUE(StrFileReadChar(stream, &c));
+        ASSERT_EQ(c, expected);
+    }
     char line[8];
     EXPECT_EQ(StrFileReadLine(stream, line, sizeof line), 0); // CR LF alone
     EXPECT_EQ(StrFileReadLine(stream, line, 4), 3);
@@ -364,11 +360,9 @@ TEST_F(FileStreamTest, SeeksLandOnTheirByte) {
     EXPECT_FALSE(FileStreamSeekFromLong(stream, -1));
     // After a rewrite the input reads the new contents from their start.
     ASSERT_TRUE(rewriteTo(stream, "0123456789"));
-    ASSERT_TRUE(FileStreamSeekFromLong(stream, 5));
-    ASSERT_TRUE(FileStreamReadByte(stream, &byte));
+    ASSERT_TRUE(FileStreamSeekFromLong(stream, 5) && FileStreamReadByte(stream, &byte));
     EXPECT_EQ(byte, '5');
-    ASSERT_TRUE(FileStreamSeekStart(stream));
-    ASSERT_TRUE(FileStreamReadByte(stream, &byte));
+    ASSERT_TRUE(FileStreamSeekStart(stream) && FileStreamReadByte(stream, &byte));
     EXPECT_EQ(byte, '0');
     FileStreamClose(&stream);
 }
