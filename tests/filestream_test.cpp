@@ -147,26 +147,14 @@ TEST_F(FileStreamTest, AppendCommitAndCancel) {
     EXPECT_FALSE(FileStreamClose(&stream));
 }
 
-// A stream opened to read refuses output, and its offsets go where the
-// seeks say.
-TEST_F(FileStreamTest, AReadStreamSeeksAndWritesNothing) {
+// A stream opened to read refuses output and knows its path (its seeks are
+// the update stream's, below, and those past 4 GiB in the file suite).
+TEST_F(FileStreamTest, AReadStreamWritesNothing) {
     const std::string path = home() + "/data";
     std::ofstream(path) << "last";
     FILE_STREAM *stream = nullptr;
-    int32_t count = 0;
-    unsigned char byte = 0;
     ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), FILE_MODE_TEXT | FILE_MODE_READ));
     EXPECT_FALSE(FileStreamStartRewrite(stream) || FileStreamStartAppend(stream));
-    ASSERT_TRUE(FileStreamSeekEnd(stream) && FileStreamGetOffsetLong(&count, stream));
-    EXPECT_EQ(count, 4);
-    ASSERT_TRUE(FileStreamSeekFromLong(stream, 1) && FileStreamReadByte(stream, &byte));
-    EXPECT_EQ(byte, 'a');
-    fpos_t position;
-    ASSERT_TRUE(FileStreamGetOffset(&position, stream));
-    ASSERT_TRUE(FileStreamSeekRelative(stream, 1) && FileStreamReadByte(stream, &byte));
-    EXPECT_EQ(byte, 't');
-    ASSERT_TRUE(FileStreamSeek(stream, position) && FileStreamReadByte(stream, &byte));
-    EXPECT_EQ(byte, 's');
     const char *own = nullptr;
     ASSERT_TRUE(FileStreamGetPath(&own, stream));
     EXPECT_EQ(own, path);
