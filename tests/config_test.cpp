@@ -73,13 +73,11 @@ TEST_F(ConfigTest, GettersTakeTheDisplayableFormFirst) {
     EXPECT_EQ(wide, 5000000000LL);
     EXPECT_FALSE(CfgGetInt64(&wide, "nofile.cfg", "Net", "Big", -5));
     EXPECT_EQ(wide, -5);
-    BOOL flag = 7;
-    EXPECT_FALSE(CfgGetBoolean(&flag, "net.cfg", "Net", "Flag", TRUE)); // "yes" is no boolean
-    EXPECT_EQ(flag, 7);
-    EXPECT_FALSE(CfgGetBoolean(&flag, "net.cfg", "Net", "Empty", TRUE));
-    EXPECT_EQ(flag, 7);
-    EXPECT_TRUE(CfgGetBoolean(&flag, "net.cfg", "Net", "On", FALSE));
-    EXPECT_EQ(flag, TRUE);
+    BOOL flag = 7; // "yes" and "" are no booleans
+    for (const auto &[item, result, value] : {std::tuple{"Flag", FALSE, 7}, {"Empty", FALSE, 7}, {"On", TRUE, TRUE}}) {
+        EXPECT_EQ(CfgGetBoolean(&flag, "net.cfg", "Net", item, !value), result) << item;
+        EXPECT_EQ(flag, value) << item;
+    }
     char *text = nullptr;
     EXPECT_TRUE(CfgGetString(&text, "net.cfg", "Net", "Name", "none"));
     EXPECT_EQ(taken(text), "alpha");
