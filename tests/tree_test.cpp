@@ -56,7 +56,8 @@ TEST_F(TreeTest, PositionsAndRelations) {
     EXPECT_EQ(shape(tree->oFirst), "1(11,12(121),13),2");
     TREENODE *twelve = nullptr;
     ASSERT_TRUE(TreeNodeNthChild(&twelve, tree->oFirst, 2));
-    for (const auto &[value, position] : {std::pair{7, 2}, {8, 3}, {9, 4}, {6, 5}, {122, 1}}) add(twelve, value, position);
+    for (const auto &[value, position] : {std::pair{7, 2}, {8, 3}, {9, 4}, {6, 5}, {122, 1}})
+        add(twelve, value, position);
     EXPECT_EQ(shape(tree->oFirst), "1(6,11,7,12(121,122),8,13,9),2");
     EXPECT_EQ(TreeAddItem(twelve->oItem, twelve, 6), nullptr);
     EXPECT_EQ(TreeNodeChildCount(tree->oFirst), 7);
