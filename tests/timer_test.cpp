@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <utility>
 #include <vector>
 
 #include "messages/msgtimer.h"
@@ -86,6 +87,16 @@ TEST_F(TimerTest, FollowCallersTimeoutResetAndNever) {
     TimrClearTimers();
     EXPECT_EQ(fired(), (std::vector<intptr_t>{3, 2, 1}));
     EXPECT_TRUE(TimeTimeoutIsNever(TimrNextEvent()));
+    // A timer whose message can't be queued goes, and says so.
+    ASSERT_TRUE(TimrSetAlarm(routineA, cookie(4), at(-1)));
+    void *local = std::exchange(gtLmContext.oMsgLocalAddress, nullptr);
+    TimrClearTimers();
+    gtLmContext.oMsgLocalAddress = local;
+    EXPECT_TRUE(MsgReceiveCount() == 0 && TimeTimeoutIsNever(TimrNextEvent()));
+    char text[128];
+    snprintf(text, sizeof text, "Lost timer (%p, %p): its message could not be queued",
+             reinterpret_cast<void *>(routineA), cookie(4));
+    EXPECT_TRUE(traced("TIMER", 7, text));
 }
 
 // A timer due in 50 ms wakes a receive that waits on idle sockets with a
