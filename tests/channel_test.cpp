@@ -10,6 +10,7 @@
 
 #include "messages/msgmsg.h"
 #include "msgchannel.h"
+#include "msgself.h"
 #include "net_support.h"
 
 namespace {
@@ -181,7 +182,8 @@ TEST_F(ChannelTest, PacketsThatArriveTogetherComeOneACall) {
 TEST_F(ChannelTest, IpcImagesAndTheOpeningRewritten) {
     Connection c;
     MSG_CHANNEL *channel = channelOn(c, true);
-    const Bytes opening = wire(MsgCommMgrAddress(), MSG_IPC_CONNECT_MSG, nullptr, true);
+    Bytes opening = wire(MsgCommMgrAddress(), MSG_IPC_CONNECT_MSG, nullptr, true);
+    fh::msgMarkSelf(opening.data()); // as if the process had made it for itself
     send(c.client, opening);
     for (int waiting = 0, i = 0; i < 500 && waiting < static_cast<int>(opening.size()); ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -195,6 +197,7 @@ TEST_F(ChannelTest, IpcImagesAndTheOpeningRewritten) {
     fh::netCalls() = saved;
     EXPECT_EQ(reads, 1);
     ASSERT_NE(hold(packet), nullptr);
+    EXPECT_FALSE(fh::msgPacketIsSelf(packet));
     const Bytes got = image(packet);
     EXPECT_EQ(le32(got.data() + 0), 2);
     EXPECT_EQ(le32(got.data() + 16), -1);

@@ -220,6 +220,7 @@ bool startImage(MSG_CHANNEL *c) {
     } else if (declaredTotal(c) < MSG_PACKET_BODY_OFFSET) {
         return false;
     } else {
+        fh::msgClearMark(c->aHeader); // no image from a socket is one the process made for itself
         trace(kIdGotIpc, 0, 3, "Got a message %s for %ld:%ld with a %ld bytes of data",
               fh::msgTracedName(3, fh::msgGetLe32(c->aHeader + 24)),
               static_cast<long>(fh::msgGetLe32(c->aHeader + 16)), static_cast<long>(fh::msgGetLe32(c->aHeader + 20)),
