@@ -241,8 +241,12 @@ TEST_F(ObjectTest, DeepCopyKeepsSharingAndSkipsLocalReferences) {
     void *copy = nullptr;
     ASSERT_TRUE(ObjDuplicateInternal(&copy, source, FALSE));
     auto *c = static_cast<Thing *>(copy);
-    EXPECT_TRUE(ObjCompare(c, source));
+    EXPECT_EQ(c->number, 7);
     EXPECT_NE(c->text, source->text);
+    EXPECT_STREQ(c->text, "hello");
+    EXPECT_EQ(memcmp(c->data.pData, "abcd", 4), 0);
+    EXPECT_EQ(memcmp(c->inlineBytes, "12345", 5), 0);
+    EXPECT_EQ(c->wide, source->wide);
     auto *copiedChild = static_cast<Thing *>(c->child);
     ASSERT_NE(copiedChild, nullptr);
     EXPECT_NE(copiedChild, child);
