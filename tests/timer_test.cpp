@@ -1,6 +1,10 @@
 // Timers and messages to self: events fire earliest first with both tie
 // rules, follow the caller's timeout object and fire once; a packet to self
 // keeps pointers whole and never leaves the process.
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <vector>
 
 #include "messages/msgtimer.h"
@@ -19,6 +23,8 @@ protected:
         fired();
         ListReleaseAll(static_cast<LIST *>(gtLmContext.oTimrEvents));
         for (void *object : held_) ObjReleaseInternal(&object);
+        MsgReleaseThread(&gtLmContext); // and the poll set of a pass
+        MsgInitializeThread();
         LibraryTest::TearDown();
     }
     // A timeout at a whole second from the start of the test, held to its end.
@@ -80,6 +86,32 @@ TEST_F(TimerTest, FollowCallersTimeoutResetAndNever) {
     TimrClearTimers();
     EXPECT_EQ(fired(), (std::vector<intptr_t>{3, 2, 1}));
     EXPECT_TRUE(TimeTimeoutIsNever(TimrNextEvent()));
+}
+
+// A timer due in 50 ms wakes a receive that waits on idle sockets with a
+// limit of a minute: the timer message comes within milliseconds.
+TEST_F(TimerTest, DueTimerWakesBlockedReceive) {
+    int idle[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, idle), 0);
+    ASSERT_TRUE(MsgAddReadSelect(idle[0]));
+    TIME_OFFSET *soon = nullptr;
+    ASSERT_TRUE(TimeCreateOffset(&soon, 0, 50) && TimrSetAlarmRelative(routineA, cookie(5), soon));
+    ObjReleaseInternal(&soon);
+    TIME_TIMEOUT minute{};
+    const TIME_OFFSET span{60, 0};
+    TimeSetTimeoutFromOffset(&minute, &span);
+    const auto start = std::chrono::steady_clock::now();
+    MSG_MESSAGE *m = nullptr;
+    for (int pass = 0; pass < 100 && !MsgReceive(&m, &minute); ++pass) {}
+    const auto waited =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+    ASSERT_NE(m, nullptr);
+    EXPECT_EQ(m->iType, TIMER_CALLBACK_MSG);
+    EXPECT_TRUE(waited >= 40 && waited < 1000) << waited << " ms";
+    ObjReleaseInternal(&m);
+    MsgRemoveReadSelect(idle[0]);
+    close(idle[0]);
+    close(idle[1]);
 }
 
 // A routine and a cookie above 4 GiB come back whole through a packet to
