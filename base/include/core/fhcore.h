@@ -45,5 +45,7 @@
 #include "shm.h"
 #include "proc.h"
 #include "timer.h"
+#include "task.h"
+#include "procapi.h"
 
 #endif /* FHCORE_FHCORE_H */
