@@ -107,8 +107,8 @@ struct LmContext {
      * MSG_HANDLER_ENTRY), the poll set of a pass (pollfd entries: the
      * capacity, those in use, where the high sockets start), the quick exit
      * flag, the last message error code, whether tasks arrive in their old
-     * plain form only, and the task context that came with the last task
-     * converted to that form. */
+     * plain form only, and the current task context (TASK_CONTEXT, task.h),
+     * set by TaskSetTaskContext or by a task converted to the old form. */
     void *oMsgNotifyOnDeathList;
     void *oMsgPendingTaskList;
     void *oMsgHandlerList;

@@ -47,5 +47,7 @@
 #include "timer.h"
 #include "msgwait.h"
 #include "machinfo.h"
+#include "task.h"
+#include "procapi.h"
 
 #endif /* FHCORE_FHCORE_H */

@@ -103,13 +103,39 @@ typedef struct PMGR_GIVE_SERVICE_A_TASK_EXT {
 #define PMGR_GIVE_SERVICE_A_TASK_RETURN_FORMAT "b;i;o;i;b;i;o;"
 typedef struct PMGR_GIVE_SERVICE_A_TASK_RETURN {
     BOOL bTaken;
-    int32_t iError;     /* 9: the machine went down; 17: unreachable */
+    int32_t iError;     /* PROC_ERROR_... */
     void *oTakenBy;     /* MSG_ADDRESS of the process that took it */
     int32_t iReserved;
     BOOL bReserved;
     int32_t iUniqueId;  /* of the request */
     void *oService;     /* PROC_ADDRESS of the request */
 } PMGR_GIVE_SERVICE_A_TASK_RETURN;
+
+/* The error codes of a task reply (component 1), as ProcErrorString names
+ * them. */
+#define PROC_ERROR_UNKNOWN (-1)
+#define PROC_ERROR_NONE 0
+#define PROC_ERROR_STARTING_PROCESS 1
+#define PROC_ERROR_SHUTTING_DOWN 2
+#define PROC_ERROR_SECURITY 3
+#define PROC_ERROR_PASSWORD 4
+#define PROC_ERROR_PROGRESS_UNAVAILABLE 5
+#define PROC_ERROR_CANCELLED 6
+#define PROC_ERROR_INVALID_ARGUMENTS 7
+#define PROC_ERROR_GUI_PROXY_DIED 8
+#define PROC_ERROR_MACHINE_UNAVAILABLE 9
+#define PROC_ERROR_NO_GUI_CONNECTION 10
+#define PROC_ERROR_UNSUPPORTED_INTERFACE 11
+#define PROC_ERROR_NO_MORE_PROCESSES 12
+#define PROC_ERROR_SERVICE_RUNNING 13
+#define PROC_ERROR_SPAWN_FAILED 14
+#define PROC_ERROR_UNRESOLVED_NAME 15
+#define PROC_ERROR_ADOPT_FAILED 16
+#define PROC_ERROR_MACHINE_UNREACHABLE 17
+#define PROC_ERROR_MACHINE_UNKNOWN 18
+#define PROC_ERROR_TRANSMISSION 19
+#define PROC_ERROR_NOT_REMOTELY_CONTROLLED 20
+#define PROC_ERROR_PLUGIN_DIED 21
 
 /* What a service receives in PMGR_TASK_MSG, plain and extended. */
 #define PMGR_TASK_MAGIC 0xC9C6BE8Du
@@ -139,6 +165,48 @@ typedef struct PMGR_TASK_EXT {
 typedef struct PMGR_PROCESS_DIED {
     void *oAddress;
 } PMGR_PROCESS_DIED, PMGR_NOTIFY_ON_DEATH;
+
+/* The body of PMGR_KILL_PROCESS_MSG: the MSG_ADDRESS of the process to end,
+ * and a number of the caller's that passes through. */
+#define PMGR_KILL_PROCESS_MAGIC 0xC9C6BD79u
+#define PMGR_KILL_PROCESS_FORMAT "o;i;"
+typedef struct PMGR_KILL_PROCESS {
+    void *oAddress;
+    int32_t iNumber;
+} PMGR_KILL_PROCESS;
+
+/* The body of PMGR_CANCEL_NOTIFY_ON_DEATH_MSG: the MSG_ADDRESS watched, and
+ * a null object. */
+#define PMGR_CANCEL_NOTIFY_ON_DEATH_MAGIC 0xC8B88867u
+#define PMGR_CANCEL_NOTIFY_ON_DEATH_FORMAT "o;o;"
+typedef struct PMGR_CANCEL_NOTIFY_ON_DEATH {
+    void *oAddress;
+    void *oReserved;
+} PMGR_CANCEL_NOTIFY_ON_DEATH;
+
+/* PMGR_GET_PROCESS_STATE_MSG asks for the state of the process at a
+ * MSG_ADDRESS; the return names the process again and gives its state
+ * (PROC_STATE_..., -1 when it does not run). */
+#define PMGR_GET_PROCESS_STATE_MAGIC 0xC9C6BDDFu
+#define PMGR_GET_PROCESS_STATE_FORMAT "o;"
+typedef struct PMGR_GET_PROCESS_STATE {
+    void *oAddress;
+} PMGR_GET_PROCESS_STATE;
+#define PMGR_GET_PROCESS_STATE_RETURN_MAGIC 0xC9C6BE03u
+#define PMGR_GET_PROCESS_STATE_RETURN_FORMAT "o;i;"
+typedef struct PMGR_GET_PROCESS_STATE_RETURN {
+    void *oAddress;
+    int32_t iState;
+} PMGR_GET_PROCESS_STATE_RETURN;
+
+/* The body of MSG_SET_PROCESS_CONTEXT_REQUEST_MSG, sent straight to a
+ * process: the object for its context objects, and a null object. */
+#define SET_PROCESS_CONTEXT_REQUEST_MAGIC 0xCF52C585u
+#define SET_PROCESS_CONTEXT_REQUEST_FORMAT "o;o;"
+typedef struct SET_PROCESS_CONTEXT_REQUEST {
+    void *oObject;
+    void *oReserved;
+} SET_PROCESS_CONTEXT_REQUEST;
 
 /* The body of PMGR_ATTACH_TO_SHM_MSG: the id of the main segment, the id
  * of the process table segment, and the offsets in the main segment of the

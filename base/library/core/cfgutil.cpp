@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "core/cfglocal.h"
+#include "core/context.h"
 #include "core/filesys.h"
 #include "core/list.h"
 #include "core/memory.h"
@@ -17,6 +18,8 @@
 #include "core/path.h"
 #include "core/stanza.h"
 #include "core/strbase.h"
+#include "core/task.h"
+#include "objcore.h"
 #include "text.h"
 #include "tracer.h"
 
@@ -161,10 +164,26 @@ BOOL CfgUtilDoRemote(char **client, char **server, const char *file, const char 
     return TRUE;
 }
 
-BOOL CfgUtilDoRemoteFromProcContext(char **, char **) {
-    // A process has a task context, and with it remote details, once tasks
-    // exist; until then every call is local.
-    return FALSE;
+BOOL CfgUtilDoRemoteFromProcContext(char **client, char **server) {
+    // The details may have come with a task from another machine: both
+    // names are read only from an object whose first two components are
+    // strings.
+    const auto *context =
+        fh::objectShaped<TASK_CONTEXT>(gtLmContext.oMsgTaskContext, TASK_CONTEXT_MAGIC, TASK_CONTEXT_FORMAT);
+    void *found = nullptr;
+    if (client == nullptr || server == nullptr || context == nullptr ||
+        !TaskGetContextObject(&found, context, CFG_UTIL_REMOTE_CONFIG_DETAILS_MAGIC))
+        return FALSE;
+    const char *format = ObjGetFormat(ObjGetTemplateFromObject(found));
+    const auto *details = static_cast<const CFG_UTIL_REMOTE_CONFIG_DETAILS *>(found);
+    const bool named = format != nullptr && strncmp(format, "s;s;", 4) == 0 && details->pszClient != nullptr &&
+                       *details->pszClient != '\0' && details->pszServer != nullptr && *details->pszServer != '\0';
+    if (named) {
+        *client = StrDuplicateIntoPool(details->pszClient, nullptr);
+        *server = StrDuplicateIntoPool(details->pszServer, nullptr);
+    }
+    ObjReleaseInternal(&found);
+    return named;
 }
 
 BOOL CfgUtilDoRemoteFromMapFile(const char *file, const char *alternatePath) {

@@ -40,6 +40,7 @@
 #include "core/objmap.h"
 #include "core/objwrappers.h"
 #include "core/path.h"
+#include "core/procapi.h"
 #include "core/proc.h"
 #include "core/shm.h"
 #include "core/stanzafile.h"
@@ -82,6 +83,7 @@ constexpr Module kModules[] = {
     {"ObjMap", 435, ObjMapInitialize, [](LmContext *) { return ObjMapInitializeThread(); }, ObjMapReleaseThread},
     {"ObjWrappers", 440, ObjWrappersInitialize, [](LmContext *) { return ObjWrappersInitializeThread(); },
      ObjWrappersReleaseThread},
+    {"ProcApi", 445, ProcApiInitialize, [](LmContext *) { return ProcApiInitializeThread(); }, ProcApiReleaseThread},
     {"StrBase", 450, StrBaseInitialize, StrBaseInitializeThread, StrBaseReleaseThread},
     {"StnzFile", 455, StnzFileInitialize, [](LmContext *) { return StnzFileInitializeThread(); },
      StnzFileReleaseThread},

@@ -92,6 +92,10 @@ void msgServeChannels(const NetSelectMask *working);
 void msgDeliver(MSG_CHANNEL *channel, MSG_PACKET **packet);
 // The filter's body types (once per process).
 bool msgFilterInitialize();
+// Removes the first entry of the pending task list that answers the
+// request of uniqueId for service (a PROC_ADDRESS): same machine, process
+// name and interface type.
+void msgDropPending(int32_t uniqueId, const void *service);
 // Whether this process takes tasks in the old plain form only, so that a
 // PMGR_TASK_EXT is converted on arrival; set at start-up.
 void msgSetOldStyleTasks(bool oldStyle);

@@ -92,14 +92,6 @@ bool answers(const PMGR_GIVE_SERVICE_A_TASK_RETURN *entry, int32_t uniqueId, con
            sameText(a->pszProcess, b->pszProcess) && a->iInterfaceType == b->iInterfaceType;
 }
 
-void dropPending(int32_t uniqueId, const void *service) {
-    for (LISTNODE *node = pendingList() != nullptr ? pendingList()->oFirst : nullptr; node != nullptr; node = node->oNext)
-        if (answers(static_cast<const PMGR_GIVE_SERVICE_A_TASK_RETURN *>(node->oItem), uniqueId, service)) {
-            ListRemoveItem(node);
-            return;
-        }
-}
-
 // Queues body as a message of type from and to the local address.
 void queueToSelf(int32_t type, const void *body) {
     MSG_PACKET *packet = nullptr;
@@ -135,7 +127,7 @@ bool taskReturned(const MSG_PACKET *packet, const Header &) {
     if (!reply) return true;
     const MSG_ADDRESS *takenBy = fh::msgAddressOf(reply->oTakenBy);
     if (reply->bTaken && takenBy != nullptr && !MsgIsLocalMachine(takenBy)) fh::msgNotifyOnDeathAdd(takenBy);
-    dropPending(reply->iUniqueId, reply->oService);
+    fh::msgDropPending(reply->iUniqueId, reply->oService);
     return true;
 }
 
@@ -202,7 +194,7 @@ bool machineUnreachable(const MSG_PACKET *packet, const Header &) {
     PMGR_GIVE_SERVICE_A_TASK_RETURN *reply = fh::msgNewTaskReturn(kUnreachableCode, task->iUniqueId, task->oService);
     if (reply != nullptr) queueToSelf(PMGR_GIVE_SERVICE_A_TASK_RETURN_MSG, reply);
     ObjReleaseInternal(&reply);
-    dropPending(task->iUniqueId, task->oService);
+    fh::msgDropPending(task->iUniqueId, task->oService);
     return false;
 }
 
@@ -288,6 +280,14 @@ void convertTask(MSG_PACKET **packet) {
 }
 
 } // namespace
+
+void fh::msgDropPending(int32_t uniqueId, const void *service) {
+    for (LISTNODE *node = pendingList() != nullptr ? pendingList()->oFirst : nullptr; node != nullptr; node = node->oNext)
+        if (answers(static_cast<const PMGR_GIVE_SERVICE_A_TASK_RETURN *>(node->oItem), uniqueId, service)) {
+            ListRemoveItem(node);
+            return;
+        }
+}
 
 bool fh::msgFilterInitialize() { return gTaskType.declare() && gTaskExtType.declare(); }
 

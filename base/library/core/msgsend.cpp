@@ -52,23 +52,12 @@ constinit fh::ObjectType<PMGR_GIVE_SERVICE_A_TASK_RETURN> gTaskReturnType{
     PMGR_GIVE_SERVICE_A_TASK_RETURN_MAGIC, PMGR_GIVE_SERVICE_A_TASK_RETURN_FORMAT, fh::kReceivable};
 constinit fh::ObjectType<PMGR_PROCESS_DIED> gProcessDiedType{PMGR_PROCESS_DIED_MAGIC, PMGR_PROCESS_DIED_FORMAT,
                                                               fh::kReceivable};
-// The task bodies that the layer reads as they pass.
-constinit fh::ObjectType<PROC_ADDRESS> gProcAddressType{PROC_ADDRESS_MAGIC, PROC_ADDRESS_FORMAT, fh::kReceivable};
-constinit fh::ObjectType<PMGR_GIVE_SERVICE_A_TASK> gTaskRequestType{
-    PMGR_GIVE_SERVICE_A_TASK_MAGIC, PMGR_GIVE_SERVICE_A_TASK_FORMAT, fh::kReceivable};
-constinit fh::ObjectType<PMGR_GIVE_SERVICE_A_TASK_EXT> gTaskRequestExtType{
-    PMGR_GIVE_SERVICE_A_TASK_EXT_MAGIC, PMGR_GIVE_SERVICE_A_TASK_EXT_FORMAT, fh::kReceivable};
-constinit fh::ObjectType<PMGR_NOTIFY_ON_DEATH> gNotifyOnDeathType{PMGR_NOTIFY_ON_DEATH_MAGIC,
-                                                                  PMGR_NOTIFY_ON_DEATH_FORMAT, fh::kReceivable};
-constexpr fh::DeclaredType *kBodyTypes[] = {&gUnknownType,     &gErrorType,        &gPingType,
-                                            &gTaskReturnType,  &gProcessDiedType,  &gProcAddressType,
-                                            &gTaskRequestType, &gTaskRequestExtType, &gNotifyOnDeathType};
+constexpr fh::DeclaredType *kBodyTypes[] = {&gUnknownType, &gErrorType, &gPingType, &gTaskReturnType,
+                                            &gProcessDiedType};
 
 // The object's magic and format are exactly these.
 bool isShaped(const void *object, uint32_t magic, const char *format) {
-    if (object == nullptr || !ObjCheckTypeInternal(object, magic)) return false;
-    const char *has = ObjGetFormat(ObjGetTemplateFromObject(object));
-    return has != nullptr && StrCompare(has, format) == 0;
+    return fh::objectShaped(object, magic, format) != nullptr;
 }
 
 // Remembers a task request leaving for another machine: a prepared

@@ -8,6 +8,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <iterator>
 #include <span>
 
@@ -252,6 +253,15 @@ size_t objectTemplateBytes(uint32_t magic, const char *format);
 
 // The bytes of an instance of the declared type of magic (0 when none).
 int32_t objectInstanceSize(uint32_t magic);
+
+// object as a T when it is of magic and of exactly format, as a reader of
+// an object from elsewhere must see it before it reads a field; else null.
+template <typename T = void> T *objectShaped(const void *object, uint32_t magic, const char *format) {
+    if (object == nullptr || !ObjCheckTypeInternal(object, magic)) return nullptr;
+    const char *has = ObjGetFormat(ObjGetTemplateFromObject(object));
+    if (has == nullptr || std::strcmp(has, format) != 0) return nullptr;
+    return static_cast<T *>(const_cast<void *>(object));
+}
 
 } // namespace fh
 

@@ -41,6 +41,10 @@ void pathMountTable(const char *file);
 // again.
 void sysForgetMachineName();
 
+// The template that ProcApiInitialize reports by this code (45 to 48)
+// fails as if it could not be made. 0 switches the seam off.
+void procApiFailTemplate(int32_t reportCode);
+
 // StrCompare with 16-byte blocks even where the processor has wider ones, so
 // that both bodies are tested on one machine.
 int32_t strCompareNarrow(const char *a, const char *b);
