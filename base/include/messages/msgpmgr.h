@@ -153,4 +153,67 @@ typedef struct PMGR_ATTACH_TO_UNIX_SHM {
     int32_t iTimeOffset;
 } PMGR_ATTACH_TO_UNIX_SHM;
 
+/* The state a process tells its manager (PMGR_PROCESS_STATUS_MSG), and the
+ * first word of a process (PMGR_PROCESS_INITIAL_STATUS_MSG): its status,
+ * flags (bit 0: it takes tasks in the extended form) and a null. */
+#define PMGR_PROCESS_STATUS_MAGIC 0xC9C6BE28u
+#define PMGR_PROCESS_STATUS_FORMAT "i;i;i;b;b;i;"
+typedef struct PMGR_PROCESS_STATUS {
+    int32_t iState;         /* PROC_STATE_*; 0 (managed) or 1 in the first word */
+    int32_t iPid;           /* the operating system pid of an unmanaged process */
+    int32_t iThread;        /* 0 */
+    BOOL bWantsProgress;    /* asks for a progress buffer */
+    BOOL bViewer;           /* attaches the process table too */
+    int32_t iReserved;
+} PMGR_PROCESS_STATUS;
+#define PMGR_PROCESS_INITIAL_STATUS_MAGIC 0xCA68F424u
+#define PMGR_PROCESS_INITIAL_STATUS_FORMAT "o;i;o;"
+#define PMGR_INITIAL_STATUS_NEW_TASKS 1
+typedef struct PMGR_PROCESS_INITIAL_STATUS {
+    void *oStatus;     /* PMGR_PROCESS_STATUS */
+    int32_t iFlags;
+    void *oReserved;   /* null */
+} PMGR_PROCESS_INITIAL_STATUS;
+
+/* PMGR_KILL_PROCESS_MSG: the process to end and the caller's number. */
+#define PMGR_KILL_PROCESS_MAGIC 0xC9C6BD79u
+#define PMGR_KILL_PROCESS_FORMAT "o;i;"
+typedef struct PMGR_KILL_PROCESS {
+    void *oAddress; /* MSG_ADDRESS */
+    int32_t iNumber;
+} PMGR_KILL_PROCESS;
+
+/* PMGR_CANCEL_NOTIFY_ON_DEATH_MSG: the address watched, and a null. */
+#define PMGR_CANCEL_NOTIFY_ON_DEATH_MAGIC 0xC8B88867u
+#define PMGR_CANCEL_NOTIFY_ON_DEATH_FORMAT "o;o;"
+typedef struct PMGR_CANCEL_NOTIFY_ON_DEATH {
+    void *oAddress; /* MSG_ADDRESS */
+    void *oReserved;
+} PMGR_CANCEL_NOTIFY_ON_DEATH;
+
+/* PMGR_GET_PROCESS_STATE_MSG names a process; the return carries it back
+ * with its state, -1 when it does not run. */
+#define PMGR_GET_PROCESS_STATE_MAGIC 0xC9C6BDDFu
+#define PMGR_GET_PROCESS_STATE_FORMAT "o;"
+typedef struct PMGR_GET_PROCESS_STATE {
+    void *oAddress; /* MSG_ADDRESS */
+} PMGR_GET_PROCESS_STATE;
+#define PMGR_GET_PROCESS_STATE_RETURN_MAGIC 0xC9C6BE03u
+#define PMGR_GET_PROCESS_STATE_RETURN_FORMAT "o;i;"
+typedef struct PMGR_GET_PROCESS_STATE_RETURN {
+    void *oAddress; /* MSG_ADDRESS asked about */
+    int32_t iState;
+} PMGR_GET_PROCESS_STATE_RETURN;
+
+/* PMGR_SET_LOCALE_MSG: the locale a starting process is to use. */
+#define PMGR_SET_LOCALE_MAGIC 0xC84CE84Cu
+#define PMGR_SET_LOCALE_FORMAT "s;"
+typedef struct PMGR_SET_LOCALE {
+    char *pszLocale;
+} PMGR_SET_LOCALE;
+
+/* PMGR_CONNECTION_DROPPED_MSG, from the communication manager to the
+ * process manager when a bound client's connection ends: an OBJ_INTEGER,
+ * the process id of that client. */
+
 #endif /* FHCORE_MESSAGES_MSGPMGR_H */
