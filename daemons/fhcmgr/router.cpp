@@ -11,6 +11,7 @@
 
 #include "messages/msgcmgr.h"
 #include "messages/msgmsg.h"
+#include "messages/msgpmgr.h"
 
 namespace fhcmgr {
 namespace {
@@ -26,6 +27,10 @@ void trace(int32_t id, int32_t level, const char *format, ...) {
     va_start(arguments, format);
     TraceMessageVa(kTag, id, 0, level, format, arguments);
     va_end(arguments);
+}
+
+void writeLe32Bytes(unsigned char *p, uint32_t value) {
+    for (int i = 0; i < 4; ++i) p[i] = static_cast<unsigned char>(value >> (8 * i));
 }
 
 int32_t le32(const unsigned char *p) {
@@ -118,7 +123,7 @@ bool Router::overBound(MSG_CHANNEL *channel) const {
 
 void Router::route(MSG_CHANNEL *from, MSG_PACKET **packet) {
     const int32_t type = MsgPacketMsgType(*packet);
-    const auto *image = static_cast<const unsigned char *>((*packet)->oImage.pData);
+    auto *image = static_cast<unsigned char *>((*packet)->oImage.pData);
     if (type == 0) { // not a sound image: nothing to route or answer
         trace(2, 1, "Dropped an image of %ld bytes from channel %ld", static_cast<long>((*packet)->oImage.iSize),
               static_cast<long>(from->iId));
@@ -147,6 +152,7 @@ void Router::route(MSG_CHANNEL *from, MSG_PACKET **packet) {
         to = nullptr;
     }
     if (to != nullptr) {
+        adopt(from, *to, image, route, type);
         // The header is all the answer needs: keep it, for the dispatch
         // consumes the packet whatever happens.
         unsigned char header[MSG_PACKET_HEADER_SIZE];
@@ -156,6 +162,23 @@ void Router::route(MSG_CHANNEL *from, MSG_PACKET **packet) {
     }
     unreachable(from, image, type);
     ObjReleaseInternal(packet);
+}
+
+// A client that has no id yet (process 0) can't be named by one: what it
+// sends goes on with minus its channel id as the route, which an answer
+// (the process manager's attach message) puts back as its own route. That
+// attach message names the client's new id in its destination, and binds
+// the client to it.
+void Router::adopt(MSG_CHANNEL *from, Client &to, unsigned char *image, int32_t route, int32_t type) {
+    Client *sender = nullptr;
+    for (Client &client : clients_)
+        if (client.channel == from) sender = &client;
+    if (sender != nullptr && sender->process == 0) writeLe32Bytes(image, static_cast<uint32_t>(-from->iId));
+    if (route < 0 && to.process == 0 && type == PMGR_ATTACH_TO_SHM_MSG && le32(image + 20) > 0) {
+        to.process = le32(image + 20);
+        trace(7, 2, "Channel %ld adopted as process %ld", static_cast<long>(to.channel->iId),
+              static_cast<long>(to.process));
+    }
 }
 
 void Router::unreachable(MSG_CHANNEL *from, const unsigned char *image, int32_t type) {
@@ -177,6 +200,18 @@ void Router::unreachable(MSG_CHANNEL *from, const unsigned char *image, int32_t 
     ObjReleaseInternal(&body);
 }
 
+// Tells the process manager that a bound client's connection ended: the
+// process is gone, whether or not it was the manager's child.
+void Router::dropped(int32_t process) {
+    Client *manager = process > MSG_PROCESS_COMMMGR ? byProcess(MSG_PROCESS_PROCMGR) : nullptr;
+    if (manager == nullptr) return;
+    void *word = ObjIntegerNew(process);
+    MSG_PACKET *notice = nullptr;
+    if (MsgCreatePacket(&notice, MsgProcMgrAddress(), MsgCommMgrAddress(), PMGR_CONNECTION_DROPPED_MSG, word))
+        MsgChannelDispatch(manager->channel, &notice);
+    ObjReleaseInternal(&word);
+}
+
 void Router::sweep() {
     for (MSG_PACKET *queued = nullptr; MsgReceivePopPacket(&queued);) ObjReleaseInternal(&queued);
     for (size_t i = 0; i < clients_.size();) {
@@ -186,6 +221,7 @@ void Router::sweep() {
         }
         trace(6, 2, "Client of process %ld on channel %ld is gone", static_cast<long>(clients_[i].process),
               static_cast<long>(clients_[i].channel->iId));
+        dropped(clients_[i].process);
         MSG_ADDRESS *address = nullptr;
         if (MsgChannelAddress(&address, clients_[i].channel) && !MsgChannelClose(&address))
             ObjReleaseInternal(&address);

@@ -8,7 +8,10 @@
 // here). An image that can't be delivered brings its sender
 // CMGR_PROCESS_UNREACHABLE_MSG. A client whose queued output passes the
 // bound is taken down, as is one whose bytes can't be packets (the
-// channel's own reader does that); the manager goes on.
+// channel's own reader does that); the manager goes on. The process
+// manager hears of every bound client whose connection ends
+// (PMGR_CONNECTION_DROPPED_MSG), and its attach message gives a client
+// without an id (process 0) the id it names.
 #ifndef FHCMGR_ROUTER_H
 #define FHCMGR_ROUTER_H
 
@@ -49,6 +52,8 @@ private:
     Client *byChannel(int32_t channelId);
     void unreachable(MSG_CHANNEL *from, const unsigned char *image, int32_t type);
     bool overBound(MSG_CHANNEL *channel) const;
+    void adopt(MSG_CHANNEL *from, Client &to, unsigned char *image, int32_t route, int32_t type);
+    void dropped(int32_t process);
 
     int64_t queueBound_;
     std::vector<Client> clients_;

@@ -255,4 +255,8 @@ typedef struct PMGR_SET_LOCALE {
     char *pszLocale;
 } PMGR_SET_LOCALE;
 
+/* PMGR_CONNECTION_DROPPED_MSG, from the communication manager to the
+ * process manager when a bound client's connection ends: an OBJ_INTEGER,
+ * the process id of that client. */
+
 #endif /* FHCORE_MESSAGES_MSGPMGR_H */
