@@ -198,8 +198,10 @@ TEST_F(NmgrTest, DetailsRequestWritesThePeersSettings) {
     EXPECT_EQ(alphaKnows("gamma", "LMVersion"), "(none)");
 
     std::ofstream(beta_->home() + "/config/version.cfg") << "[Details]\nLMVersion=7006\n";
-    EXPECT_EQ(askDetails("beta"), TRUE) << "over the connection already made";
-    EXPECT_EQ(alphaKnows("beta", "LMVersion"), "7006");
+    EXPECT_TRUE(MachInfoFind("beta")) << "over the connection already made";
+    int32_t version = 0;
+    EXPECT_TRUE(MachInfoGetLMVersion(&version, "beta"));
+    EXPECT_EQ(version, 7006);
 }
 
 // Beta's network manager lost, alpha's manager tells its communication
