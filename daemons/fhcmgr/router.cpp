@@ -8,6 +8,7 @@
 
 #include <cstdarg>
 #include <cstring>
+#include <iterator>
 
 #include "messages/msgcmgr.h"
 #include "messages/msgmsg.h"
@@ -35,6 +36,22 @@ void writeLe32Bytes(unsigned char *p, uint32_t value) {
 
 int32_t le32(const unsigned char *p) {
     return static_cast<int32_t>(uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24);
+}
+
+void putLe32(unsigned char *p, int32_t value) {
+    for (int i = 0; i < 4; ++i) p[i] = static_cast<unsigned char>(static_cast<uint32_t>(value) >> (8 * i));
+}
+
+// A copy of image from the manager itself to a process of this machine.
+MSG_PACKET *copyTo(const MSG_PACKET *packet, int32_t process) {
+    const int32_t size = packet->oImage.iSize;
+    auto *copy = static_cast<MSG_PACKET *>(ObjTemplateNewInstanceFromPool(gtObjTemplatePacket, nullptr));
+    auto *image = static_cast<unsigned char *>(MemAllocateFromPool(static_cast<size_t>(size), nullptr));
+    memcpy(image, packet->oImage.pData, static_cast<size_t>(size));
+    copy->oImage = {size, image};
+    const int32_t header[] = {process, size, MSG_MACHINE_LOCAL, MSG_PROCESS_COMMMGR, MSG_MACHINE_LOCAL, process};
+    for (size_t i = 0; i < std::size(header); ++i) putLe32(image + 4 * i, header[i]);
+    return copy;
 }
 
 ObjectTemplate *unreachableTemplate() {
@@ -114,6 +131,23 @@ Router::Client *Router::byChannel(int32_t channelId) {
     return nullptr;
 }
 
+bool Router::isNetworkManager(const MSG_CHANNEL *channel) const {
+    for (const Client &client : clients_)
+        if (client.channel == channel) return client.process == MSG_PROCESS_NETMGR;
+    return false;
+}
+
+void Router::machineDown(const MSG_CHANNEL *from, const MSG_PACKET *news) {
+    trace(7, 1, "The network manager reports a machine down");
+    for (Client &client : clients_) {
+        if (client.channel == from || client.process <= 0 || MsgChannelIsDown(client.channel) ||
+            overBound(client.channel))
+            continue;
+        MSG_PACKET *copy = copyTo(news, client.process);
+        MsgChannelDispatch(client.channel, &copy);
+    }
+}
+
 bool Router::overBound(MSG_CHANNEL *channel) const {
     int64_t queued = -channel->iOutputPosition;
     for (const LISTNODE *node = channel->oOutputList->oFirst; node != nullptr; node = node->oNext)
@@ -139,6 +173,7 @@ void Router::route(MSG_CHANNEL *from, MSG_PACKET **packet) {
     }
     const int32_t route = le32(image);
     if (route == MSG_PROCESS_COMMMGR) {
+        if (type == CMGR_MACHINE_DOWN_MSG && isNetworkManager(from)) machineDown(from, *packet);
         ObjReleaseInternal(packet);
         return;
     }
