@@ -74,7 +74,7 @@ constexpr size_t rawBytes(size_t rounded) {
     const size_t area = kCacheBlocks && rounded <= kCachedLargest ? (classOf(rounded) + 1) * kClassBytes : rounded;
     return kBlockHeaderBytes + area + kGuardBytes;
 }
-static_assert(rawBytes(0) == rawBytes(16) && rawBytes(17) == rawBytes(32) && (!kCacheBlocks || rawBytes(4) == kBlockHeaderBytes + 16 + kGuardBytes));
+static_assert(!kCacheBlocks || (rawBytes(0) == rawBytes(16) && rawBytes(17) == rawBytes(32) && rawBytes(4) == kBlockHeaderBytes + 16 + kGuardBytes));
 
 // A raw heap block for a user area of rounded bytes, traced on failure
 // unless quiet; a small one from the cache or in its class's size.
