@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -29,24 +30,13 @@
 
 namespace {
 
-template <typename T> ObjectTemplate *declare(uint32_t magic, const char *format) {
-    ObjectTemplate *made = nullptr;
-    ObjTemplateCreateInternal(&made, sizeof(T), magic, format, nullptr);
-    return made;
-}
-
 bool sendStatus(int32_t type, int32_t state, bool viewer) {
-    auto *status = static_cast<PMGR_PROCESS_STATUS *>(ObjTemplateNewInstanceFromPool(
-        declare<PMGR_PROCESS_STATUS>(PMGR_PROCESS_STATUS_MAGIC, PMGR_PROCESS_STATUS_FORMAT), nullptr));
-    *status = {state, 0, 0, TRUE, viewer ? TRUE : FALSE, 0};
-    void *body = status;
-    if (type == PMGR_PROCESS_INITIAL_STATUS_MSG) {
-        auto *initial = static_cast<PMGR_PROCESS_INITIAL_STATUS *>(ObjTemplateNewInstanceFromPool(
-            declare<PMGR_PROCESS_INITIAL_STATUS>(PMGR_PROCESS_INITIAL_STATUS_MAGIC, PMGR_PROCESS_INITIAL_STATUS_FORMAT),
-            nullptr));
-        initial->oStatus = status;
-        body = initial;
-    }
+    void *body = ObjNewInternal(sizeof(PMGR_PROCESS_STATUS), PMGR_PROCESS_STATUS_MAGIC, PMGR_PROCESS_STATUS_FORMAT,
+                                nullptr, nullptr);
+    *static_cast<PMGR_PROCESS_STATUS *>(body) = {state, 0, 0, TRUE, viewer ? TRUE : FALSE, 0};
+    if (type == PMGR_PROCESS_INITIAL_STATUS_MSG)
+        body = new (ObjNewInternal(sizeof(PMGR_PROCESS_INITIAL_STATUS), PMGR_PROCESS_INITIAL_STATUS_MAGIC,
+                                   PMGR_PROCESS_INITIAL_STATUS_FORMAT, nullptr, nullptr)) PMGR_PROCESS_INITIAL_STATUS{body, 0, nullptr};
     const bool sent = MsgSendObject(MsgProcMgrAddress(), type, body);
     ObjReleaseInternal(&body);
     return sent;
@@ -79,8 +69,8 @@ int32_t word(const unsigned char *at) {
     return value;
 }
 
-BOOL keepText(const TraceRecord *record, int32_t, void *cookie) {
-    static_cast<std::vector<std::string> *>(cookie)->push_back(record->Text);
+BOOL writeText(const TraceRecord *record, int32_t, void *out) {
+    *static_cast<std::ofstream *>(out) << "trace " << record->Text << "\n";
     return TRUE;
 }
 
@@ -95,16 +85,11 @@ bool view(int32_t id) {
             const unsigned char *slot = table + PMGR_TABLE_HEAD_BYTES + i * slotBytes;
             if (word(slot + PMGR_SLOT_PROCESS) != id || word(slot + PMGR_SLOT_STATE) != PROC_STATE_BUSY) continue;
             const auto *entry = static_cast<const unsigned char *>(ProcShmAddress(word(slot + PMGR_SLOT_ENTRY)));
-            std::vector<std::string> texts;
-            TraceWalkBuffer(reinterpret_cast<const TraceBuffer *>(entry + PMGR_ENTRY_HEAD_BYTES), keepText, &texts);
-            char *home = nullptr;
-            PathGetHomeDir(&home);
-            std::ofstream out(std::string(home) + "/view.txt");
-            MemFreeInternal(&home);
+            std::ofstream out(std::string(getenv("FHHOME")) + "/view.txt");
             out << "state " << word(slot + PMGR_SLOT_STATE) << "\nstatuses " << word(slot + PMGR_SLOT_STATUSES)
                 << "\ntitle " << reinterpret_cast<const char *>(entry) << "\n";
             for (int counter = 80; counter <= 100; counter += 4) out << "counter " << word(entry + counter) << "\n";
-            for (const std::string &text : texts) out << "trace " << text << "\n";
+            TraceWalkBuffer(reinterpret_cast<const TraceBuffer *>(entry + PMGR_ENTRY_HEAD_BYTES), writeText, &out);
             return true;
         }
         usleep(10 * 1000);

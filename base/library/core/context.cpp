@@ -138,10 +138,6 @@ bool contextCrashFlag() { return gCrashFlag; }
 void contextFailInitialize(int32_t code) { gFailInitializeCode = code; }
 void contextFailInitializeThread(int32_t code) { gFailThreadCode = code; }
 
-void processEntryStore(size_t offset, int32_t value) {
-    if (unsigned char *entry = gtLmContext.pProcessTableEntry; entry != nullptr)
-        memcpy(entry + offset, &value, sizeof value);
-}
 
 } // namespace fh
 

@@ -5,6 +5,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+
+#include "core/context.h"
 
 namespace fh {
 
@@ -58,8 +61,12 @@ struct AttachLayout {
 bool attachLayout(AttachLayout &out, unsigned char *base, uint64_t size, const int32_t (&components)[kAttachComponentCount]);
 
 // Copies a counter into the process table entry, if one is set, in this
-// machine's byte order.
-void processEntryStore(size_t offset, int32_t value);
+// machine's byte order. Inline, so that a run of stores after an allocation
+// loads the entry pointer once.
+inline void processEntryStore(size_t offset, int32_t value) {
+    if (unsigned char *entry = gtLmContext.pProcessTableEntry; entry != nullptr)
+        memcpy(entry + offset, &value, sizeof value);
+}
 
 } // namespace fh
 
