@@ -70,6 +70,7 @@ TEST_F(LibraryTest, ReleaseThreadIsFinal) {
     // again.
     EXPECT_EQ(gtLmContext.pMsgNameMap, nullptr);
     EXPECT_TRUE(MsgInitializeThread());
+    EXPECT_TRUE(MsgWaitInitializeThread(&gtLmContext));
     EXPECT_TRUE(TimerInitializeThread(&gtLmContext));
     EXPECT_TRUE(ShmInitializeThread(&gtLmContext));
 }

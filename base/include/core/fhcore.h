@@ -45,6 +45,8 @@
 #include "shm.h"
 #include "proc.h"
 #include "timer.h"
+#include "msgwait.h"
+#include "machinfo.h"
 #include "task.h"
 #include "procapi.h"
 
