@@ -1,5 +1,5 @@
 // attach_fuzz.cpp - the areas an attach message names, over arbitrary
-// offsets and segments.
+// offsets and segments; and the id text of a command line.
 //
 // The input is three 4-byte little-endian offsets (entry, progress buffer,
 // time area), then the bytes of the main segment, of any length, which also
@@ -7,12 +7,15 @@
 // segment lives in a block of exactly its size, so AddressSanitizer sees any
 // read behind it. Besides the sanitizers the target checks what the process
 // relies on: an accepted layout keeps every area, to its last byte, inside
-// the segment.
+// the segment. The whole input, as a text, is also an id text: one that
+// is accepted is a number alone whose value has a 32-bit negation.
+#include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
 #include "leakcheck.h"
+#include "procstart.h"
 #include "proctable.h"
 
 namespace {
@@ -28,9 +31,23 @@ int32_t wordAt(const unsigned char *at) {
     return value;
 }
 
+void scanIdText(const uint8_t *data, size_t size) {
+    auto *text = static_cast<char *>(malloc(size + 1));
+    memcpy(text, data, size);
+    text[size] = '\0';
+    int32_t id = 0;
+    if (fh::procScanId(text, &id)) {
+        char *end = nullptr;
+        const long value = strtol(text, &end, 10);
+        CHECK(id == value && id != INT32_MIN && *end == '\0' && end != text);
+    }
+    free(text);
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    scanIdText(data, size);
     if (size < 12) return 0;
     const size_t segmentSize = size - 12;
     auto *segment = static_cast<unsigned char *>(malloc(segmentSize == 0 ? 1 : segmentSize));

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <numeric>
 #include <random>
+#include <span>
 
 #include "fixture.h"
 
@@ -219,6 +220,38 @@ void *releaseChain(void *) {
     return reinterpret_cast<void *>(static_cast<intptr_t>(ObjReleaseInternal(&head)));
 }
 } // namespace
+
+// A release frees every owned component, whether the template lists them
+// for it (up to six) or it walks the entries (more than six).
+TEST_F(ObjectTest, EveryOwnedComponentIsReleasedHoweverMany) {
+    const struct {
+        uint32_t magic;
+        const char *format;
+    } cases[] = {
+        {0xC8001011, "s;i;s;s;s;s;o;"},     // six owned, one integer among them
+        {0xC8001012, "s;s;s;s;s;s;i;o;"},   // seven
+        {0xC8001013, "o;s;s;s;s;s;s;s;s;"}, // nine, the object first
+    };
+    void *first = newThing(); // makes the child's template, which holds its blocks for good
+    ObjReleaseInternal(&first);
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.format);
+        ObjectTemplate *t = ObjTemplateNewInternal(-1, c.magic, c.format, nullptr);
+        ASSERT_NE(t, nullptr);
+        const int32_t blocks = MemUsedCount(), objects = ObjCount(); // the template holds its own for good
+        void *object = ObjTemplateNewInstanceFromPool(t, nullptr);
+        for (const ComponentEntry &e : std::span(t->Descriptor.Entries, t->Descriptor.FieldCount)) {
+            char *at = static_cast<char *>(object) + e.Offset;
+            if (e.Datatype == eObjString) *reinterpret_cast<char **>(at) = StrDuplicateIntoPool("owned", nullptr);
+            if (e.Datatype == eObjObject) *reinterpret_cast<void **>(at) = newThing();
+        }
+        gReleases = 0;
+        EXPECT_TRUE(ObjReleaseInternal(&object));
+        EXPECT_EQ(gReleases, 1);
+        EXPECT_EQ(ObjCount(), objects);
+        EXPECT_EQ(MemUsedCount(), blocks);
+    }
+}
 
 TEST_F(ObjectTest, AMillionLinksAreReleasedInASmallStack) {
     EXPECT_EQ(runInSmallStack(releaseChain), reinterpret_cast<void *>(1));

@@ -8,9 +8,11 @@
 
 #include <cstdarg>
 #include <cstring>
+#include <iterator>
 
 #include "messages/msgcmgr.h"
 #include "messages/msgmsg.h"
+#include "messages/msgpmgr.h"
 
 namespace fhcmgr {
 namespace {
@@ -28,8 +30,28 @@ void trace(int32_t id, int32_t level, const char *format, ...) {
     va_end(arguments);
 }
 
+void writeLe32Bytes(unsigned char *p, uint32_t value) {
+    for (int i = 0; i < 4; ++i) p[i] = static_cast<unsigned char>(value >> (8 * i));
+}
+
 int32_t le32(const unsigned char *p) {
     return static_cast<int32_t>(uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24);
+}
+
+void putLe32(unsigned char *p, int32_t value) {
+    for (int i = 0; i < 4; ++i) p[i] = static_cast<unsigned char>(static_cast<uint32_t>(value) >> (8 * i));
+}
+
+// A copy of image from the manager itself to a process of this machine.
+MSG_PACKET *copyTo(const MSG_PACKET *packet, int32_t process) {
+    const int32_t size = packet->oImage.iSize;
+    auto *copy = static_cast<MSG_PACKET *>(ObjTemplateNewInstanceFromPool(gtObjTemplatePacket, nullptr));
+    auto *image = static_cast<unsigned char *>(MemAllocateFromPool(static_cast<size_t>(size), nullptr));
+    memcpy(image, packet->oImage.pData, static_cast<size_t>(size));
+    copy->oImage = {size, image};
+    const int32_t header[] = {process, size, MSG_MACHINE_LOCAL, MSG_PROCESS_COMMMGR, MSG_MACHINE_LOCAL, process};
+    for (size_t i = 0; i < std::size(header); ++i) putLe32(image + 4 * i, header[i]);
+    return copy;
 }
 
 ObjectTemplate *unreachableTemplate() {
@@ -109,6 +131,23 @@ Router::Client *Router::byChannel(int32_t channelId) {
     return nullptr;
 }
 
+bool Router::isNetworkManager(const MSG_CHANNEL *channel) const {
+    for (const Client &client : clients_)
+        if (client.channel == channel) return client.process == MSG_PROCESS_NETMGR;
+    return false;
+}
+
+void Router::machineDown(const MSG_CHANNEL *from, const MSG_PACKET *news) {
+    trace(7, 1, "The network manager reports a machine down");
+    for (Client &client : clients_) {
+        if (client.channel == from || client.process <= 0 || MsgChannelIsDown(client.channel) ||
+            overBound(client.channel))
+            continue;
+        MSG_PACKET *copy = copyTo(news, client.process);
+        MsgChannelDispatch(client.channel, &copy);
+    }
+}
+
 bool Router::overBound(MSG_CHANNEL *channel) const {
     int64_t queued = -channel->iOutputPosition;
     for (const LISTNODE *node = channel->oOutputList->oFirst; node != nullptr; node = node->oNext)
@@ -118,7 +157,7 @@ bool Router::overBound(MSG_CHANNEL *channel) const {
 
 void Router::route(MSG_CHANNEL *from, MSG_PACKET **packet) {
     const int32_t type = MsgPacketMsgType(*packet);
-    const auto *image = static_cast<const unsigned char *>((*packet)->oImage.pData);
+    auto *image = static_cast<unsigned char *>((*packet)->oImage.pData);
     if (type == 0) { // not a sound image: nothing to route or answer
         trace(2, 1, "Dropped an image of %ld bytes from channel %ld", static_cast<long>((*packet)->oImage.iSize),
               static_cast<long>(from->iId));
@@ -134,6 +173,7 @@ void Router::route(MSG_CHANNEL *from, MSG_PACKET **packet) {
     }
     const int32_t route = le32(image);
     if (route == MSG_PROCESS_COMMMGR) {
+        if (type == CMGR_MACHINE_DOWN_MSG && isNetworkManager(from)) machineDown(from, *packet);
         ObjReleaseInternal(packet);
         return;
     }
@@ -147,6 +187,7 @@ void Router::route(MSG_CHANNEL *from, MSG_PACKET **packet) {
         to = nullptr;
     }
     if (to != nullptr) {
+        adopt(from, *to, image, route, type);
         // The header is all the answer needs: keep it, for the dispatch
         // consumes the packet whatever happens.
         unsigned char header[MSG_PACKET_HEADER_SIZE];
@@ -156,6 +197,23 @@ void Router::route(MSG_CHANNEL *from, MSG_PACKET **packet) {
     }
     unreachable(from, image, type);
     ObjReleaseInternal(packet);
+}
+
+// A client that has no id yet (process 0) can't be named by one: what it
+// sends goes on with minus its channel id as the route, which an answer
+// (the process manager's attach message) puts back as its own route. That
+// attach message names the client's new id in its destination, and binds
+// the client to it.
+void Router::adopt(MSG_CHANNEL *from, Client &to, unsigned char *image, int32_t route, int32_t type) {
+    Client *sender = nullptr;
+    for (Client &client : clients_)
+        if (client.channel == from) sender = &client;
+    if (sender != nullptr && sender->process == 0) writeLe32Bytes(image, static_cast<uint32_t>(-from->iId));
+    if (route < 0 && to.process == 0 && type == PMGR_ATTACH_TO_SHM_MSG && le32(image + 20) > 0) {
+        to.process = le32(image + 20);
+        trace(7, 2, "Channel %ld adopted as process %ld", static_cast<long>(to.channel->iId),
+              static_cast<long>(to.process));
+    }
 }
 
 void Router::unreachable(MSG_CHANNEL *from, const unsigned char *image, int32_t type) {
@@ -177,6 +235,18 @@ void Router::unreachable(MSG_CHANNEL *from, const unsigned char *image, int32_t 
     ObjReleaseInternal(&body);
 }
 
+// Tells the process manager that a bound client's connection ended: the
+// process is gone, whether or not it was the manager's child.
+void Router::dropped(int32_t process) {
+    Client *manager = process > MSG_PROCESS_COMMMGR ? byProcess(MSG_PROCESS_PROCMGR) : nullptr;
+    if (manager == nullptr) return;
+    void *word = ObjIntegerNew(process);
+    MSG_PACKET *notice = nullptr;
+    if (MsgCreatePacket(&notice, MsgProcMgrAddress(), MsgCommMgrAddress(), PMGR_CONNECTION_DROPPED_MSG, word))
+        MsgChannelDispatch(manager->channel, &notice);
+    ObjReleaseInternal(&word);
+}
+
 void Router::sweep() {
     for (MSG_PACKET *queued = nullptr; MsgReceivePopPacket(&queued);) ObjReleaseInternal(&queued);
     for (size_t i = 0; i < clients_.size();) {
@@ -186,6 +256,7 @@ void Router::sweep() {
         }
         trace(6, 2, "Client of process %ld on channel %ld is gone", static_cast<long>(clients_[i].process),
               static_cast<long>(clients_[i].channel->iId));
+        dropped(clients_[i].process);
         MSG_ADDRESS *address = nullptr;
         if (MsgChannelAddress(&address, clients_[i].channel) && !MsgChannelClose(&address))
             ObjReleaseInternal(&address);

@@ -4,11 +4,18 @@
 // A client is unbound until its first packet, MSG_IPC_CONNECT_MSG, names
 // its process id. Every other image goes on whole, unread past its header:
 // a positive route to the client of that process id, a negative one to the
-// client on minus that channel id, route 2 to the manager itself (dropped
-// here). An image that can't be delivered brings its sender
+// client on minus that channel id (route 3 is the network manager's, for its
+// own requests and for every other machine), route 2 to the manager itself.
+// Of these only CMGR_MACHINE_DOWN_MSG from the network manager does
+// anything: a copy goes to every other client, from process 2, so that each
+// process learns that the machine is gone. An image that can't be delivered
+// (route 3 while no network manager is connected too) brings its sender
 // CMGR_PROCESS_UNREACHABLE_MSG. A client whose queued output passes the
 // bound is taken down, as is one whose bytes can't be packets (the
-// channel's own reader does that); the manager goes on.
+// channel's own reader does that); the manager goes on. The process
+// manager hears of every bound client whose connection ends
+// (PMGR_CONNECTION_DROPPED_MSG), and its attach message gives a client
+// without an id (process 0) the id it names.
 #ifndef FHCMGR_ROUTER_H
 #define FHCMGR_ROUTER_H
 
@@ -48,7 +55,11 @@ private:
     Client *byProcess(int32_t process);
     Client *byChannel(int32_t channelId);
     void unreachable(MSG_CHANNEL *from, const unsigned char *image, int32_t type);
+    bool isNetworkManager(const MSG_CHANNEL *channel) const;
+    void machineDown(const MSG_CHANNEL *from, const MSG_PACKET *news);
     bool overBound(MSG_CHANNEL *channel) const;
+    void adopt(MSG_CHANNEL *from, Client &to, unsigned char *image, int32_t route, int32_t type);
+    void dropped(int32_t process);
 
     int64_t queueBound_;
     std::vector<Client> clients_;

@@ -66,6 +66,18 @@ struct LmContext {
     unsigned char *pProcTimeArea;
     char *pszProcTitle;
     char *pszProcName;
+    /* Start-up and exit: whether the process manager did not start it,
+     * whether it takes tasks in their extended form, whether a proxy
+     * peer's MSG_DISCONNECT_MSG reaches the program; the cleanup routines
+     * (LIST of PROC_CLEANUP, the last added first), the calls of
+     * ProcCleanup so far, and the prefix of trace file names (a private
+     * copy, or null). */
+    int32_t bProcUnmanaged;
+    int32_t bProcNewStyleTasks;
+    int32_t bProcHoldDisconnect;
+    void *oProcCleanupList;
+    int32_t iProcCleanupCount;
+    char *pszProcTraceFilePrefix;
 
     /* Shared memory: the segments this process allocated (LIST of
      * SHM_SEGMENT) and the index of its next allocation. */
@@ -176,6 +188,10 @@ FHAPI BOOL ContextGetContextObject(void **object, uint32_t magic);
  * the process's crash flag is on; otherwise returns and the caller goes on
  * with its failure path. */
 FHAPI void ProcCrash(int32_t force);
+
+/* Sets the crash flag that ProcCrash(0) consults from "Do Crash" of stanza
+ * "Trace" in "configure.cfg" (FALSE when it is not there). */
+FHAPI void ProcSetCrash(void);
 
 FH_END_DECLS
 

@@ -57,4 +57,13 @@ FH_MSG_DECLARE_FAMILY(FH_MSG_FAMILY_CHANNEL_STATUS)
 
 FH_MSG_DECLARE_FAMILY(FH_MSG_FAMILY_CHANNEL)
 
+/* The body of MSG_CHILD_INITIALIZED_MSG, to the process that started this
+ * one and waits: the new process's id and its system pid. */
+#define MSG_CHILD_INITIALIZED_MAGIC 0xCA13380Cu
+#define MSG_CHILD_INITIALIZED_FORMAT "i;i;"
+typedef struct MSG_CHILD_INITIALIZED {
+    int32_t iProcessId;
+    int32_t iPid;
+} MSG_CHILD_INITIALIZED;
+
 #endif /* FHCORE_MESSAGES_MSGMSG_H */

@@ -221,4 +221,42 @@ typedef struct PMGR_ATTACH_TO_UNIX_SHM {
     int32_t iTimeOffset;
 } PMGR_ATTACH_TO_UNIX_SHM;
 
+/* A process's state for the manager (PMGR_PROCESS_STATUS_MSG, and inside
+ * the initial status): a PROC_STATE_ value (in the initial status 0, or 1
+ * for a process the manager did not start), the system's pid (only in an
+ * unmanaged process's initial status), thread 0, whether it asked for a
+ * progress buffer and the process table, and 0. */
+#define PMGR_PROCESS_STATUS_MAGIC 0xC9C6BE28u
+#define PMGR_PROCESS_STATUS_FORMAT "i;i;i;b;b;i;"
+typedef struct PMGR_PROCESS_STATUS {
+    int32_t iState;
+    int32_t iPid;
+    int32_t iThread;
+    BOOL bWantsProgress;
+    BOOL bViewer;
+    int32_t iReserved;
+} PMGR_PROCESS_STATUS;
+
+/* The first word of a process (PMGR_PROCESS_INITIAL_STATUS_MSG): its
+ * PMGR_PROCESS_STATUS, flags (PMGR_INITIAL_NEW_STYLE_TASKS) and null. */
+#define PMGR_PROCESS_INITIAL_STATUS_MAGIC 0xCA68F424u
+#define PMGR_PROCESS_INITIAL_STATUS_FORMAT "o;i;o;"
+#define PMGR_INITIAL_NEW_STYLE_TASKS 0x1
+typedef struct PMGR_PROCESS_INITIAL_STATUS {
+    void *oStatus;
+    int32_t iFlags;
+    void *oReserved;
+} PMGR_PROCESS_INITIAL_STATUS;
+
+/* The body of PMGR_SET_LOCALE_MSG: the name of a locale. */
+#define PMGR_SET_LOCALE_MAGIC 0xC84CE84Cu
+#define PMGR_SET_LOCALE_FORMAT "s;"
+typedef struct PMGR_SET_LOCALE {
+    char *pszLocale;
+} PMGR_SET_LOCALE;
+
+/* PMGR_CONNECTION_DROPPED_MSG, from the communication manager to the
+ * process manager when a bound client's connection ends: an OBJ_INTEGER,
+ * the process id of that client. */
+
 #endif /* FHCORE_MESSAGES_MSGPMGR_H */

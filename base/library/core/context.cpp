@@ -29,6 +29,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "core/config.h"
 #include "core/list.h"
 #include "core/locale.h"
 #include "core/map.h"
@@ -242,4 +243,10 @@ void ProcCrash(int32_t force) {
     sigprocmask(SIG_UNBLOCK, &segv, nullptr);
     kill(getpid(), SIGSEGV);
     abort();
+}
+
+void ProcSetCrash(void) {
+    BOOL crash = FALSE;
+    CfgGetBoolean(&crash, "configure.cfg", "Trace", "Do Crash", FALSE);
+    gCrashFlag = crash != FALSE;
 }

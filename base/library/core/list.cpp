@@ -23,6 +23,7 @@
 #include "core/list.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <utility>
 
 #include "core/context.h"
@@ -290,15 +291,13 @@ void copyList(fh::ObjectCopier &copier, const void *from, void *to) {
 }
 
 // The byte form: item magic, count, cookie, the items, and LIST_MAGIC again.
+// This writes the head; the writer follows the chain of nodes for the rest.
 bool writeList(fh::ObjectWriter &w, const void *container) {
     const auto *list = static_cast<const LIST *>(container);
-    if (!w.u32(static_cast<uint32_t>(list->iItemMagic)) || !w.u32(static_cast<uint32_t>(list->iCount)) ||
-        !w.object(list->oCookie))
-        return false;
-    for (const LISTNODE *node = list->oFirst; node != nullptr; node = node->oNext)
-        if (!w.object(node->oItem)) return false;
-    return w.u32(LIST_MAGIC);
+    return w.u32(static_cast<uint32_t>(list->iItemMagic)) && w.u32(static_cast<uint32_t>(list->iCount)) &&
+           w.object(list->oCookie);
 }
+constexpr fh::NodeChain kListChain{offsetof(LIST, oFirst), offsetof(LISTNODE, oNext), offsetof(LISTNODE, oItem)};
 
 bool readList(fh::ObjectReader &r, int32_t id, void **out) {
     uint32_t itemMagic = 0, count = 0;
@@ -362,7 +361,7 @@ int32_t walkList(fh::ObjectVisitor &v, void *container) {
     return eObjWalkEnter;
 }
 
-const fh::ContainerOperations kListOperations{copyList, writeList, readList, walkList};
+const fh::ContainerOperations kListOperations{copyList, writeList, readList, walkList, &kListChain};
 
 } // namespace
 

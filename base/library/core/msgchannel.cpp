@@ -42,6 +42,9 @@
 #include "core/channel.h"
 
 #include <sys/ioctl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 
 #include <cstring>
 
@@ -440,6 +443,15 @@ void fh::msgChannelsShutDown(LmContext *context) {
         selectBits(entry->iSocket, false, false, false);
         NetClose(&entry->iSocket);
         ObjReleaseInternal(&entry);
+    }
+    // The IPC channel's last packets (the final state for the manager) may
+    // still wait in the socket for the acknowledgement of the one before;
+    // the reset on close would drop them, so they are pushed out first. (A
+    // child that inherited the socket shares it: this changes nothing else
+    // for the parent.)
+    if (auto *ipc = static_cast<MSG_CHANNEL *>(context->oMsgIpcChannel); ipc != nullptr && !ipc->bIsDown) {
+        const int on = 1;
+        setsockopt(ipc->iSocket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     }
     // Channels still up go down without a word: the process is leaving.
     if (auto *map = static_cast<OBJ_MAP *>(context->oMsgChannels); map != nullptr)

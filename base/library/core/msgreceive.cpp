@@ -41,6 +41,7 @@
 #include "msgself.h"
 #include "netcalls.h"
 #include "objcore.h"
+#include "procstart.h"
 #include "tracer.h"
 
 namespace {
@@ -174,7 +175,9 @@ int32_t pollWait(NetSelectMask *working, const TIME_TIMEOUT *timeout) {
     NetCopySelectMask(working, fh::msgSelectMask());
     if (!buildPollSet(working)) return NET_ERROR_FATAL;
     const PollSet set = pollSet();
+    fh::procWaitBegin(); // a SIGTERM may end the process in here
     const int ready = fh::netCalls().poll(set.entries, static_cast<nfds_t>(set.count), pollMilliseconds(timeout));
+    fh::procWaitEnd();
     if (ready < 0) return errno == EINTR ? NET_ERROR_INTERRUPTED : NET_ERROR_FATAL;
     intoWorking(working);
     return ready == 0 ? NET_ERROR_TIMEOUT : NET_ERROR_NONE;
@@ -406,6 +409,7 @@ MSG_PACKET *fh::msgRequeueForm(const void *message) {
 // ---- Receiving ----
 
 BOOL MsgUpdateReceiveList(const TIME_TIMEOUT *timeout) {
+    fh::procStopPoint();
     if (MsgReceiveCount() > 0) return TRUE;
     fh::msgExpireTimers();
     const TIME_TIMEOUT limit = lowered(timeout);

@@ -492,7 +492,7 @@ BOOL MsgWaitMultipleMessagesWithTimeout(MSG_MESSAGE **message, const void *sourc
         for (bool finished = false; !finished && !TimeTimeoutHasExpired(timeout);) {
             MSG_MESSAGE *m = nullptr;
             if (!MsgReceive(&m, timeout)) continue;
-            if ((held == nullptr || MsgIsFrom(m, held)) && wanted(types, m->iType)) {
+            if (wanted(types, m->iType) && (held == nullptr || MsgIsFrom(m, held))) {
                 got = TRUE;
                 if (message != nullptr) *message = m;
                 else ObjReleaseInternal(&m);

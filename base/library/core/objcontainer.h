@@ -69,11 +69,34 @@ class ObjectVisitor {
     virtual NodeResult node(void *node, void **item, int32_t modifyId, const char *modifyText) = 0;
 };
 
+// Where a container keeps its items when they hang in one chain of nodes:
+// the offset of the first node's pointer in the container, of the next
+// node's pointer in a node and of the item's pointer in a node.
+struct NodeChain {
+    size_t first;
+    size_t next;
+    size_t item;
+};
+
+// The items of the chain from the first node of container, in order.
+template <typename Visit> bool forEachChainItem(const NodeChain &chain, const void *container, Visit visit) {
+    auto pointerAt = [](const void *base, size_t offset) {
+        return *reinterpret_cast<void *const *>(static_cast<const char *>(base) + offset);
+    };
+    for (const void *node = pointerAt(container, chain.first); node != nullptr; node = pointerAt(node, chain.next))
+        if (!visit(pointerAt(node, chain.item))) return false;
+    return true;
+}
+
 struct ContainerOperations {
     void (*copy)(ObjectCopier &copier, const void *from, void *to);
     bool (*write)(ObjectWriter &writer, const void *container);
     bool (*read)(ObjectReader &reader, int32_t id, void **out);
     int32_t (*walk)(ObjectVisitor &visitor, void *container);
+    // Null, or the chain of a container whose byte form is a head, its items
+    // and its magic again: write then writes the head only, and the writer
+    // writes the items and the magic itself, with no call per item.
+    const NodeChain *items;
 };
 
 // The container types and their operations, as their declarations register

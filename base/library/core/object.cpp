@@ -34,6 +34,7 @@
 #include "core/object.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstring>
 #include <optional>
@@ -44,6 +45,7 @@
 #include "core/memory.h"
 #include "core/stanza.h"
 #include "core/strbase.h"
+#include "memblock.h"
 #include "objcontainer.h"
 #include "objcore.h"
 #include "proctable.h"
@@ -82,12 +84,27 @@ ObjectTemplate *gRetired = nullptr; // retired templates, linked through Next
 int32_t gForeignTemplates = 0; // templates made for received formats
 size_t gForeignBytes = 0;      // and the pool bytes they hold
 
+// The components of a template that a release must look at (those that own
+// what they hold, and any that cannot be walked), as datatype and payload
+// offset side by side, so that a release reads neither the entries nor a
+// jump table for them. A template with more than fit has all marks false
+// and its release walks the entries.
+constexpr size_t kOwnedInline = 6;
+struct OwnedComponents {
+    bool listed;
+    uint8_t count;
+    std::array<uint8_t, kOwnedInline> datatype;
+    std::array<int32_t, kOwnedInline> offset;
+};
+inline bool ownsOrUnknown(int32_t datatype) { return datatype == eObjNone || kDatatypes[datatype].owns; }
+
 // A template and what this module keeps beside it; the entries follow.
 struct TemplateBlock {
     ObjectTemplate t;
     ObjReceivedCheck check; // for a receivable template; may be null
     bool receivable;         // its module said it may come from elsewhere
     bool retired;            // a declaration took its magic over
+    OwnedComponents owned;   // what a release looks at (see ownedComponents)
 };
 inline TemplateBlock &blockOf(const ObjectTemplate *t) {
     return *reinterpret_cast<TemplateBlock *>(const_cast<ObjectTemplate *>(t));
@@ -189,6 +206,18 @@ fh::FormatLayout layOut(const char *format, ComponentEntry *entries) {
         [](const char *cursor) { ObjComponentDatatype(cursor); });
 }
 
+OwnedComponents ownedComponents(std::span<const ComponentEntry> entries) {
+    OwnedComponents owned{};
+    for (const ComponentEntry &e : entries) {
+        if (!ownsOrUnknown(e.Datatype)) continue;
+        if (owned.count == kOwnedInline) return OwnedComponents{};
+        owned.datatype[owned.count] = static_cast<uint8_t>(e.Datatype);
+        owned.offset[owned.count++] = e.Offset;
+    }
+    owned.listed = true;
+    return owned;
+}
+
 // The pool bytes of a template's three blocks: itself with its entries, its
 // format and its name.
 size_t poolBytesOf(const ObjectTemplate *t) {
@@ -220,6 +249,7 @@ ObjectTemplate *buildTemplate(int32_t size, uint32_t magic, const char *format, 
     d.ObjSize = static_cast<int32_t>(layout.payload) + static_cast<int32_t>(kHeaderSize) + kEndMagicSize;
     d.DbSize = layout.dbSize;
     d.InvalidDb = layout.invalidDb;
+    block->owned = ownedComponents(fh::entriesOf(t));
     gTemplateBlocks += 3;
     if (t->Foreign) {
         ++gForeignTemplates;
@@ -298,77 +328,118 @@ ObjectTemplate *getTemplate(int32_t size, uint32_t magic, const char *format, Ob
     return result;
 }
 
-// The checks in front of a release: 0 when the object may be released.
-bool releasable(void *object) {
+// What dropping a reference came to.
+enum class Drop { kRefused, kHeld, kDied };
+
+// Drops one reference of object after the checks in front of a release
+// (traced, ProcCrash(0) for a damaged object; a count that would go below 0
+// is traced and left alone). The last reference makes the object die: its
+// release callback sees it whole, then its start magic is cleared and the
+// counts go down. What it owns is left to the caller.
+inline Drop drop(void *object) {
     ObjectHeader *h = objectHeader(object);
     if (!OBJ_VALID_MAGIC(h->StartMagic)) {
         trace(72, 0, 2, "ObjRelease - Invalid Magic for object at %p", object);
-    } else if (endMagicOf(h) != h->StartMagic) {
+        ProcCrash(0);
+        return Drop::kRefused;
+    }
+    if (endMagicOf(h) != h->StartMagic) {
         trace(71, 0, 2, "ObjRelease - Corrupt object at %p", object);
-    } else {
-        return true;
+        ProcCrash(0);
+        return Drop::kRefused;
     }
-    ProcCrash(0);
-    return false;
-}
-
-// Drops one reference. An object that dies is pushed on the dying stack.
-// Gives false for a damaged object or a count that would go below 0.
-bool dropReference(void *object, ObjectHeader *&dying) {
-    if (!releasable(object)) return false;
-    ObjectHeader *h = objectHeader(object);
-    if (--h->RefCount < 0) {
-        ++h->RefCount;
+    if (h->RefCount > 1) {
+        --h->RefCount;
+        return Drop::kHeld;
+    }
+    if (h->RefCount < 1) {
         trace(70, 0, 2, "ObjRelease - reference count below zero for object at %p", object);
-        return false;
+        return Drop::kRefused;
     }
-    if (h->RefCount > 0) return true;
-    if (h->Template->ReleaseCallback != nullptr) h->Template->ReleaseCallback(object);
+    h->RefCount = 0;
+    ObjectTemplate *t = h->Template;
+    if (t->ReleaseCallback != nullptr) t->ReleaseCallback(object);
     h->StartMagic = 0;
     LmContext &c = gtLmContext;
     --c.iObjUsed;
     if (c.pProcessTableEntry != nullptr) fh::processEntryStore(fh::kEntryObjUsed, c.iObjUsed);
-    --h->Template->Instances;
+    --t->Instances;
+    return Drop::kDied;
+}
+
+// Drops a reference that a dying object's component holds; an object that
+// dies of it is pushed on the dying stack.
+void dropReference(void *object, ObjectHeader *&dying) {
+    if (drop(object) != Drop::kDied) return;
+    ObjectHeader *h = objectHeader(object);
     h->EndMagic = reinterpret_cast<uint32_t *>(dying);
     dying = h;
-    return true;
 }
 
 template <typename T> inline void freeOwned(T *&block) {
-    if (block != nullptr) MemFreeInternal(&block);
+    if (block == nullptr) return;
+    fh::freeBlock(block);
+    block = nullptr;
 }
 
-// Releases what a dying object's payload owns; false for a format that
-// cannot be walked.
-bool releaseComponents(ObjectHeader *h, ObjectHeader *&dying) {
+// Releases what the component of datatype at offset of a dying object owns;
+// false for a component that cannot be walked.
+[[gnu::noinline]] bool releaseComponent(void *object, int32_t datatype, int32_t offset, ObjectHeader *&dying) {
+    char *at = static_cast<char *>(object) + offset;
+    switch (datatype) {
+    case eObjNone: trace(22, 1, 2, "ObjRelease - unrecognised component"); return false;
+    case eObjString: freeOwned(*reinterpret_cast<char **>(at)); break;
+    case eObjObject:
+        if (void *&child = *reinterpret_cast<void **>(at); child != nullptr) {
+            dropReference(child, dying);
+            child = nullptr;
+        }
+        break;
+    case eObjData: freeOwned(reinterpret_cast<ObjData *>(at)->pData); break;
+    case eObjViewInfo:
+        freeOwned(reinterpret_cast<ObjViewInfo *>(at)->pszString);
+        StnzRelease(&reinterpret_cast<ObjViewInfo *>(at)->pStanza);
+        break;
+    case eObjStanza: StnzRelease(reinterpret_cast<Stanza **>(at)); break;
+    default: break;
+    }
+    return true;
+}
+
+// Releases what a dying object's payload owns, from the template's list or
+// else by its entries; false for a format that cannot be walked. A null
+// string, the common case, is passed over without the switch.
+[[gnu::always_inline]] inline bool releaseComponents(ObjectHeader *h, ObjectHeader *&dying) {
     const ObjectTemplate *t = h->Template;
     if (t->Simple) return true;
     void *object = payloadOf(h);
     bool ok = true;
-    const ObjectDescriptor &d = t->Descriptor;
-    for (const ComponentEntry &e : std::span(d.Entries, d.FieldCount)) {
-        // The datatypes that own nothing need no look.
-        if (e.Datatype != eObjNone && !kDatatypes[e.Datatype].owns) continue;
-        switch (e.Datatype) {
-        case eObjNone:
-            trace(22, 1, 2, "ObjRelease - unrecognised component");
-            ok = false;
-            break;
-        case eObjString: freeOwned(field<char *>(object, e)); break;
-        case eObjObject:
-            if (void *&child = field<void *>(object, e); child != nullptr) {
-                dropReference(child, dying);
-                child = nullptr;
-            }
-            break;
-        case eObjData: freeOwned(field<ObjData>(object, e).pData); break;
-        case eObjViewInfo:
-            freeOwned(field<ObjViewInfo>(object, e).pszString);
-            StnzRelease(&field<ObjViewInfo>(object, e).pStanza);
-            break;
-        case eObjStanza: StnzRelease(&field<Stanza *>(object, e)); break;
-        default: break;
+    if (const OwnedComponents &owned = blockOf(t).owned; owned.listed) {
+        for (size_t i = 0; i < owned.count; ++i) {
+            const int32_t datatype = owned.datatype[i];
+            if (datatype == eObjString && *reinterpret_cast<char **>(static_cast<char *>(object) + owned.offset[i]) == nullptr)
+                continue;
+            ok = releaseComponent(object, datatype, owned.offset[i], dying) && ok;
         }
+        return ok;
+    }
+    for (const ComponentEntry &e : fh::entriesOf(t))
+        if (ownsOrUnknown(e.Datatype)) ok = releaseComponent(object, e.Datatype, e.Offset, dying) && ok;
+    return ok;
+}
+
+// Releases the objects on the dying stack and what they own, in turn; false
+// when a format among them cannot be walked.
+[[gnu::noinline]] bool releaseDying(ObjectHeader *dying) {
+    bool ok = true;
+    while (dying != nullptr) {
+        ObjectHeader *h = dying;
+        dying = reinterpret_cast<ObjectHeader *>(h->EndMagic);
+        // A stale pointer may still be tested while the memory is not reused.
+        h->EndMagic = reinterpret_cast<uint32_t *>(reinterpret_cast<char *>(h) + h->Template->Descriptor.ObjSize -
+                                                   kEndMagicSize);
+        ok = releaseComponents(h, dying) && ok;
+        fh::freeBlock(h);
     }
     return ok;
 }
@@ -463,23 +534,27 @@ void objectTemplateFree(ObjectTemplate *objectTemplate) {
 
 namespace {
 
+// The object's header is written in the same pass as its block's, and only
+// the payload is cleared: the headers and the end magic are written whole.
 void *newInstance(ObjectTemplate *t, MemPool *from) {
     if (t == nullptr) {
         return trace.fault(nullptr, 88, 1, "Invalid arguments");
     }
-    auto *h = static_cast<ObjectHeader *>(MemAllocateFromPool(t->Descriptor.ObjSize, from));
+    const auto size = static_cast<size_t>(t->Descriptor.ObjSize);
+    auto *h = reinterpret_cast<ObjectHeader *>(fh::newBlock((size + 3) & ~size_t{3}, from));
     char *object = payloadOf(h);
     h->StartMagic = t->Magic;
     h->RefCount = 1;
     h->Template = t;
-    h->EndMagic = reinterpret_cast<uint32_t *>(object + t->Descriptor.ObjSize - kHeaderSize - kEndMagicSize);
+    h->EndMagic = reinterpret_cast<uint32_t *>(reinterpret_cast<char *>(h) + size - kEndMagicSize);
     memcpy(h->EndMagic, &t->Magic, sizeof t->Magic);
+    fh::zeroArea(object, size - kHeaderSize - kEndMagicSize);
     ++t->Instances;
     ++t->Created;
     LmContext &c = gtLmContext;
     if (++c.iObjUsed > c.iObjMax) c.iObjMax = c.iObjUsed;
     ++c.iObjAllocations;
-    storeCounters();
+    if (c.pProcessTableEntry != nullptr) storeCounters();
     return object;
 }
 
@@ -750,20 +825,17 @@ BOOL ObjReleaseInternal(void *objectAddress) {
     }
     void *&slot = *static_cast<void **>(objectAddress);
     if (slot == nullptr) return FALSE;
-    ObjectHeader *dying = nullptr;
-    if (!dropReference(slot, dying)) return FALSE;
-    slot = nullptr;
-    bool ok = true;
-    while (dying != nullptr) {
-        ObjectHeader *h = dying;
-        dying = reinterpret_cast<ObjectHeader *>(h->EndMagic);
-        ok = releaseComponents(h, dying) && ok;
-        // A stale pointer may still be tested while the memory is not reused.
-        h->EndMagic = reinterpret_cast<uint32_t *>(reinterpret_cast<char *>(h) + h->Template->Descriptor.ObjSize -
-                                                   kEndMagicSize);
-        MemFreeInternal(&h);
+    switch (drop(slot)) {
+    case Drop::kRefused: return FALSE;
+    case Drop::kHeld: slot = nullptr; return TRUE;
+    case Drop::kDied: break;
     }
-    return ok;
+    ObjectHeader *h = objectHeader(slot);
+    slot = nullptr;
+    ObjectHeader *dying = nullptr;
+    const bool ok = releaseComponents(h, dying);
+    fh::freeBlock(h);
+    return (dying == nullptr || releaseDying(dying)) && ok;
 }
 
 void ObjRemoveFromLog(void) {}

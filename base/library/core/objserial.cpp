@@ -180,7 +180,8 @@ class Writer {
         room_ = room;
     }
 
-    bool bytes(const void *p, size_t n) {
+    // Inline everywhere, so that the copy of a fixed count is a store.
+    [[gnu::always_inline]] bool bytes(const void *p, size_t n) {
         if (n <= room_) {
             if (n != 0) memcpy(at_, p, n);
             at_ += n;
@@ -232,7 +233,7 @@ class Writer {
         return s_.Transfer(s_.Cookie, stage_.data(), n) != FALSE;
     }
 
-    bool overflow(const Byte *p, size_t n) {
+    [[gnu::noinline]] bool overflow(const Byte *p, size_t n) {
         switch (sink_) {
         case Sink::measure: counted_ += n; return true;
         case Sink::memory: return false;
@@ -329,7 +330,10 @@ bool writeBody(Writer &w, const void *object, uint32_t magic) {
     if (!w.u32(magic)) return false;
     if (const fh::ContainerOperations *operations = fh::containerOperations(magic)) {
         WriterPort port(w);
-        return operations->write(port, object);
+        if (!operations->write(port, object)) return false;
+        if (operations->items == nullptr) return true;
+        return fh::forEachChainItem(*operations->items, object, [&w](const void *item) { return writeObject(w, item); }) &&
+               w.u32(magic);
     }
     const ObjectTemplate *t = fh::objectHeader(object)->Template;
     if (!w.string(t->Descriptor.Format)) return false;
@@ -404,15 +408,26 @@ class Reader {
     Reader(ObjStream &s, size_t budget, bool bounded)
         : s_(s), budget_(budget), bounded_(bounded), lengthKnown_(budget != SIZE_MAX), length_(budget) {}
 
-    bool bytes(void *to, size_t n) {
-        if (n <= left_) {
-            if (n != 0) memcpy(to, at_, n);
-            at_ += n;
-            left_ -= n;
-            budget_ -= n;
-            consumed_ += n;
+    // Inline everywhere, so that the copy of a fixed count is a load.
+    [[gnu::always_inline]] bool bytes(void *to, size_t n) {
+        if (const Byte *in = take(n)) {
+            if (n != 0) memcpy(to, in, n);
             return true;
         }
+        return transfer(to, n);
+    }
+    // The next n bytes where they lie in memory, passed over; null when they
+    // are not all there.
+    [[gnu::always_inline]] const Byte *take(size_t n) {
+        if (n > left_) return nullptr;
+        const Byte *in = at_;
+        at_ += n;
+        left_ -= n;
+        budget_ -= n;
+        consumed_ += n;
+        return in;
+    }
+    [[gnu::noinline]] bool transfer(void *to, size_t n) {
         if (s_.Transfer == nullptr || n > budget_ || n > INT32_MAX) return false;
         budget_ -= n;
         consumed_ += n;

@@ -23,6 +23,7 @@
 #include "core/strbase.h"
 #include "messages/msgpmgr.h"
 #include "objcore.h"
+#include "procstart.h"
 #include "proctable.h"
 #include "tracer.h"
 
@@ -86,11 +87,12 @@ bool attachLayout(AttachLayout &out, unsigned char *base, uint64_t size,
 
 } // namespace fh
 
-BOOL ProcessInitialize(void) { return gAttachType.declare() ? TRUE : FALSE; }
+BOOL ProcessInitialize(void) { return gAttachType.declare() && fh::procStartInitialize() ? TRUE : FALSE; }
 
-BOOL ProcessInitializeThread(LmContext *) { return TRUE; }
+BOOL ProcessInitializeThread(LmContext *context) { return fh::procStartInitializeThread(context) ? TRUE : FALSE; }
 
 void ProcessReleaseThread(LmContext *context) {
+    fh::procStartReleaseThread(context);
     if (context->pszProcName != nullptr) MemFreeInternal(&context->pszProcName);
     context->pProcMainSegment = nullptr;
     context->pProcTable = nullptr;

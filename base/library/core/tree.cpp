@@ -409,7 +409,7 @@ int32_t walkTree(fh::ObjectVisitor &v, void *container) {
     return walkChain(v, tree->oFirst);
 }
 
-const fh::ContainerOperations kTreeOperations{copyTree, writeTree, readTree, walkTree};
+const fh::ContainerOperations kTreeOperations{copyTree, writeTree, readTree, walkTree, nullptr};
 
 } // namespace
 
