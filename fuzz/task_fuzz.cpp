@@ -53,7 +53,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (ObjReconstructFromBytes(&object, data, static_cast<int32_t>(size)) && object != nullptr) {
         gtLmContext.oMsgTaskContext = object; // takes the reference
         (void)TaskGetServerName();
-        (void)(TaskGetServerVersion() + TaskGetServerPatchLevel());
+        (void)TaskGetServerVersion();
+        (void)TaskGetServerPatchLevel();
         char *client = nullptr, *server = nullptr;
         if (CfgUtilDoRemoteFromProcContext(&client, &server)) {
             MemFreeInternal(&client);

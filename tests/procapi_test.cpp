@@ -182,6 +182,9 @@ TEST_F(TaskTripTest, PlainTaskRoundTripAndIds) {
     EXPECT_EQ(std::string(request->pszFirstText) + request->pszSecondText + ObjGetString(request->oTaskObject),
               "firstsecondjob");
     EXPECT_FALSE(ProcGiveServiceATaskWithID(&unused, nullptr, nullptr, nullptr, FALSE, nullptr));
+    MSG_MESSAGE *failed = next(PMGR_GIVE_SERVICE_A_TASK_RETURN_MSG);
+    EXPECT_TRUE(failed != nullptr && static_cast<PMGR_GIVE_SERVICE_A_TASK_RETURN *>(failed->oObject)->iUniqueId == id + 1);
+    ObjReleaseInternal(&failed);
     const int32_t last = id;
     ASSERT_TRUE(ProcGiveServiceATaskWithID(&id, svc, nullptr, nullptr, FALSE, nullptr));
     EXPECT_TRUE(unused == -5 && id == last + 2);

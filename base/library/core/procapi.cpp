@@ -19,16 +19,15 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "core/config.h"
 #include "core/context.h"
 #include "core/locale.h"
+#include "core/machinfo.h"
 #include "core/msgpacket.h"
-#include "core/msgreceive.h"
 #include "core/msgsend.h"
+#include "core/msgwait.h"
 #include "core/object.h"
 #include "core/proc.h"
 #include "core/strbase.h"
-#include "core/sys.h"
 #include "core/task.h"
 #include "messages/msgmsg.h"
 #include "messages/msgpmgr.h"
@@ -111,17 +110,11 @@ template <typename T> struct Held {
 
 // ---- Machines ----
 
-// The version of a machine as this process knows it: the local machine's
-// from "version.cfg"; another machine counts as the default 6003, so that
-// it gets the plain request.
-int32_t knownVersion(const char *machine) {
-    int32_t version = 6003;
-    if (machine != nullptr && SysLocalMachineName() != nullptr && StrCompareNoCase(machine, SysLocalMachineName()) == 0)
-        CfgGetInteger(&version, "version.cfg", "Details", "LMVersion", 6003);
-    return version;
+// Whether the machine takes the extended forms: one that machine
+// information knows, of major version 7 or more.
+bool takesNewTasks(const char *machine) {
+    return machine != nullptr && MachInfoFind(machine) && MachInfoLMVersionMajor(machine) >= 7;
 }
-
-bool takesNewTasks(const char *machine) { return knownVersion(machine) / 1000 >= 7; }
 
 // The process manager of machine, in *address; false for a machine that
 // can't be addressed (no name, or no id).
@@ -396,14 +389,17 @@ BOOL ProcCancelInformOnDeath(const void *source) {
 
 BOOL ProcIsProcessRunning(int32_t processId, const char *machine) {
     Held<MSG_ADDRESS> process, procMgr;
+    Held<PMGR_GET_PROCESS_STATE> asked;
+    Held<void> reply;
     if (machine == nullptr || !MsgCreateAddress(process.out(), machine, processId) ||
-        !procMgrOf(procMgr.out(), machine) || !sendAboutAddress(gStateType, PMGR_GET_PROCESS_STATE_MSG, process.object))
+        !procMgrOf(procMgr.out(), machine) || (asked.object = gStateType.newInstance(nullptr)) == nullptr)
         return FALSE;
-    Held<MSG_MESSAGE> reply;
-    if (!MsgReceiveMsgTypeFromAddress(reply.out(), PMGR_GET_PROCESS_STATE_RETURN_MSG, procMgr.object, nullptr))
+    ObjIncRefCount(asked.object->oAddress = process.object);
+    if (!MsgWaitInterchangeInternal(reply.out(), procMgr.object, PMGR_GET_PROCESS_STATE_MSG, asked.object,
+                                    PMGR_GET_PROCESS_STATE_RETURN_MSG, PMGR_GET_PROCESS_STATE_RETURN_MAGIC))
         return FALSE;
     const auto *state = fh::objectShaped<PMGR_GET_PROCESS_STATE_RETURN>(
-        reply.object->oObject, PMGR_GET_PROCESS_STATE_RETURN_MAGIC, PMGR_GET_PROCESS_STATE_RETURN_FORMAT);
+        reply.object, PMGR_GET_PROCESS_STATE_RETURN_MAGIC, PMGR_GET_PROCESS_STATE_RETURN_FORMAT);
     const bool running = state != nullptr && state->iState != PROC_STATE_UNKNOWN;
     if (running)
         trace(kIdRunning, 0, 2, "Process %ld is running on %s.", static_cast<long>(processId), machine);
@@ -415,9 +411,9 @@ BOOL ProcIsProcessRunning(int32_t processId, const char *machine) {
 BOOL ProcSetProcessContextObject(const void *address, void *object) {
     Held<MSG_ADDRESS> peer;
     peer.object = senderOf(address);
-    const char *machine = peer.object != nullptr && peer.object->pszMachine != nullptr ? peer.object->pszMachine : "";
+    const char *machine = peer.object != nullptr ? peer.object->pszMachine : nullptr;
     if (!takesNewTasks(machine)) {
-        trace(kIdOldMachine, 0, 1, "Wont send set-process-context to old machine '%s'", machine);
+        trace(kIdOldMachine, 0, 1, "Wont send set-process-context to old machine '%s'", machine != nullptr ? machine : "");
         return FALSE;
     }
     Held<SET_PROCESS_CONTEXT_REQUEST> request;

@@ -12,11 +12,9 @@
 // TASK_CONTEXT, and the list calls refuse a component that is not a LIST.
 #include "core/task.h"
 
-#include <cstdio>
-
-#include "core/config.h"
 #include "core/context.h"
 #include "core/list.h"
+#include "core/machinfo.h"
 #include "core/object.h"
 #include "core/strbase.h"
 #include "core/sys.h"
@@ -44,33 +42,6 @@ TASK_CONTEXT *contextOf(const void *object) {
 
 const TASK_CONTEXT *current() { return contextOf(gtLmContext.oMsgTaskContext); }
 
-// What the local machine says of itself: whether it is a server, its
-// version and its patch level ("configure.cfg" and "version.cfg", section
-// "Details").
-struct LocalServer {
-    BOOL server = FALSE;
-    int32_t version = 6003;
-    int32_t patchLevel = 0;
-};
-
-LocalServer localServer() {
-    LocalServer local;
-    CfgGetBoolean(&local.server, "configure.cfg", "Details", "Server", FALSE);
-    if (local.server) {
-        CfgGetInteger(&local.version, "version.cfg", "Details", "LMVersion", 6003);
-        CfgGetInteger(&local.patchLevel, "configure.cfg", "Details", "LMBuildLevel", 0);
-    }
-    return local;
-}
-
-// A version as the system shows it: 6003 is "6.03", 6013 "6.13".
-struct VersionText {
-    char text[32];
-    explicit VersionText(int32_t version) {
-        snprintf(text, sizeof text, "%ld.%02ld", static_cast<long>(version / 1000), static_cast<long>(version % 1000));
-    }
-};
-
 } // namespace
 
 BOOL TaskInitialize(void) { return gContextType.declare(); }
@@ -87,7 +58,7 @@ BOOL TaskSetTaskContext(void *context) {
     trace(kIdChanged, 0, 2, "Task context changed to %p", context);
     if (next != nullptr)
         trace(kIdNewContext, 0, 2, "New task context for server '%s', version %s, patch level %ld",
-              next->pszServer != nullptr ? next->pszServer : "", VersionText(next->iVersion).text,
+              next->pszServer != nullptr ? next->pszServer : "", MachInfoLMVersionStringFromLMVersion(next->iVersion),
               static_cast<long>(next->iPatchLevel));
     return TRUE;
 }
@@ -96,10 +67,12 @@ BOOL TaskCreateContext(TASK_CONTEXT **context) {
     if (context == nullptr || !gContextType.declare()) return FALSE;
     TASK_CONTEXT *made = gContextType.newInstance(nullptr);
     if (made == nullptr) return FALSE;
-    if (const LocalServer local = localServer(); local.server) {
-        made->pszServer = StrDuplicateIntoPool(SysLocalMachineName(), nullptr);
-        made->iVersion = local.version;
-        made->iPatchLevel = local.patchLevel;
+    const char *local = SysLocalMachineName();
+    BOOL server = FALSE;
+    if (local != nullptr && MachInfoIsLMServer(&server, local) && server) {
+        made->pszServer = StrDuplicateIntoPool(local, nullptr);
+        MachInfoGetLMVersion(&made->iVersion, local);
+        MachInfoGetLMPatchLevel(&made->iPatchLevel, local);
     }
     *context = made;
     return TRUE;
