@@ -116,14 +116,19 @@ TEST_F(MachInfoTest, FindAsksTheNetworkManager) {
 
     testsupport::Daemon manager(home(), "fhcmgr", {"2"});
     ASSERT_FALSE(manager.readyLine().empty());
-    int go[2], joined[2];
-    ASSERT_TRUE(pipe(go) == 0 && pipe(joined) == 0);
-    // The network manager, once told to join: answers "full" soundly,
-    // anything else with a body of another type, and ends after "stop".
+    int go[2];
+    ASSERT_EQ(pipe(go), 0);
+    // The network manager, once told to join, says hello (when that arrives
+    // the manager has bound it); then it answers "full" soundly, anything
+    // else with a body of another type, and ends after "stop".
+    constexpr int32_t kHello = 50001;
+    MSG_ADDRESS *test = nullptr, *network = nullptr;
+    ASSERT_TRUE(MsgCreateAddress(&test, SysLocalMachineName(), 41));
+    ASSERT_TRUE(MsgCreateAddress(&network, SysLocalMachineName(), MSG_PROCESS_NETMGR));
     const pid_t networkManager = nettest::child([&] {
         char byte = 0;
         if (read(go[0], &byte, 1) != 1 || !ProcSetId(MSG_PROCESS_NETMGR) || !MsgIpcConnect(0) ||
-            write(joined[1], "j", 1) != 1)
+            !MsgSendObject(test, kHello, nullptr))
             return 3;
         for (MSG_MESSAGE *m = nullptr;
              MsgWaitMessageWithTimeout(&m, nullptr, NMGR_GET_CURRENT_MACHINE_DETAILS_REQUEST_MSG, nullptr);
@@ -143,15 +148,22 @@ TEST_F(MachInfoTest, FindAsksTheNetworkManager) {
     EXPECT_FALSE(MachInfoFind("full"));
     EXPECT_TRUE(traced("MSGWAIT", 5, "Desired source can't be reached"));
     EXPECT_TRUE(traced("MACHINFO", 7, "Failed to get response from network manager"));
-    pollfd ready{joined[0], POLLIN, 0};
-    ASSERT_TRUE(write(go[1], "g", 1) == 1 && poll(&ready, 1, 10000) == 1);
+    ASSERT_EQ(write(go[1], "g", 1), 1);
+    MSG_MESSAGE *hello = nullptr;
+    TIME_TIMEOUT until{};
+    const TIME_OFFSET tenSeconds{10, 0};
+    TimeSetTimeoutFromOffset(&until, &tenSeconds);
+    ASSERT_TRUE(MsgReceiveMsgTypeFromAddress(&hello, kHello, network, &until));
+    ObjReleaseInternal(&hello);
     EXPECT_TRUE(MachInfoFind("full"));
     EXPECT_TRUE(traced("MACHINFO", 7, "Have info on machine 'full'"));
     EXPECT_FALSE(MachInfoFind("other"));
     EXPECT_TRUE(traced("MACHINFO", 7, "Bad response object"));
     EXPECT_FALSE(MachInfoFind("stop"));
     EXPECT_EQ(nettest::waitChild(networkManager), 0);
-    for (int fd : {go[0], go[1], joined[0], joined[1]}) close(fd);
+    for (int fd : {go[0], go[1]}) close(fd);
+    ObjReleaseInternal(&test);
+    ObjReleaseInternal(&network);
     EXPECT_TRUE(manager.stop());
     MsgReleaseThread(&gtLmContext);
     MsgInitializeThread();

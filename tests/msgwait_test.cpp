@@ -325,11 +325,16 @@ TEST_F(MsgWaitTest, PingAndTimerServedTwoRunsDeep) {
     testsupport::writeMachineSettings(home(), port);
     testsupport::Daemon manager(home(), "fhcmgr", {"2"});
     ASSERT_FALSE(manager.readyLine().empty());
-    int joined[2];
-    ASSERT_EQ(pipe(joined), 0);
+    // The pinger connects once this process has, and then says hello: when
+    // the hello arrives the manager has bound both, so neither side's first
+    // message can meet an unknown id.
+    int connected[2];
+    ASSERT_EQ(pipe(connected), 0);
     const pid_t pinger = nettest::child([&] {
-        if (!ProcSetId(kPinger) || !MsgIpcConnect(0) || write(joined[1], "j", 1) != 1) return 3;
+        char byte = 0;
+        if (read(connected[0], &byte, 1) != 1 || !ProcSetId(kPinger) || !MsgIpcConnect(0)) return 3;
         MSG_ADDRESS *test = address(SysLocalMachineName(), kTest);
+        if (!MsgSendObject(test, kC, nullptr)) return 3;
         MSG_MESSAGE *go = nullptr, *pong = nullptr;
         auto *ping = make<MSG_PING>(MSG_PING_MAGIC, MSG_PING_FORMAT);
         const TIME_OFFSET span{10, 0};
@@ -343,15 +348,20 @@ TEST_F(MsgWaitTest, PingAndTimerServedTwoRunsDeep) {
         return MsgSendObject(test, kB, word) && answered ? 0 : 4;
     });
     ASSERT_TRUE(ProcSetId(kTest) && MsgIpcConnect(0));
-    pollfd ready{joined[0], POLLIN, 0};
-    ASSERT_EQ(poll(&ready, 1, 10000), 1);
+    ASSERT_EQ(write(connected[1], "c", 1), 1);
+    MSG_ADDRESS *from = address(SysLocalMachineName(), kPinger);
+    MSG_MESSAGE *hello = nullptr;
+    In tenSeconds(10000);
+    ASSERT_TRUE(MsgReceiveMsgTypeFromAddress(&hello, kC, from, &tenSeconds.until));
+    ObjReleaseInternal(&hello);
+    ObjReleaseInternal(&from);
     ASSERT_TRUE(MsgWaitAddHandler(kA, deepWait, nullptr));
     queue(kA);
     EXPECT_EQ(MsgWaitOnCallbackWithTimeout(pingDone, nullptr, In(10000)), eMsgWaitResultSuccess);
     EXPECT_EQ(gCalls, (std::vector<std::string>{"timer 5", "pong 1"}));
     EXPECT_EQ(nettest::waitChild(pinger), 0);
-    close(joined[0]);
-    close(joined[1]);
+    close(connected[0]);
+    close(connected[1]);
     EXPECT_TRUE(manager.stop());
 }
 
