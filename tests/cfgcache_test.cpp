@@ -1,7 +1,7 @@
 // The cache of parsed settings files behind the getters: it answers as the
 // file does, it sees every change made underneath it (by this process, by
 // another, by hand), and it stays within its slots.
-#include "fixture.h"
+#include "helpers.h"
 #include "syscalls.h"
 
 #include <fcntl.h>
@@ -51,9 +51,7 @@ std::string shown(StanzaKey *&key) {
 std::string setting(const char *file, const char *section, const char *item) {
     char *value = nullptr;
     CfgGetString(&value, file, section, item, "<default>");
-    std::string text = value != nullptr ? value : "<null>";
-    MemFreeInternal(&value);
-    return text;
+    return testhelp::taken(value);
 }
 
 int noFlush(int) { return 0; }

@@ -2,6 +2,7 @@
 // declares, going down, output that never waits, the channel map's ids, the
 // receive list, and the IPC opening at a raw listener.
 #include <poll.h>
+#include <sys/ioctl.h>
 
 #include <chrono>
 #include <fstream>
@@ -9,6 +10,7 @@
 
 #include "messages/msgmsg.h"
 #include "msgchannel.h"
+#include "msgself.h"
 #include "net_support.h"
 
 namespace {
@@ -175,14 +177,27 @@ TEST_F(ChannelTest, PacketsThatArriveTogetherComeOneACall) {
     }
 }
 
-// An IPC channel reads whole images; an opening names the channel it came
-// in on as its destination.
+// An IPC channel reads whole images, a small one that has arrived in one
+// read; an opening names the channel it came in on as its destination.
 TEST_F(ChannelTest, IpcImagesAndTheOpeningRewritten) {
     Connection c;
     MSG_CHANNEL *channel = channelOn(c, true);
-    send(c.client, wire(MsgCommMgrAddress(), MSG_IPC_CONNECT_MSG, nullptr, true));
-    MSG_PACKET *packet = hold(receive(channel));
-    ASSERT_NE(packet, nullptr);
+    Bytes opening = wire(MsgCommMgrAddress(), MSG_IPC_CONNECT_MSG, nullptr, true);
+    fh::msgMarkSelf(opening.data()); // as if the process had made it for itself
+    send(c.client, opening);
+    for (int waiting = 0, i = 0; i < 500 && waiting < static_cast<int>(opening.size()); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        ioctl(channel->iSocket, FIONREAD, &waiting);
+    }
+    static int reads = 0;
+    const fh::NetCalls saved = fh::netCalls();
+    fh::netCalls().recv = [](int fd, void *buffer, size_t length, int flags) { return ++reads, recv(fd, buffer, length, flags); };
+    MSG_PACKET *packet = nullptr;
+    EXPECT_TRUE(MsgChannelReceiveData(&packet, channel));
+    fh::netCalls() = saved;
+    EXPECT_EQ(reads, 1);
+    ASSERT_NE(hold(packet), nullptr);
+    EXPECT_FALSE(fh::msgPacketIsSelf(packet));
     const Bytes got = image(packet);
     EXPECT_EQ(le32(got.data() + 0), 2);
     EXPECT_EQ(le32(got.data() + 16), -1);

@@ -3,7 +3,7 @@
 // and out value, the setters' exact text, value-list entries, keys of plain
 // stanzas, paths and map files, settings in a held stanza list, the split of
 // a nested value list, and processes that write one file at the same time.
-#include "fixture.h"
+#include "helpers.h"
 
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -22,20 +22,11 @@ class ConfigTest : public LibraryTest {
         mkdir((home() + "/config").c_str(), 0755);
     }
     std::string path(const char *file) const { return home() + "/config/" + file; }
-    void write(const char *file, const std::string &text) const {
-        std::ofstream(path(file), std::ios::binary) << text;
-    }
-    std::string read(const char *file) const {
-        std::ifstream in(path(file), std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
-    }
+    void write(const char *file, const std::string &text) const { testhelp::writeFile(path(file), text); }
+    std::string read(const char *file) const { return testhelp::readFile(path(file)); }
 };
 
-std::string take(char *text) {
-    std::string copy = text != nullptr ? text : "<null>";
-    MemFreeInternal(&text);
-    return copy;
-}
+using testhelp::taken;
 
 // The OBJ_STRING items of a list as "a|<null>|b", and the list released.
 std::string items(LIST *&list) {
@@ -82,20 +73,18 @@ TEST_F(ConfigTest, GettersTakeTheDisplayableFormFirst) {
     EXPECT_EQ(wide, 5000000000LL);
     EXPECT_FALSE(CfgGetInt64(&wide, "nofile.cfg", "Net", "Big", -5));
     EXPECT_EQ(wide, -5);
-    BOOL flag = 7;
-    EXPECT_FALSE(CfgGetBoolean(&flag, "net.cfg", "Net", "Flag", TRUE)); // "yes" is no boolean
-    EXPECT_EQ(flag, 7);
-    EXPECT_FALSE(CfgGetBoolean(&flag, "net.cfg", "Net", "Empty", TRUE));
-    EXPECT_EQ(flag, 7);
-    EXPECT_TRUE(CfgGetBoolean(&flag, "net.cfg", "Net", "On", FALSE));
-    EXPECT_EQ(flag, TRUE);
+    BOOL flag = 7; // "yes" and "" are no booleans
+    for (const auto &[item, result, value] : {std::tuple{"Flag", FALSE, 7}, {"Empty", FALSE, 7}, {"On", TRUE, TRUE}}) {
+        EXPECT_EQ(CfgGetBoolean(&flag, "net.cfg", "Net", item, !value), result) << item;
+        EXPECT_EQ(flag, value) << item;
+    }
     char *text = nullptr;
     EXPECT_TRUE(CfgGetString(&text, "net.cfg", "Net", "Name", "none"));
-    EXPECT_EQ(take(text), "alpha");
+    EXPECT_EQ(taken(text), "alpha");
     EXPECT_TRUE(CfgGetString(&text, "net.cfg", "Net", "Empty", "none"));
-    EXPECT_EQ(take(text), "<null>");
+    EXPECT_EQ(taken(text), "<null>");
     EXPECT_FALSE(CfgGetString(&text, "net.cfg", "Net", "Missing", "none"));
-    EXPECT_EQ(take(text), "none");
+    EXPECT_EQ(taken(text), "none");
     LIST *list = nullptr;
     EXPECT_TRUE(CfgGetValueList(&list, "net.cfg", "Net", "Name"));
     EXPECT_EQ(items(list), "alpha|beta");
@@ -127,7 +116,7 @@ TEST_F(ConfigTest, SettersKeepTheFormAndWriteExactText) {
     EXPECT_EQ(read("fresh.cfg"), "[Other]\nList=a,b!,c,\n\n\n[net]\nBig=-5000000000\nPath=! C:!, D:! \nFAST=false\n\n");
     char *text = nullptr;
     EXPECT_TRUE(CfgGetString(&text, "fresh.cfg", "Net", "Path", nullptr));
-    EXPECT_EQ(take(text), " C:, D: ");
+    EXPECT_EQ(taken(text), " C:, D: ");
     // A file that is missing is made; null names are refused.
     EXPECT_TRUE(CfgSetInteger("made.cfg", "S", "I", 1));
     EXPECT_EQ(read("made.cfg"), "[S]\nI=1\n\n");
@@ -226,8 +215,8 @@ TEST_F(ConfigTest, WholeStanzasPathsAndMapFiles) {
     ASSERT_TRUE(CfgRemoveStanza(nullptr, "trace", "copy.cfg"));
     EXPECT_EQ(read("copy.cfg"), "");
 
-    EXPECT_EQ(take(CfgBuildPath("procmgr.cfg")), home() + "/config/procmgr.cfg");
-    EXPECT_EQ(take(CfgUtilBuildPath("procmgr.cfg", "remote/box")), home() + "/remote/box/procmgr.cfg");
+    EXPECT_EQ(taken(CfgBuildPath("procmgr.cfg")), home() + "/config/procmgr.cfg");
+    EXPECT_EQ(taken(CfgUtilBuildPath("procmgr.cfg", "remote/box")), home() + "/remote/box/procmgr.cfg");
     // The alternate path stands for "config" in every local operation.
     mkdir((home() + "/remote").c_str(), 0755);
     ASSERT_TRUE(CfgLocalSetInteger("procmgr.cfg", "Start", "Count", 2, "remote"));
@@ -236,7 +225,7 @@ TEST_F(ConfigTest, WholeStanzasPathsAndMapFiles) {
     EXPECT_TRUE(CfgLocalGetInteger(&count, "procmgr.cfg", "Start", "Count", "remote", 0));
     EXPECT_EQ(count, 2);
     EXPECT_TRUE(FileExists((home() + "/remote/procmgr.cfg").c_str()));
-    EXPECT_EQ(take(CfgBuildPath(nullptr)), home() + "/config");
+    EXPECT_EQ(taken(CfgBuildPath(nullptr)), home() + "/config");
     EXPECT_EQ(CfgUtilBuildPath(nullptr, nullptr), nullptr);
     EXPECT_TRUE(traced("CFGUTIL", 1, "CfgUtilBuildPath passed null stanza file"));
     // A map file counts only by being there; the alternate path is taken as it stands.
@@ -322,6 +311,10 @@ TEST_F(ConfigTest, ConcurrentWritersLoseNothing) {
         if (child == 0) _exit(body() ? 0 : 1);
         return child;
     };
+    const auto succeeded = [](pid_t child) {
+        int status = 0;
+        return waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    };
     pid_t writers[4];
     for (int w = 0; w < 2; ++w) {
         writers[w] = spawn([w] {
@@ -341,23 +334,14 @@ TEST_F(ConfigTest, ConcurrentWritersLoseNothing) {
     const pid_t reader = spawn([&file, &done] {
         while (access(done.c_str(), F_OK) != 0) {
             // Not locked: a rename makes each open see one whole version.
-            std::ifstream in(file, std::ios::binary);
-            const std::string text{std::istreambuf_iterator<char>(in), {}};
+            const std::string text = testhelp::readFile(file);
             if (text.size() < 2 || text.compare(text.size() - 2, 2, "\n\n") != 0) return false;
         }
         return true;
     });
-    for (pid_t child : writers) {
-        int status = 0;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_TRUE(WIFEXITED(status));
-        EXPECT_TRUE(WEXITSTATUS(status) == 0);
-    }
+    for (pid_t child : writers) EXPECT_TRUE(succeeded(child)) << "writer " << child;
     std::ofstream{done};
-    int status = 0;
-    ASSERT_EQ(waitpid(reader, &status, 0), reader);
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_TRUE(WEXITSTATUS(status) == 0);
+    EXPECT_TRUE(succeeded(reader)) << "the reader found a cut file";
 
     Stanza *stanza = nullptr;
     ASSERT_TRUE(CfgGetStanza(&stanza, "shared.cfg", "Settings"));

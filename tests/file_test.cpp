@@ -56,14 +56,8 @@ TEST_F(FileTest, ModesAndPermissionBits) {
     EXPECT_FALSE(FileSysWrite(&count, handle, "x", 1));
     EXPECT_EQ(errno, EBADF); // left as the call set it
     EXPECT_TRUE(traced("FILESYS", 13, "Failed to write: Bad file descriptor"));
-    int64_t size = 0, offset = 0;
-    ASSERT_TRUE(FileSysSize(&size, handle));
-    EXPECT_EQ(size, 5);
-    ASSERT_TRUE(FileSysSeekEnd(handle));
-    ASSERT_TRUE(FileSysGetOffset(&offset, handle));
-    EXPECT_EQ(offset, 5);
-    ASSERT_TRUE(FileSysSkip(handle, -2));
-    ASSERT_TRUE(FileSysGetOffset(&offset, handle));
+    int64_t offset = 0; // sizes and offsets as such: past 4 GiB, below
+    ASSERT_TRUE(FileSysSeekEnd(handle) && FileSysSkip(handle, -2) && FileSysGetOffset(&offset, handle));
     EXPECT_EQ(offset, 3);
     FileSysClose(&handle);
 

@@ -147,26 +147,14 @@ TEST_F(FileStreamTest, AppendCommitAndCancel) {
     EXPECT_FALSE(FileStreamClose(&stream));
 }
 
-// A stream opened to read refuses output, and its offsets go where the
-// seeks say.
-TEST_F(FileStreamTest, AReadStreamSeeksAndWritesNothing) {
+// A stream opened to read refuses output and knows its path (its seeks are
+// the update stream's, below, and those past 4 GiB in the file suite).
+TEST_F(FileStreamTest, AReadStreamWritesNothing) {
     const std::string path = home() + "/data";
     std::ofstream(path) << "last";
     FILE_STREAM *stream = nullptr;
-    int32_t count = 0;
-    unsigned char byte = 0;
     ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), FILE_MODE_TEXT | FILE_MODE_READ));
     EXPECT_FALSE(FileStreamStartRewrite(stream) || FileStreamStartAppend(stream));
-    ASSERT_TRUE(FileStreamSeekEnd(stream) && FileStreamGetOffsetLong(&count, stream));
-    EXPECT_EQ(count, 4);
-    ASSERT_TRUE(FileStreamSeekFromLong(stream, 1) && FileStreamReadByte(stream, &byte));
-    EXPECT_EQ(byte, 'a');
-    fpos_t position;
-    ASSERT_TRUE(FileStreamGetOffset(&position, stream));
-    ASSERT_TRUE(FileStreamSeekRelative(stream, 1) && FileStreamReadByte(stream, &byte));
-    EXPECT_EQ(byte, 't');
-    ASSERT_TRUE(FileStreamSeek(stream, position) && FileStreamReadByte(stream, &byte));
-    EXPECT_EQ(byte, 's');
     const char *own = nullptr;
     ASSERT_TRUE(FileStreamGetPath(&own, stream));
     EXPECT_EQ(own, path);
@@ -251,15 +239,11 @@ TEST_F(FileStreamTest, CharactersThroughAStream) {
     std::ofstream(path, std::ios::binary) << "ab\x81\x41\r\n\r\nabcdef\n\xE0\x40xyz\nlast\x81";
     FILE_STREAM *stream = nullptr;
     ASSERT_TRUE(FileStreamOpen(&stream, path.c_str(), FILE_MODE_BINARY | FILE_MODE_READ));
-    int32_t c = 0;
-    ASSERT_TRUE(StrFileReadChar(stream, &c));
-    ASSERT_TRUE(c == 'a');
-    ASSERT_TRUE(StrFileReadChar(stream, &c));
-    ASSERT_TRUE(c == 'b');
-    ASSERT_TRUE(StrFileReadChar(stream, &c));
-    ASSERT_TRUE(c == 0x8141);
-    ASSERT_TRUE(StrFileReadChar(stream, &c));
-    ASSERT_TRUE(c == '\n');  // the carriage return is dropped
+    for (const int32_t expected : {int32_t{'a'}, int32_t{'b'}, int32_t{0x8141}, int32_t{'\n'}}) { // CR dropped
+        int32_t c = 0;
+        ASSERT_TRUE(StrFileReadChar(stream, &c));
+        ASSERT_EQ(c, expected);
+    }
     char line[8];
     EXPECT_EQ(StrFileReadLine(stream, line, sizeof line), 0); // CR LF alone
     EXPECT_EQ(StrFileReadLine(stream, line, 4), 3);
@@ -364,11 +348,9 @@ TEST_F(FileStreamTest, SeeksLandOnTheirByte) {
     EXPECT_FALSE(FileStreamSeekFromLong(stream, -1));
     // After a rewrite the input reads the new contents from their start.
     ASSERT_TRUE(rewriteTo(stream, "0123456789"));
-    ASSERT_TRUE(FileStreamSeekFromLong(stream, 5));
-    ASSERT_TRUE(FileStreamReadByte(stream, &byte));
+    ASSERT_TRUE(FileStreamSeekFromLong(stream, 5) && FileStreamReadByte(stream, &byte));
     EXPECT_EQ(byte, '5');
-    ASSERT_TRUE(FileStreamSeekStart(stream));
-    ASSERT_TRUE(FileStreamReadByte(stream, &byte));
+    ASSERT_TRUE(FileStreamSeekStart(stream) && FileStreamReadByte(stream, &byte));
     EXPECT_EQ(byte, '0');
     FileStreamClose(&stream);
 }

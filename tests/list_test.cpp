@@ -1,8 +1,6 @@
 // Lists: the chain kept sound by every change, the item rule, sorting,
 // walks, join, copies, objects by magic, extension lists, the odd results
 // that callers rely on, and the release of very long lists.
-#include <pthread.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <functional>

@@ -456,16 +456,14 @@ TEST_F(NetTest, MasksKeepTheirHighestSocket) {
     NetSelectMask *mask = nullptr, *copy = nullptr, *empty = nullptr;
     ASSERT_TRUE(NetInitializeSelectMask(&mask));
     ASSERT_TRUE(NetInitializeSelectMask(&empty));
-    EXPECT_TRUE(NetAddReadSelect(mask, 5));
-    EXPECT_TRUE(NetAddWriteSelect(mask, 5));
-    EXPECT_TRUE(NetAddExceptionSelect(mask, 5));
-    EXPECT_TRUE(NetIsReadSelectSet(mask, 5));
-    EXPECT_TRUE(NetIsWriteSelectSet(mask, 5));
-    EXPECT_TRUE(NetIsExceptionSelectSet(mask, 5));
+    using Op = BOOL (*)(NetSelectMask *, int32_t);
+    const std::tuple<Op, BOOL (*)(const NetSelectMask *, int32_t), Op> sets[] = {
+        {NetAddReadSelect, NetIsReadSelectSet, NetRemoveReadSelect},
+        {NetAddWriteSelect, NetIsWriteSelectSet, NetRemoveWriteSelect},
+        {NetAddExceptionSelect, NetIsExceptionSelectSet, NetRemoveExceptionSelect}};
+    for (const auto &[add, isSet, remove] : sets) EXPECT_TRUE(add(mask, 5) && isSet(mask, 5));
     EXPECT_FALSE(NetIsReadSelectSet(mask, 4) || NetIsReadSelectSet(mask, 6));
-    EXPECT_TRUE(NetRemoveReadSelect(mask, 5));
-    EXPECT_TRUE(NetRemoveWriteSelect(mask, 5));
-    EXPECT_TRUE(NetRemoveExceptionSelect(mask, 5));
+    for (const auto &[add, isSet, remove] : sets) EXPECT_TRUE(remove(mask, 5) && !isSet(mask, 5));
     EXPECT_TRUE(mask->iNfds == 6 && memcmp(&mask->oRead, &empty->oRead, 3 * sizeof(fd_set)) == 0);
     NetAddReadSelect(mask, 3);
     EXPECT_EQ(mask->iNfds, 6);

@@ -2,6 +2,7 @@
 // socket. The name services and interface requests are answered through the
 // call table (a real reverse look-up may wait for a resolver); binding and
 // the hand-over use real sockets on 127.0.0.1 and a real exec.
+#include "helpers.h"
 #include "net_support.h"
 
 #include <arpa/inet.h>
@@ -74,10 +75,7 @@ std::string hostName(uint32_t ip) {
     NetAddressT address = loopback(0);
     NetInitializeIpAddress(&address, ip, 0);
     char *name = nullptr;
-    if (!NetGetHostName(&name, &address)) return "(failed)";
-    std::string text = name;
-    MemFreeInternal(&name);
-    return text;
+    return NetGetHostName(&name, &address) ? testhelp::taken(name) : "(failed)";
 }
 
 TEST_F(NetHostTest, DottedAddressesNeverAskTheNameService) {

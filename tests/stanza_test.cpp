@@ -133,18 +133,17 @@ TEST_F(StanzaTest, GettersGiveTheirDefaults) {
     int64_t wide = 0;
     BOOL flag = FALSE;
     char *text = nullptr;
-    EXPECT_TRUE(StnzGetInteger(stanza, "number", 7, &number));
-    EXPECT_EQ(number, 7); // not a number: the default, and TRUE
-    EXPECT_TRUE(StnzGetInteger(stanza, "missing", 8, &number));
-    EXPECT_EQ(number, 8);
+    for (const auto &[keyword, fallback] : {std::pair{"number", 7}, {"missing", 8}}) { // "12x": no number
+        EXPECT_TRUE(StnzGetInteger(stanza, keyword, fallback, &number)) << keyword;
+        EXPECT_EQ(number, fallback) << keyword;
+    }
     EXPECT_TRUE(StnzGetInt64(stanza, "WIDE", 0, &wide));
     EXPECT_EQ(wide, -9000000000LL);
-    EXPECT_TRUE(StnzGetBoolean(stanza, "yes", FALSE, &flag));
-    EXPECT_TRUE(flag == TRUE);
-    EXPECT_TRUE(StnzGetBoolean(stanza, "one", TRUE, &flag));
-    EXPECT_TRUE(flag == FALSE);
-    EXPECT_TRUE(StnzGetBoolean(stanza, "missing", TRUE, &flag));
-    EXPECT_TRUE(flag == TRUE);
+    for (const auto &[keyword, fallback, value] :
+         {std::tuple{"yes", FALSE, TRUE}, {"one", TRUE, FALSE}, {"missing", TRUE, TRUE}}) {
+        EXPECT_TRUE(StnzGetBoolean(stanza, keyword, fallback, &flag)) << keyword;
+        EXPECT_EQ(flag, value) << keyword;
+    }
     EXPECT_TRUE(StnzGetString(stanza, "missing", nullptr, &text));
     EXPECT_EQ(text, nullptr);
     EXPECT_TRUE(StnzGetString(stanza, "missing", "dflt", &text));

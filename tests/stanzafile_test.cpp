@@ -13,6 +13,7 @@
 
 #include <fstream>
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -326,16 +327,14 @@ TEST_F(StanzaFileTest, AddingStanzasAndKeysByPath) {
     EXPECT_EQ(readFile(path), "[A]\nk=v\n[Net:Port]\nvalue=6000\n\n");
     EXPECT_FALSE(StnzAddStanzaToFile(port, path.c_str()));
     writeFile(path, "[Trace]\nDo Crash=FALSE\n\njunk line\n[Net:Port]\nvalue=6000\n\n");
-    EXPECT_FALSE(StnzAddStanzaToFile(nullptr, path.c_str()));
-    EXPECT_TRUE(traced("STANZA", 3, "Attemped to add NULL stanza to file '" + path + "'"));
-    EXPECT_FALSE(StnzAddStanzaToFile(trace, ""));
-    EXPECT_TRUE(traced("STANZA", 4, "Attemped to add stanza to NULL file"));
-    EXPECT_FALSE(StnzReplaceStanzaInFile(nullptr, path.c_str()));
-    EXPECT_TRUE(traced("STANZA", 5, "Attemped to replace NULL stanza to file '" + path + "'"));
-    EXPECT_FALSE(StnzReplaceStanzaInFile(trace, nullptr));
-    EXPECT_TRUE(traced("STANZA", 6, "Attemped to replace stanza to NULL file"));
-    EXPECT_FALSE(StnzReplaceStanzaInFile(trace, (home() + "/no/such/dir.cfg").c_str()));
-    EXPECT_TRUE(traced("STANZA", 7, "Failed to open '" + home() + "/no/such/dir.cfg' for update"));
+    const std::string noDir = home() + "/no/such/dir.cfg";
+    const std::tuple<BOOL, int32_t, std::string> refused[] = {
+        {StnzAddStanzaToFile(nullptr, path.c_str()), 3, "Attemped to add NULL stanza to file '" + path + "'"},
+        {StnzAddStanzaToFile(trace, ""), 4, "Attemped to add stanza to NULL file"},
+        {StnzReplaceStanzaInFile(nullptr, path.c_str()), 5, "Attemped to replace NULL stanza to file '" + path + "'"},
+        {StnzReplaceStanzaInFile(trace, nullptr), 6, "Attemped to replace stanza to NULL file"},
+        {StnzReplaceStanzaInFile(trace, noDir.c_str()), 7, "Failed to open '" + noDir + "' for update"}};
+    for (const auto &[result, id, text] : refused) EXPECT_TRUE(!result && traced("STANZA", id, text)) << text;
     StnzRelease(&trace);
     StnzRelease(&port);
 }
@@ -537,9 +536,7 @@ TEST_F(StanzaFileTest, ConcurrentKeyAddsLoseNothing) {
     }
     for (pid_t child : children) {
         int status = 0;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_TRUE(WIFEXITED(status));
-        EXPECT_TRUE(WEXITSTATUS(status) == 0);
+        EXPECT_TRUE(waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0) << child;
     }
     Stanza *stanza = nullptr;
     ASSERT_TRUE(StnzLoadStanzaFromFile(&stanza, path.c_str(), "shared", "keys"));

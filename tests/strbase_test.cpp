@@ -1,7 +1,7 @@
 // The string layer: the character walker, and each family over it, checked
 // with double-byte characters at the start, middle and end of the text, a
 // lead byte directly before the terminator, and the folding rules.
-#include "fixture.h"
+#include "helpers.h"
 
 #include <cerrno>
 #include <cstring>
@@ -12,15 +12,7 @@
 
 namespace {
 
-// Frees a string the library made and gives its text, "(null)" for none.
-std::string take(char *&made) {
-    std::string text = made != nullptr ? made : "(null)";
-    MemFreeInternal(&made);
-    made = nullptr;
-    return text;
-}
-std::string take(char *&&made) { return take(made); }
-
+using testhelp::taken;
 using StringTest = LibraryTest;
 
 TEST_F(StringTest, WalkerReadsWholeCharactersAndNeverPassesTheTerminator) {
@@ -53,10 +45,8 @@ TEST_F(StringTest, WalkerReadsWholeCharactersAndNeverPassesTheTerminator) {
     EXPECT_EQ(StrGetChar(nullptr), 0);
     EXPECT_EQ(StrGetCharAtPointer(nullptr), 0);
     EXPECT_EQ(StrCharCount(nullptr), 0);
-    EXPECT_TRUE(StrIsDBCSLeadByte(0x80));
-    EXPECT_TRUE(StrIsDBCSLeadByte(0x9F));
-    EXPECT_TRUE(StrIsDBCSLeadByte(0xE0));
-    EXPECT_FALSE(StrIsDBCSLeadByte(0x7F) || StrIsDBCSLeadByte(0xA0) || StrIsDBCSLeadByte(0xDF));
+    for (int byte : {0x7F, 0x80, 0x9F, 0xA0, 0xDF, 0xE0})
+        EXPECT_EQ(StrIsDBCSLeadByte(byte), byte == 0x80 || byte == 0x9F || byte == 0xE0) << byte;
     EXPECT_TRUE(StrCharIsAscii(127));
     EXPECT_FALSE(StrCharIsAscii(128) || StrCharIsAscii(0x8141));
 }
@@ -360,7 +350,7 @@ TEST_F(StringTest, DuplicatesCopyUpToTheRightCharacter) {
                  {"to char null", StrDuplicateToChar(nullptr, '/'), nullptr},
                  {"to last null", StrDuplicateToLastChar(nullptr, '/'), nullptr}};
     for (Case &c : cases) {
-        EXPECT_EQ(take(c.made), c.expected != nullptr ? c.expected : "(null)") << c.name;
+        EXPECT_EQ(taken(c.made), c.expected != nullptr ? c.expected : "<null>") << c.name;
     }
 }
 
@@ -378,26 +368,26 @@ TEST_F(StringTest, DuplicateToSubStringTracesANullArgument) {
 }
 
 TEST_F(StringTest, CatJoinReplaceAndCaseConversion) {
-    EXPECT_EQ(take(StrCat("ab", "", "\x81", "A", static_cast<char *>(nullptr))), "ab\x81\x41");
-    EXPECT_EQ(take(StrCat(static_cast<char *>(nullptr))), "");
-    EXPECT_EQ(take(StrCat("a", static_cast<char *>(nullptr), "b", static_cast<char *>(nullptr))), "a");
+    EXPECT_EQ(taken(StrCat("ab", "", "\x81", "A", static_cast<char *>(nullptr))), "ab\x81\x41");
+    EXPECT_EQ(taken(StrCat(static_cast<char *>(nullptr))), "");
+    EXPECT_EQ(taken(StrCat("a", static_cast<char *>(nullptr), "b", static_cast<char *>(nullptr))), "a");
 
     char *joined = nullptr;
     EXPECT_EQ(StrJoin(&joined, "ab"), joined);
     EXPECT_STREQ(joined, "ab");
     StrJoin(&joined, "cd");
-    EXPECT_EQ(take(joined), "abcd"); // and the first block was freed: the fixture counts
+    EXPECT_EQ(taken(joined), "abcd"); // and the first block was freed: the fixture counts
     EXPECT_EQ(StrJoin(nullptr, "x"), nullptr);
 
     // Grows to twice the size; the guard word checks it.
-    EXPECT_EQ(take(StrReplaceChar("a.b.", '.', 0x8141)), "a\x81\x41\x62\x81\x41");
-    EXPECT_EQ(take(StrReplaceChar(nullptr, '.', ',')), "(null)");
+    EXPECT_EQ(taken(StrReplaceChar("a.b.", '.', 0x8141)), "a\x81\x41\x62\x81\x41");
+    EXPECT_EQ(taken(StrReplaceChar(nullptr, '.', ',')), "<null>");
 
     char *lower = nullptr, *upper = nullptr;
     EXPECT_EQ(StrConvertToLower(&lower, "AbZ\x81\x41[\xC9"), lower);
-    EXPECT_EQ(take(lower), "abz\x81\x41[\xC9"); // the trail 'A' and bytes above 127 stay
+    EXPECT_EQ(taken(lower), "abz\x81\x41[\xC9"); // the trail 'A' and bytes above 127 stay
     StrConvertToUpper(&upper, "az\xE0\x61{\xE9");
-    EXPECT_EQ(take(upper), "AZ\xE0\x61{\xE9");
+    EXPECT_EQ(taken(upper), "AZ\xE0\x61{\xE9");
     char *null = reinterpret_cast<char *>(1);
     EXPECT_EQ(StrConvertToLower(&null, nullptr), nullptr);
     EXPECT_EQ(null, nullptr);
@@ -498,7 +488,7 @@ TEST_F(StringTest, TextFormsOfNumbers) {
     for (const Case &c : table) {
         char *made = nullptr;
         EXPECT_TRUE(c.make(&made));
-        EXPECT_EQ(take(made), c.expected);
+        EXPECT_EQ(taken(made), c.expected);
     }
     EXPECT_FALSE(StrFromInteger(nullptr, 1));
     EXPECT_FALSE(StrFromBoolean(nullptr, 1));
@@ -526,7 +516,8 @@ TEST_F(StringTest, UnicodeUnitsAreLittleEndianBytes) {
     EXPECT_EQ(std::string(made, 6), std::string("A\x81\x42\0c\0", 6));
     MemFreeInternal(&made);
     EXPECT_EQ(StrFromUnicode(&made, reinterpret_cast<const uint16_t *>(source), 0), 0);
-    EXPECT_EQ(take(made), "");
+    EXPECT_EQ(taken(made), "");
+    made = nullptr;
     EXPECT_EQ(StrFromUnicode(&made, reinterpret_cast<const uint16_t *>(source), -1), -1);
     EXPECT_EQ(StrFromUnicode(&made, nullptr, 2), -1);
     EXPECT_EQ(StrFromUnicode(nullptr, reinterpret_cast<const uint16_t *>(source), 2), -1);
@@ -576,13 +567,13 @@ TEST_F(StringTest, RegularExpressionsFromWildcards) {
     for (const Case &c : cases) {
         char *made = nullptr;
         EXPECT_TRUE(StrBuildRegExpLiteralWithQuoting(&made, c.pattern, c.anchored, c.quote));
-        EXPECT_EQ(take(made), c.expected) << "pattern '" << (c.pattern ? c.pattern : "(null)") << "'";
+        EXPECT_EQ(taken(made), c.expected) << "pattern '" << (c.pattern ? c.pattern : "(null)") << "'";
     }
     char *made = nullptr;
     EXPECT_TRUE(StrBuildRegExp(&made, "a\\*"));
-    EXPECT_EQ(take(made), "a\\\\.*");
+    EXPECT_EQ(taken(made), "a\\\\.*");
     EXPECT_TRUE(StrBuildRegExpLiteral(&made, "?", TRUE));
-    EXPECT_EQ(take(made), "^.$");
+    EXPECT_EQ(taken(made), "^.$");
     EXPECT_TRUE(StrBuildRegExp(nullptr, "a"));
 }
 

@@ -26,10 +26,7 @@ using testhelp::inChild; // exit code 77: "can't be tested here"
 
 std::string text(BOOL (*convert)(char **, int64_t), int64_t value) {
     char *out = nullptr;
-    if (!convert(&out, value)) return "<FALSE>";
-    std::string result = out;
-    MemFreeInternal(&out);
-    return result;
+    return convert(&out, value) ? testhelp::taken(out) : "<FALSE>";
 }
 BOOL narrow(char **out, int64_t value) { return SysIntegerToUnitString(out, static_cast<int32_t>(value)); }
 

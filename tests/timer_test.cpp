@@ -1,6 +1,11 @@
 // Timers and messages to self: events fire earliest first with both tie
 // rules, follow the caller's timeout object and fire once; a packet to self
 // keeps pointers whole and never leaves the process.
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <utility>
 #include <vector>
 
 #include "messages/msgtimer.h"
@@ -19,6 +24,8 @@ protected:
         fired();
         ListReleaseAll(static_cast<LIST *>(gtLmContext.oTimrEvents));
         for (void *object : held_) ObjReleaseInternal(&object);
+        MsgReleaseThread(&gtLmContext); // and the poll set of a pass
+        MsgInitializeThread();
         LibraryTest::TearDown();
     }
     // A timeout at a whole second from the start of the test, held to its end.
@@ -80,11 +87,48 @@ TEST_F(TimerTest, FollowCallersTimeoutResetAndNever) {
     TimrClearTimers();
     EXPECT_EQ(fired(), (std::vector<intptr_t>{3, 2, 1}));
     EXPECT_TRUE(TimeTimeoutIsNever(TimrNextEvent()));
+    // A timer whose message can't be queued goes, and says so.
+    ASSERT_TRUE(TimrSetAlarm(routineA, cookie(4), at(-1)));
+    void *local = std::exchange(gtLmContext.oMsgLocalAddress, nullptr);
+    TimrClearTimers();
+    gtLmContext.oMsgLocalAddress = local;
+    EXPECT_TRUE(MsgReceiveCount() == 0 && TimeTimeoutIsNever(TimrNextEvent()));
+    char text[128];
+    snprintf(text, sizeof text, "Lost timer (%p, %p): its message could not be queued",
+             reinterpret_cast<void *>(routineA), cookie(4));
+    EXPECT_TRUE(traced("TIMER", 7, text));
+}
+
+// A timer due in 50 ms wakes a receive that waits on idle sockets with a
+// limit of a minute: the timer message comes within milliseconds.
+TEST_F(TimerTest, DueTimerWakesBlockedReceive) {
+    int idle[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, idle), 0);
+    ASSERT_TRUE(MsgAddReadSelect(idle[0]));
+    TIME_OFFSET *soon = nullptr;
+    ASSERT_TRUE(TimeCreateOffset(&soon, 0, 50) && TimrSetAlarmRelative(routineA, cookie(5), soon));
+    ObjReleaseInternal(&soon);
+    TIME_TIMEOUT minute{};
+    const TIME_OFFSET span{60, 0};
+    TimeSetTimeoutFromOffset(&minute, &span);
+    const auto start = std::chrono::steady_clock::now();
+    MSG_MESSAGE *m = nullptr;
+    for (int pass = 0; pass < 100 && !MsgReceive(&m, &minute); ++pass) {}
+    const auto waited =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+    ASSERT_NE(m, nullptr);
+    EXPECT_EQ(m->iType, TIMER_CALLBACK_MSG);
+    EXPECT_TRUE(waited >= 40 && waited < 1000) << waited << " ms";
+    ObjReleaseInternal(&m);
+    MsgRemoveReadSelect(idle[0]);
+    close(idle[0]);
+    close(idle[1]);
 }
 
 // A routine and a cookie above 4 GiB come back whole through a packet to
-// self, also after the message goes back to a packet; such a packet is
-// never sent out, and queues no lost-send notice.
+// self, after the message goes back to a packet, and in either copy of the
+// packet; such a packet is never sent out, and queues no lost-send notice.
+// Its bytes as a body from elsewhere are refused while they carry the mark.
 TEST_F(TimerTest, PacketsToSelfKeepPointersAndStayHome) {
     if (sizeof(void *) < 8) GTEST_SKIP() << "pointers are 32 bits wide here";
     auto *callback = static_cast<TIMER_CALLBACK *>(ObjTemplateNewInstanceFromPool(gtObjTemplateTimerCallback, nullptr));
@@ -95,15 +139,40 @@ TEST_F(TimerTest, PacketsToSelfKeepPointersAndStayHome) {
     ObjReleaseInternal(&callback);
     MSG_PACKET *packet = nullptr;
     ASSERT_TRUE(MsgReceivePopPacket(&packet));
-    for (int round = 0; round < 2; ++round) {
+    using Next = BOOL (*)(void **, MSG_PACKET *, MSG_MESSAGE *);
+    const Next nexts[] = {
+        [](void **next, MSG_PACKET *, MSG_MESSAGE *m) -> BOOL {
+            return fh::msgPacketFromMessage(reinterpret_cast<MSG_PACKET **>(next), m);
+        },
+        [](void **next, MSG_PACKET *p, MSG_MESSAGE *) { return ObjDuplicate(next, p); },
+        [](void **next, MSG_PACKET *p, MSG_MESSAGE *) { return ObjDuplicateInternal(next, p, FALSE); },
+        nullptr,
+    };
+    for (const Next next : nexts) {
         MSG_MESSAGE *m = nullptr;
         ASSERT_TRUE(fh::msgPacketIsSelf(packet) && MsgMessageFromPacket(&m, packet));
-        ObjReleaseInternal(&packet);
         const auto *body = static_cast<const TIMER_CALLBACK *>(m->oObject);
         EXPECT_TRUE(reinterpret_cast<uintptr_t>(body->pfnRoutine) == high && body->pCookie == cookie(high + 1));
-        ASSERT_TRUE(fh::msgPacketFromMessage(&packet, m));
+        void *made = nullptr;
+        if (next != nullptr) {
+            ASSERT_TRUE(next(&made, packet, m));
+            ObjReleaseInternal(&packet);
+            packet = static_cast<MSG_PACKET *>(made);
+        }
         ObjReleaseInternal(&m);
     }
+    for (const bool marked : {true, false}) {
+        if (!marked) fh::msgClearMark(static_cast<unsigned char *>(packet->oImage.pData));
+        ObjBufferDescriptor *wire = nullptr;
+        int32_t length = 0;
+        ObjBufferDescriptorCreate(&wire, nullptr, 0, 0);
+        ASSERT_TRUE(ObjSerializeToBufferNoHead(&length, packet, wire));
+        void *read = nullptr;
+        EXPECT_EQ(ObjReconstructFromBytes(&read, wire->Buffer, length), !marked);
+        ObjReleaseInternal(&read);
+        ObjBufferDescriptorFree(&wire);
+    }
+    fh::msgMarkSelf(static_cast<unsigned char *>(packet->oImage.pData));
     EXPECT_FALSE(MsgDispatch(&packet));
     EXPECT_TRUE(packet == nullptr && MsgReceiveCount() == 0);
 }

@@ -2,8 +2,6 @@
 // stepping, copying, and a million siblings released in a small stack.
 #include "fixture.h"
 
-#include <pthread.h>
-
 #include <functional>
 
 #include <string>
@@ -58,18 +56,14 @@ TEST_F(TreeTest, PositionsAndRelations) {
     EXPECT_EQ(shape(tree->oFirst), "1(11,12(121),13),2");
     TREENODE *twelve = nullptr;
     ASSERT_TRUE(TreeNodeNthChild(&twelve, tree->oFirst, 2));
-    add(twelve, 7, 2);
-    add(twelve, 8, 3);
-    add(twelve, 9, 4);
-    add(twelve, 6, 5);
-    add(twelve, 122, 1);
+    for (const auto &[value, position] : {std::pair{7, 2}, {8, 3}, {9, 4}, {6, 5}, {122, 1}})
+        add(twelve, value, position);
     EXPECT_EQ(shape(tree->oFirst), "1(6,11,7,12(121,122),8,13,9),2");
     EXPECT_EQ(TreeAddItem(twelve->oItem, twelve, 6), nullptr);
     EXPECT_EQ(TreeNodeChildCount(tree->oFirst), 7);
     EXPECT_EQ(TreeDepthOfNode(twelve->oFirstChild), 3);
-    EXPECT_EQ(valueOf(TreeRelativeNode(twelve, 4)), 9);
-    EXPECT_EQ(valueOf(TreeRelativeNode(twelve, 5)), 6);
-    EXPECT_EQ(valueOf(TreeRelativeNode(twelve, 6)), 1);
+    for (const auto &[relation, value] : {std::pair{4, 9}, {5, 6}, {6, 1}})
+        EXPECT_EQ(valueOf(TreeRelativeNode(twelve, relation)), value) << relation;
     EXPECT_EQ(TreeRelativeNode(tree->oLast, 4), tree->oLast); // the last root is its own last sibling
     EXPECT_EQ(TreeRelativeNode(twelve, 7), nullptr);
 

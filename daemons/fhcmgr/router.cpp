@@ -86,9 +86,14 @@ void Router::serve(const NetSelectMask *ready) {
         const int32_t socket = MsgChannelSocket(channel);
         if (socket != -1 && NetIsWriteSelectSet(ready, socket)) MsgChannelOutputData(channel);
         if (MsgChannelSocket(channel) == -1 || !NetIsReadSelectSet(ready, socket)) continue;
+        // A read that ended at a packet's end most likely emptied the socket:
+        // read on only while bytes of the next packet came with it, rather
+        // than pay a read that finds nothing.
         MSG_PACKET *packet = nullptr;
-        for (int reads = 0; reads < kReadsPerPass && MsgChannelReceiveData(&packet, channel); ++reads)
+        for (int reads = 0; reads < kReadsPerPass && MsgChannelReceiveData(&packet, channel); ++reads) {
             route(channel, &packet);
+            if (channel->iInputPosition == 0) break;
+        }
     }
 }
 

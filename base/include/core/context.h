@@ -35,6 +35,16 @@ struct LmContext {
     char *pStrTokenCursor;
     int32_t iStrTokenSaved;
 
+    /* Message wait: the handlers (LIST of MSG_WAIT_HANDLER, newest first),
+     * whether entries are marked for removal, the handler runs under way,
+     * and the two flags set for the life of the process: the default
+     * handlers disabled, unhandled messages kept at depth 0. */
+    void *oMsgWaitHandlers;
+    int32_t bMsgWaitRemovals;
+    int32_t iMsgWaitDepth;
+    int32_t bMsgWaitNoDefaults;
+    int32_t bMsgWaitKeepUnhandled;
+
     /* Object core: objects in use, the highest value it has had, all made;
      * the object that tag stepping writes to. */
     int32_t iObjUsed;

@@ -45,5 +45,7 @@
 #include "shm.h"
 #include "proc.h"
 #include "timer.h"
+#include "msgwait.h"
+#include "machinfo.h"
 
 #endif /* FHCORE_FHCORE_H */

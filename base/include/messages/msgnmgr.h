@@ -47,4 +47,24 @@ typedef struct NMGR_MACHINE_UNREACHABLE {
     void *oObject;
 } NMGR_MACHINE_UNREACHABLE;
 
+/* The request of NMGR_GET_CURRENT_MACHINE_DETAILS_REQUEST_MSG: the name of
+ * the machine whose details the network manager is to bring up to date, and
+ * an object it doesn't read (null). */
+#define NMGR_GET_CURRENT_MACHINE_DETAILS_REQUEST_MAGIC 0xC93EAADEu
+#define NMGR_GET_CURRENT_MACHINE_DETAILS_REQUEST_FORMAT "s;o;"
+typedef struct NMGR_GET_CURRENT_MACHINE_DETAILS_REQUEST {
+    char *pszMachine;
+    void *oReserved;
+} NMGR_GET_CURRENT_MACHINE_DETAILS_REQUEST;
+
+/* Its answer, NMGR_GET_CURRENT_MACHINE_DETAILS_RESPONSE_MSG: whether the
+ * machine is known, and its name. When it comes, the machine's stanza in
+ * "etc/machines.dat" is current. */
+#define NMGR_GET_CURRENT_MACHINE_DETAILS_RESPONSE_MAGIC 0xC93EAB54u
+#define NMGR_GET_CURRENT_MACHINE_DETAILS_RESPONSE_FORMAT "b;s;"
+typedef struct NMGR_GET_CURRENT_MACHINE_DETAILS_RESPONSE {
+    BOOL bKnown;
+    char *pszMachine;
+} NMGR_GET_CURRENT_MACHINE_DETAILS_RESPONSE;
+
 #endif /* FHCORE_MESSAGES_MSGNMGR_H */

@@ -35,6 +35,7 @@
 #include "core/map.h"
 #include "core/memory.h"
 #include "core/msg.h"
+#include "core/msgwait.h"
 #include "core/net.h"
 #include "core/object.h"
 #include "core/objmap.h"
@@ -91,6 +92,7 @@ constexpr Module kModules[] = {
     {"Time", 475, TimeInitialize, [](LmContext *) { return TimeInitializeThread(); }, TimeReleaseThread},
     {"Locale", 480, LocaleInitialize, [](LmContext *) { return LocaleInitializeThread(); }, LocaleReleaseThread},
     {"Msg", 500, MsgInitialize, [](LmContext *) { return MsgInitializeThread(); }, MsgReleaseThread},
+    {"MsgWait", 505, MsgWaitInitialize, MsgWaitInitializeThread, MsgWaitReleaseThread},
     {"Timer", 510, TimerInitialize, TimerInitializeThread, TimerReleaseThread},
     {"Shm", 515, ShmInitialize, ShmInitializeThread, ShmReleaseThread},
     {"Process", 520, ProcessInitialize, ProcessInitializeThread, ProcessReleaseThread},

@@ -16,6 +16,14 @@
 
 namespace fh {
 
+// An object already made (a message's body, a field of one) as T, when its
+// magic and its whole format are T's; null otherwise.
+template <typename T> T *shapedAs(const void *object, uint32_t magic, const char *format) {
+    if (object == nullptr || !ObjCheckTypeInternal(object, magic)) return nullptr;
+    const char *has = ObjGetFormat(ObjGetTemplateFromObject(object));
+    return has != nullptr && std::strcmp(has, format) == 0 ? static_cast<T *>(const_cast<void *>(object)) : nullptr;
+}
+
 // The body of a packet if it is of magic and format, held for the scope.
 template <typename T> class Body {
   public:

@@ -14,7 +14,10 @@
 // The reader. inputPosition counts the bytes of the image read so far. The
 // first bytes go to the header area: 192 on an IPC channel (the header
 // itself), 8 on a data channel (frame length and type, moved to offset 192
-// behind a header that the reader makes). Then the block: its capacity
+// behind a header that the reader makes). On an IPC channel that first read
+// may take up to 392 bytes, the header and the shortest image behind it, so
+// that a small packet costs one read; what came behind the header moves to
+// the block with it. Then the block: its capacity
 // (oInput.iSize) starts at kFirstBlock, or at the size of the channel's
 // previous packet if that is more (kept in oInput.iSize between packets,
 // with no block), or at what already waits in the socket if that is more
@@ -29,9 +32,9 @@
 // first bytes of the next one behind it, as many as the header area takes
 // (8 or 192), so that a stream of packets costs one read each. Those bytes
 // move to the header area when the image is done, and inputPosition starts
-// there. No packet is shorter than its header area plus one byte, so bytes
-// of every packet not yet delivered remain in the socket, and select still
-// wakes the reader for it.
+// there. No packet is shorter than its header area plus one byte (an IPC
+// image has 200 bytes at least), so bytes of every packet not yet delivered
+// remain in the socket, and select still wakes the reader for it.
 //
 // Output. The first packet of the output list is in progress from
 // outputPosition, which restarts at 0 on an IPC channel and at 192 on a data
@@ -87,6 +90,8 @@ enum TraceId : int32_t {
 
 constexpr int32_t kIpcHeader = MSG_PACKET_HEADER_SIZE;
 constexpr int32_t kFrameHead = 8;
+constexpr int32_t kIpcStage = kIpcHeader + MSG_PACKET_BODY_OFFSET;
+static_assert(kIpcStage <= MSG_CHANNEL_HEADER_AREA, "the staging area holds a header and the shortest image");
 constexpr int32_t kFirstBlock = 4096;
 constexpr int32_t kMapGrowth = 64;
 
@@ -174,6 +179,10 @@ void freeInput(MSG_CHANNEL *c) {
 
 int32_t declaredTotal(const MSG_CHANNEL *c) { return fh::msgGetLe32(c->aHeader + 4); }
 int32_t headerArea(const MSG_CHANNEL *c) { return c->bIsIpc ? kIpcHeader : kFrameHead; }
+// How far a read into the staging area may go: on an IPC channel the header
+// and the shortest image behind it, so that a small packet comes in one read
+// and no read takes a whole packet that follows.
+int32_t stageLimit(const MSG_CHANNEL *c) { return c->bIsIpc ? kIpcStage : kFrameHead; }
 
 // Bytes that have arrived on the socket and wait to be read: a hint for the
 // size of a block, never more than the peer really sent (0 if unknown).
@@ -214,16 +223,19 @@ bool startImage(MSG_CHANNEL *c) {
     } else if (declaredTotal(c) < MSG_PACKET_BODY_OFFSET) {
         return false;
     } else {
+        fh::msgClearMark(c->aHeader); // no image from a socket is one the process made for itself
         trace(kIdGotIpc, 0, 3, "Got a message %s for %ld:%ld with a %ld bytes of data",
-              MsgNameWithBuffer(fh::msgGetLe32(c->aHeader + 24), nullptr, 0),
+              fh::msgTracedName(3, fh::msgGetLe32(c->aHeader + 24)),
               static_cast<long>(fh::msgGetLe32(c->aHeader + 16)), static_cast<long>(fh::msgGetLe32(c->aHeader + 20)),
               static_cast<long>(declaredTotal(c)));
     }
-    const int32_t head = c->bIsIpc ? kIpcHeader : MSG_PACKET_BODY_OFFSET;
-    c->oInput.iSize = capacityFor(c, head, c->oInput.iSize);
+    // What the staging area holds moves to the block: on an IPC channel the
+    // header and what was read behind it, on a data channel the header made.
+    const int32_t staged = c->bIsIpc ? c->iInputPosition : MSG_PACKET_BODY_OFFSET;
+    c->oInput.iSize = capacityFor(c, staged, c->oInput.iSize);
     c->oInput.pData = MemAllocateFromPool(static_cast<size_t>(c->oInput.iSize), pool());
-    memcpy(c->oInput.pData, c->aHeader, static_cast<size_t>(head));
-    c->iInputPosition = head;
+    memcpy(c->oInput.pData, c->aHeader, static_cast<size_t>(staged));
+    c->iInputPosition = staged;
     return true;
 }
 
@@ -294,7 +306,7 @@ void connectedOk(MSG_CHANNEL *c) {
 bool consumed(MSG_CHANNEL *c) {
     auto *image = static_cast<unsigned char *>(c->oInput.pData);
     const int32_t type = fh::msgGetLe32(image + 24);
-    trace(kIdGotA, 0, 3, "Got a %s", MsgNameWithBuffer(type, nullptr, 0));
+    trace(kIdGotA, 0, 3, "Got a %s", fh::msgTracedName(3, type));
     if (fh::msgDropFromSocket(type, c->iId, c->iSocket)) return true;
     switch (type) {
     case MSG_DISCONNECT_MSG:
@@ -373,10 +385,10 @@ bool startStaged(MSG_CHANNEL *c) {
 // reader is to stop (traced; on a failure the channel is down).
 bool readOnce(MSG_CHANNEL *c) {
     const int32_t head = headerArea(c);
-    if (c->oInput.pData == nullptr && c->iInputPosition == head && !startStaged(c)) return false;
+    if (c->oInput.pData == nullptr && c->iInputPosition >= head && !startStaged(c)) return false;
     const bool inHeader = c->oInput.pData == nullptr;
     unsigned char *into = inHeader ? c->aHeader : static_cast<unsigned char *>(c->oInput.pData);
-    const int32_t limit = inHeader ? head : c->oInput.iSize;
+    const int32_t limit = inHeader ? stageLimit(c) : c->oInput.iSize;
     int32_t got = 0;
     switch (const int32_t result = NetTcpReceive(&got, c->iSocket, into + c->iInputPosition, limit - c->iInputPosition)) {
     case NET_ERROR_NONE: break;
@@ -394,7 +406,7 @@ bool readOnce(MSG_CHANNEL *c) {
         return false;
     }
     c->iInputPosition += got;
-    if (inHeader && c->iInputPosition == head) return startStaged(c);
+    if (inHeader && c->iInputPosition >= head) return startStaged(c);
     if (!inHeader && c->iInputPosition == c->oInput.iSize && c->iInputPosition < declaredTotal(c)) growBlock(c);
     return true;
 }

@@ -8,10 +8,12 @@
 
 #include "core/channel.h"
 #include "core/context.h"
+#include "core/msg.h"
 #include "core/msgpacket.h"
 #include "core/net.h"
 #include "core/object.h"
 #include "core/timeout.h"
+#include "core/trace.h"
 #include "messages/msgpmgr.h"
 #include "codec.h"
 
@@ -68,6 +70,12 @@ void msgChannelDown(MSG_CHANNEL *channel);
 void msgChannelRemove(MSG_CHANNEL *channel);
 // A new packet of type, no body, from and to address; null if none.
 MSG_PACKET *msgBarePacket(int32_t type, const void *from, const void *to);
+// The name of a message type for a trace at level, looked up (and for a
+// type without a name, formatted) only when the trace would be kept: the
+// traces of every packet cost a compare when they are off.
+inline const char *msgTracedName(int32_t level, int32_t type) {
+    return TraceWouldTrace(level) ? MsgNameWithBuffer(type, nullptr, 0) : "";
+}
 // The little-endian 32-bit words of an image, as the signed fields they are.
 inline int32_t msgGetLe32(const unsigned char *p) { return static_cast<int32_t>(readLe32(p)); }
 inline void msgPutLe32(unsigned char *p, int32_t value) { writeLe32(p, static_cast<uint32_t>(value)); }

@@ -123,9 +123,11 @@ BOOL messageHoldsAddresses(const void *object) {
            (m->oSource == nullptr || msgAddressOf(m->oSource) != nullptr);
 }
 
+// A packet read from elsewhere: sound, and without the mark of a packet the
+// process made for itself.
 BOOL packetIsSound(const void *object) {
     int32_t size = 0;
-    return soundImage(object, &size) != nullptr;
+    return soundImage(object, &size) != nullptr && !fh::msgPacketIsSelf(static_cast<const MSG_PACKET *>(object));
 }
 
 constinit fh::ObjectType<MSG_MESSAGE> gMessageType{MSG_MESSAGE_MAGIC, MSG_MESSAGE_FORMAT, fh::kReceivable,
@@ -238,7 +240,8 @@ bool fh::msgMakePacket(MSG_PACKET **packet, const void *destination, const void 
     putPair(image, kSource, from);
     putPair(image, kDestination, to);
     fh::writeLe32(image + kType, static_cast<uint32_t>(type));
-    auto *made = gPacketType.newInstance(self ? fh::msgSelfPool() : pool());
+    if (self) fh::msgMarkSelf(image);
+    auto *made = gPacketType.newInstance(pool());
     made->oImage = {buffer->Used, buffer->Buffer}; // the packet takes the buffer over
     buffer->Buffer = nullptr;
     buffer->Owned = FALSE;

@@ -211,7 +211,7 @@ bool intoMessage(MSG_MESSAGE **message, MSG_PACKET **packet) {
     const bool made = MsgMessageFromPacket(message, *packet);
     if (made) {
         const MsgPacketAddress from = sourceOf(*packet);
-        trace(kIdGotMessage, 0, 3, "Got message type %s from %ld:%ld", MsgNameWithBuffer((*message)->iType, nullptr, 0),
+        trace(kIdGotMessage, 0, 3, "Got message type %s from %ld:%ld", fh::msgTracedName(3, (*message)->iType),
               static_cast<long>(from.iMachine), static_cast<long>(from.iProcess));
     }
     ObjReleaseInternal(packet);
@@ -290,7 +290,7 @@ int32_t matchPacket(void *cookie, LISTNODE *node) {
     if (w.address != nullptr && (from.iMachine != w.pair.iMachine || from.iProcess != w.pair.iProcess)) return TRUE;
     if (w.type != 0 && type != w.type) return TRUE;
     if (!MsgMessageFromPacket(&w.found, packet)) return TRUE; // it stays; the walk goes on
-    trace(kIdGotMessage, 0, 3, "Got message type %s from %ld:%ld", MsgNameWithBuffer(type, nullptr, 0),
+    trace(kIdGotMessage, 0, 3, "Got message type %s from %ld:%ld", fh::msgTracedName(3, type),
           static_cast<long>(from.iMachine), static_cast<long>(from.iProcess));
     ListRemoveItem(node);
     return FALSE;

@@ -3,12 +3,15 @@
 // A packet to self is an ordinary image (header, frame, body) whose body is
 // in the serialiser's in-process form: a p component at pointer width, so a
 // timer's routine and cookie survive above 4 GiB. The form is told by a
-// mark that lives in memory only: the packet object, and the message
-// reconstructed from it, come from the self pool below. That pool borrows
-// the heap's operations and differs from the default pool by its address
-// alone, so it costs nothing but the comparison. Readers of channels make
-// their packets from the default pool, so nothing from outside carries the
-// mark; and a marked packet is never dispatched.
+// mark: in a packet, the word at offset 32 of the header (in the 160 bytes
+// that nobody else reads) holds kSelfMark, so that a copy of the packet is
+// marked too; in a message reconstructed from it, the object comes from the
+// self pool below, which borrows the heap's operations and differs from the
+// default pool by its address alone. Nothing from outside carries either
+// mark: the channel reader clears the word of each image it reads, a
+// MSG_PACKET read from elsewhere with the word set is refused, readers make
+// their messages from the default pool, and a marked packet is never
+// dispatched.
 //
 // The mark follows a message back onto the receive list: a marked message
 // is turned into a marked packet again (msgPacketFromMessage).
@@ -37,6 +40,10 @@ enum TraceId : int32_t {
 };
 
 MemPool gSelfPool{MEM_POOL_MAGIC, nullptr};
+
+// Where the mark of a packet to self stands in its header, and its value.
+constexpr int32_t kMarkOffset = 32;
+constexpr uint32_t kSelfMark = 0x464C4553u;
 
 // Appends the bytes of a writer to the buffer in the cookie.
 BOOL appendBytes(void *cookie, void *address, int32_t count) {
@@ -73,8 +80,14 @@ MemPool *fh::msgSelfPool() {
 }
 
 bool fh::msgPacketIsSelf(const MSG_PACKET *packet) {
-    return packet != nullptr && ObjCheckTypeInternal(packet, MSG_PACKET_MAGIC) && objectPool(packet) == &gSelfPool;
+    if (packet == nullptr || !ObjCheckTypeInternal(packet, MSG_PACKET_MAGIC)) return false;
+    const ObjData &image = packet->oImage;
+    return image.pData != nullptr && image.iSize >= MSG_PACKET_HEADER_SIZE &&
+           readLe32(static_cast<const unsigned char *>(image.pData) + kMarkOffset) == kSelfMark;
 }
+
+void fh::msgMarkSelf(unsigned char *header) { writeLe32(header + kMarkOffset, kSelfMark); }
+void fh::msgClearMark(unsigned char *header) { writeLe32(header + kMarkOffset, 0); }
 
 bool fh::msgMessageIsSelf(const void *message) {
     return msgMessageOf(message) != nullptr && objectPool(message) == &gSelfPool;

@@ -2,13 +2,15 @@
 //
 // A packet that the process sends to itself carries its body in the
 // serialiser's in-process form (pointers at their full width), so a routine
-// or a cookie of a timer comes back whole. Such a packet and the message
-// made of it are marked in memory, never in the image: their objects come
-// from a pool of their own, which no reader of bytes from elsewhere uses.
-// No bytes from a socket can make a marked packet, and a marked packet is
-// never sent out. A copy made by ObjDuplicate comes from the default pool
-// and so loses the mark: its body then reads as bytes from elsewhere and is
-// refused. Make a new packet of the message instead (msgPacketFromMessage).
+// or a cookie of a timer comes back whole. Such a packet is marked by a word
+// in the unused part of its header, which a copy keeps (ObjDuplicate and
+// ObjDuplicateInternal alike). The image never leaves the process: a marked
+// packet is never dispatched, the channel reader clears the word of every
+// image it reads off a socket, and a MSG_PACKET read as a body from
+// elsewhere with the word set is refused. A message made of a marked packet
+// is marked by its pool, which no reader of bytes from elsewhere uses; a copy
+// of such a message comes from the default pool and loses the mark, so its
+// body goes back out in the form for other processes.
 #ifndef FHCORE_MSGSELF_H
 #define FHCORE_MSGSELF_H
 
@@ -19,12 +21,16 @@
 
 namespace fh {
 
-// The pool of marked packets and messages.
+// The pool of marked messages.
 MemPool *msgSelfPool();
 
 // Whether a packet or a message carries the mark.
 bool msgPacketIsSelf(const MSG_PACKET *packet);
 bool msgMessageIsSelf(const void *message);
+// Sets the mark in a header being made; clears it in a header read off a
+// socket.
+void msgMarkSelf(unsigned char *header);
+void msgClearMark(unsigned char *header);
 
 // A new packet from source to destination with the body object; marked and
 // in the in-process form when self is true. False, nothing made, for an

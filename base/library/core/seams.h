@@ -5,7 +5,11 @@
 
 #include <cstdint>
 
+#include "core/types.h"
+
 struct ObjectTemplate;
+struct MSG_ADDRESS;
+struct MSG_MESSAGE;
 
 namespace fh {
 
@@ -40,6 +44,20 @@ void sysForgetMachineName();
 // StrCompare with 16-byte blocks even where the processor has wider ones, so
 // that both bodies are tested on one machine.
 int32_t strCompareNarrow(const char *a, const char *b);
+
+// What the default handlers of the message wait do beyond the process: open
+// a data channel back to a task's caller, complete one that a peer asked
+// for, end the process. A fuzz target that feeds the handlers bodies from
+// anywhere puts its own in; a null member (or table) puts the library's
+// back. endProcess of the library is ProcCleanup(0).
+struct MsgWaitActions {
+    BOOL (*openChannel)(MSG_ADDRESS **channelAddress, const MSG_ADDRESS *peer, void *peerCookie, void *localCookie,
+                        BOOL isBlocking, BOOL isSynchronous, BOOL waitForOk);
+    BOOL (*completeChannel)(MSG_ADDRESS **channelAddress, const MSG_MESSAGE *message, BOOL isBlocking,
+                            BOOL isSynchronous, BOOL sendOk);
+    void (*endProcess)();
+};
+void msgWaitSetActions(const MsgWaitActions *actions);
 
 } // namespace fh
 

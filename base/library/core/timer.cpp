@@ -37,6 +37,7 @@ enum TraceId : int32_t {
     kIdSweep = 4,
     kIdNextEvent = 5,
     kIdNever = 6,
+    kIdLost = 7,
 };
 
 constinit fh::ObjectType<TIMER_CALLBACK> gCallbackType{TIMER_CALLBACK_MAGIC, TIMER_CALLBACK_FORMAT, nullptr,
@@ -155,7 +156,11 @@ void TimrClearTimers(void) {
               callback->pCookie, static_cast<long>(event->oTimeout->iSeconds),
               static_cast<long>(event->oTimeout->iMilliseconds));
         if (!TimeTimeoutHasExpiredRelative(event->oTimeout, now)) return;
-        MsgSendObjectToSelf(TIMER_CALLBACK_MSG, callback);
+        // An event that can't be queued is dropped all the same: kept, it
+        // would fail again at every sweep. Its loss is said here.
+        if (!MsgSendObjectToSelf(TIMER_CALLBACK_MSG, callback))
+            trace(kIdLost, 0, -1, "Lost timer (%p, %p): its message could not be queued",
+                  routineText(callback->pfnRoutine), callback->pCookie);
         ListRemoveLastItem(list);
     }
 }
