@@ -60,8 +60,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         const unsigned char *ring = layout.entry + fh::kEntryTraceRing;
         CHECK(layout.entry >= segment && ring + sizeof(TraceBuffer) + wordAt(ring) <= end);
         CHECK(layout.timeArea >= segment && layout.timeArea + fh::kTimeSourceName < end);
-        CHECK(layout.progress == nullptr ||
-              (layout.progress >= segment && wordAt(layout.progress) >= 4 && layout.progress + wordAt(layout.progress) <= end));
+        CHECK(layout.progress == nullptr || (layout.progress >= segment && wordAt(layout.progress) >= 4 &&
+                                             layout.progress + wordAt(layout.progress) <= end));
     }
     free(segment);
     return 0;

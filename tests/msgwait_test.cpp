@@ -280,6 +280,8 @@ int32_t waitsForEver(MSG_MESSAGE *, void *) {
 // ends the outer wait too; what the inner wait held is put back. A wanted
 // kill request reaches the caller and nothing dies.
 TEST_F(MsgWaitTest, KillRequestEndsNestedWaits) {
+    const fh::MsgWaitActions stays{nullptr, nullptr, [] {}}; // the test process lives on
+    fh::msgWaitSetActions(&stays);
     ASSERT_TRUE(MsgWaitAddHandler(kA, waitsForEver, nullptr));
     queue(kA);
     queue(kD, 1);

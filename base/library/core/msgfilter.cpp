@@ -200,6 +200,11 @@ bool machineUnreachable(const MSG_PACKET *packet, const Header &) {
 
 bool dropped(const MSG_PACKET *, const Header &) { return false; }
 
+bool logMemoryUsage(const MSG_PACKET *, const Header &) {
+    ProcMemoryUsage();
+    return false;
+}
+
 bool setTraceLevel(const MSG_PACKET *packet, const Header &) {
     void *level = nullptr;
     if (MsgObjectFromPacketInternal(&level, packet, OBJ_INTEGER_MAGIC)) TraceSetLevel(ObjGetInteger(level));
@@ -220,9 +225,8 @@ struct FilterRow {
     bool (*act)(const MSG_PACKET *, const Header &);
 };
 
-// MSG_SET_TRACE_FILE_MSG and MSG_LOG_MEMORY_USAGE_MSG ask for the trace
-// file and the memory report, which this library does not have yet: their
-// packets are dropped without effect.
+// MSG_SET_TRACE_FILE_MSG asks for the trace file, which this library does
+// not have yet: its packets are dropped without effect.
 constexpr FilterRow kFilter[] = {
     {PMGR_GIVE_SERVICE_A_TASK_RETURN_MSG, taskReturned},
     {PMGR_PROCESS_DIED_MSG, processDied},
@@ -232,7 +236,7 @@ constexpr FilterRow kFilter[] = {
     {MSG_KEEP_ALIVE_MSG, dropped},
     {MSG_SET_TRACE_LEVEL_MSG, setTraceLevel},
     {MSG_SET_TRACE_FILE_MSG, dropped},
-    {MSG_LOG_MEMORY_USAGE_MSG, dropped},
+    {MSG_LOG_MEMORY_USAGE_MSG, logMemoryUsage},
     {PMGR_ATTACH_TO_SHM_MSG, attachToShm},
 };
 

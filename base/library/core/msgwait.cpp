@@ -28,6 +28,7 @@
 #include "core/msgsend.h"
 #include "core/channel.h"
 #include "core/objwrappers.h"
+#include "core/proc.h"
 #include "core/strbase.h"
 #include "core/timer.h"
 #include "core/trace.h"
@@ -66,7 +67,7 @@ constinit fh::ObjectType<MSG_WAIT_HANDLER> gHandlerType{MSG_WAIT_HANDLER_MAGIC, 
 TIME_TIMEOUT gImmediate{0, 0};
 
 // What the default handlers do beyond the process (seams.h).
-constexpr fh::MsgWaitActions kLibraryActions{MsgChannelOpenInternal, MsgChannelCompleteInternal, nullptr};
+constexpr fh::MsgWaitActions kLibraryActions{MsgChannelOpenInternal, MsgChannelCompleteInternal, [] { ProcCleanup(0); }};
 fh::MsgWaitActions gActions = kLibraryActions;
 
 void endProcess() {

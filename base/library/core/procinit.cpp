@@ -114,12 +114,12 @@ constexpr uint32_t kCleanupMagic = 0xC8E8EE95u;
 constinit fh::ObjectType<PROC_INITIALIZE_ARGS> gArgsType{kArgsMagic, "i;b;b;b;b;b;s;s;i;s;s;b;b;"};
 constinit fh::ObjectType<PROC_CLEANUP> gCleanupType{kCleanupMagic, "p;p;"};
 constinit fh::ObjectType<PMGR_PROCESS_STATUS> gStatusType{PMGR_PROCESS_STATUS_MAGIC, PMGR_PROCESS_STATUS_FORMAT,
-                                                           fh::kReceivable};
-constinit fh::ObjectType<PMGR_PROCESS_INITIAL_STATUS> gInitialType{
-    PMGR_PROCESS_INITIAL_STATUS_MAGIC, PMGR_PROCESS_INITIAL_STATUS_FORMAT, fh::kReceivable};
+                                                          fh::kReceivable};
+constinit fh::ObjectType<PMGR_PROCESS_INITIAL_STATUS> gInitialType{PMGR_PROCESS_INITIAL_STATUS_MAGIC,
+                                                                   PMGR_PROCESS_INITIAL_STATUS_FORMAT, fh::kReceivable};
 constinit fh::ObjectType<PMGR_SET_LOCALE> gLocaleType{PMGR_SET_LOCALE_MAGIC, PMGR_SET_LOCALE_FORMAT, fh::kReceivable};
 constinit fh::ObjectType<MSG_CHILD_INITIALIZED> gChildType{MSG_CHILD_INITIALIZED_MAGIC, MSG_CHILD_INITIALIZED_FORMAT,
-                                                            fh::kReceivable};
+                                                           fh::kReceivable};
 
 constexpr std::pair<const char *, int32_t> kLevels[] = {
     {"ALWAYS", -1}, {"NORMAL", 0}, {"VERBOSE", 1}, {"LIBNORMAL", 2}, {"LIBVERBOSE", 3}};
@@ -152,8 +152,7 @@ bool special(int32_t id) { return id == MSG_PROCESS_PROCMGR || id == MSG_PROCESS
 
 PMGR_PROCESS_STATUS *newStatus(int32_t state, int32_t pid) {
     PMGR_PROCESS_STATUS *status = gStatusType.newInstance(nullptr);
-    if (status != nullptr)
-        *status = {state, pid, 0, gStatusFlags.wantsProgress, gStatusFlags.viewer, 0};
+    if (status != nullptr) *status = {state, pid, 0, gStatusFlags.wantsProgress, gStatusFlags.viewer, 0};
     return status;
 }
 
@@ -465,8 +464,7 @@ void ProcRelease(int32_t code) {
     // add or remove others.
     for (void *item = nullptr; cleanupList() != nullptr && ListPopFirstItemInternal(cleanupList(), &item);) {
         auto *entry = static_cast<PROC_CLEANUP *>(item);
-        if (entry->pRoutine != nullptr)
-            reinterpret_cast<ProcCleanupRoutine>(entry->pRoutine)(entry->pUser, code);
+        if (entry->pRoutine != nullptr) reinterpret_cast<ProcCleanupRoutine>(entry->pRoutine)(entry->pUser, code);
         ObjReleaseInternal(&item);
     }
     TraceSetBuffer(TRACE_OWN_BUFFER);

@@ -53,8 +53,7 @@ int32_t strCompareNarrow(const char *a, const char *b);
 // a data channel back to a task's caller, complete one that a peer asked
 // for, end the process. A fuzz target that feeds the handlers bodies from
 // anywhere puts its own in; a null member (or table) puts the library's
-// back. endProcess of the library is none: eMsgWaitResultExit reaches the
-// caller, which ends itself.
+// back. endProcess of the library is ProcCleanup(0).
 struct MsgWaitActions {
     BOOL (*openChannel)(MSG_ADDRESS **channelAddress, const MSG_ADDRESS *peer, void *peerCookie, void *localCookie,
                         BOOL isBlocking, BOOL isSynchronous, BOOL waitForOk);
