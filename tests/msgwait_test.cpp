@@ -3,13 +3,13 @@
 // ends of a wait with a source, the poll, the callback wait and the
 // exclusive wait. Messages come from the process itself, and for a ping
 // from another process through a real communication manager.
-#include <poll.h>
 
 #include <string>
 #include <vector>
 
 #include "daemon.h"
 #include "fixture.h"
+#include "helpers.h"
 #include "messages/msgcmgr.h"
 #include "messages/msgmsg.h"
 #include "messages/msgpmgr.h"
@@ -36,23 +36,9 @@ std::vector<int32_t> drain() {
         values.push_back(m->iType * 10 + (m->oObject != nullptr ? ObjGetInteger(m->oObject) : 0));
     return values;
 }
-template <typename T> T *make(uint32_t magic, const char *format) {
-    return static_cast<T *>(ObjNewInternal(sizeof(T), magic, format, nullptr, nullptr));
-}
-MSG_ADDRESS *address(const char *machine, int32_t id) {
-    MSG_ADDRESS *a = nullptr;
-    MsgCreateAddress(&a, machine, id);
-    return a;
-}
-// A deadline that many milliseconds from now, for the call it is made in.
-struct In {
-    TIME_TIMEOUT until{};
-    explicit In(int32_t milliseconds) {
-        const TIME_OFFSET span{milliseconds / 1000, milliseconds % 1000};
-        TimeSetTimeoutFromOffset(&until, &span);
-    }
-    operator const TIME_TIMEOUT *() const { return &until; }
-};
+using testhelp::In;
+using testhelp::localAddress;
+template <typename T> T *make(uint32_t magic, const char *format) { return testhelp::newObject<T>(magic, format); }
 
 int32_t named(MSG_MESSAGE *m, void *cookie) {
     gCalls.push_back(std::string(ObjGetString(cookie)) + ":" + std::to_string(ObjGetInteger(m->oObject)));
@@ -87,8 +73,7 @@ protected:
         while (static_cast<LIST *>(gtLmContext.oMsgWaitHandlers)->iCount > 0)
             ListRemoveFirstItem(static_cast<LIST *>(gtLmContext.oMsgWaitHandlers));
         for (OBJ_STRING *s : held_) ObjReleaseInternal(&s);
-        MsgReleaseThread(&gtLmContext); // and the poll set of the passes
-        MsgInitializeThread();
+        testhelp::resetMessaging(); // and the poll set of the passes
         LibraryTest::TearDown();
     }
     OBJ_STRING *name(const char *text) { return held_.emplace_back(ObjStringNew(text)); }
@@ -149,15 +134,14 @@ TEST_F(MsgWaitTest, NestedWaitsPutBackWhatTheyCannotPlace) {
 // takes its type from that source only: the same type from another sender
 // goes to the handlers.
 TEST_F(MsgWaitTest, WaitWithASourceEndsWhenTheSourceIsGone) {
-    const char *local = SysLocalMachineName();
-    MSG_ADDRESS *source = address(local, ProcGetId()), *other = address(local, 78);
+    MSG_ADDRESS *source = localAddress(ProcGetId()), *other = localAddress(78);
     auto died = [&](MSG_ADDRESS *who) {
         auto *body = make<PMGR_PROCESS_DIED>(PMGR_PROCESS_DIED_MAGIC, PMGR_PROCESS_DIED_FORMAT);
         ObjIncRefCount(body->oAddress = who);
         return body;
     };
     auto *down = make<CMGR_MACHINE_DOWN>(CMGR_MACHINE_DOWN_MAGIC, CMGR_MACHINE_DOWN_FORMAT);
-    down->pszMachine = StrDuplicateIntoPool(local, nullptr);
+    down->pszMachine = StrDuplicateIntoPool(SysLocalMachineName(), nullptr);
     auto *unreachable = make<CMGR_PROCESS_UNREACHABLE>(CMGR_PROCESS_UNREACHABLE_MAGIC, CMGR_PROCESS_UNREACHABLE_FORMAT);
     ObjIncRefCount(unreachable->oAddress = source);
     const struct {
@@ -188,8 +172,7 @@ TEST_F(MsgWaitTest, WaitWithASourceEndsWhenTheSourceIsGone) {
         ObjReleaseInternal(const_cast<void **>(&c.body));
         drain();
     }
-    ObjReleaseInternal(&source);
-    ObjReleaseInternal(&other);
+    testhelp::release({source, other});
 }
 
 // What the default handlers did beyond the process, through the seam.
@@ -309,14 +292,12 @@ int32_t deepWait(MSG_MESSAGE *, void *) {
         return MsgWaitOnCallbackWithTimeout(pingDone, nullptr, In(10000));
     }
     TIME_OFFSET *now = nullptr;
-    MSG_ADDRESS *pinger = address(SysLocalMachineName(), kPinger);
+    MSG_ADDRESS *pinger = localAddress(kPinger);
     MSG_MESSAGE *word = nullptr;
     if (TimeCreateOffset(&now, 0, 0) && TimrSetAlarmRelative(fired, reinterpret_cast<void *>(intptr_t{5}), now) &&
         MsgSendObject(pinger, kB, nullptr) && MsgWaitMessageWithTimeout(&word, pinger, kB, In(10000)))
         gCalls.push_back("pong " + std::to_string(ObjGetInteger(word->oObject)));
-    ObjReleaseInternal(&word);
-    ObjReleaseInternal(&pinger);
-    ObjReleaseInternal(&now);
+    testhelp::release({word, pinger, now});
     return eMsgWaitResultHandled;
 }
 
@@ -330,40 +311,24 @@ TEST_F(MsgWaitTest, PingAndTimerServedTwoRunsDeep) {
     // The pinger connects once this process has, and then says hello: when
     // the hello arrives the manager has bound both, so neither side's first
     // message can meet an unknown id.
-    int connected[2];
-    ASSERT_EQ(pipe(connected), 0);
+    const testhelp::Gate connected;
     const pid_t pinger = nettest::child([&] {
-        char byte = 0;
-        if (read(connected[0], &byte, 1) != 1 || !ProcSetId(kPinger) || !MsgIpcConnect(0)) return 3;
-        MSG_ADDRESS *test = address(SysLocalMachineName(), kTest);
-        if (!MsgSendObject(test, kC, nullptr)) return 3;
-        MSG_MESSAGE *go = nullptr, *pong = nullptr;
-        auto *ping = make<MSG_PING>(MSG_PING_MAGIC, MSG_PING_FORMAT);
-        const TIME_OFFSET span{10, 0};
-        TIME_TIMEOUT until{};
-        TimeSetTimeoutFromOffset(&until, &span);
-        const bool answered = MsgReceiveMsgTypeFromAddress(&go, kB, test, &until) &&
-                              MsgSendObject(test, MSG_PING_MSG, ping) &&
-                              MsgReceiveMsgTypeFromAddress(&pong, MSG_PONG_MSG, test, &until) &&
+        if (!connected.pass() || !ProcSetId(kPinger) || !MsgIpcConnect(0)) return 3;
+        if (!testhelp::sendTo(kTest, kC, nullptr) || !testhelp::heard(kB, kTest)) return 3;
+        MSG_MESSAGE *pong = nullptr;
+        const bool answered = testhelp::sendTo(kTest, MSG_PING_MSG, make<MSG_PING>(MSG_PING_MAGIC, MSG_PING_FORMAT)) &&
+                              (pong = testhelp::nextMessage(MSG_PONG_MSG, kTest)) != nullptr &&
                               static_cast<MSG_PING *>(pong->oObject)->iAnswered > 0;
-        OBJ_INTEGER *word = ObjIntegerNew(answered ? 1 : 0);
-        return MsgSendObject(test, kB, word) && answered ? 0 : 4;
+        return testhelp::sendTo(kTest, kB, ObjIntegerNew(answered ? 1 : 0)) && answered ? 0 : 4;
     });
     ASSERT_TRUE(ProcSetId(kTest) && MsgIpcConnect(0));
-    ASSERT_EQ(write(connected[1], "c", 1), 1);
-    MSG_ADDRESS *from = address(SysLocalMachineName(), kPinger);
-    MSG_MESSAGE *hello = nullptr;
-    In tenSeconds(10000);
-    ASSERT_TRUE(MsgReceiveMsgTypeFromAddress(&hello, kC, from, &tenSeconds.until));
-    ObjReleaseInternal(&hello);
-    ObjReleaseInternal(&from);
+    ASSERT_TRUE(connected.open());
+    ASSERT_TRUE(testhelp::heard(kC, kPinger));
     ASSERT_TRUE(MsgWaitAddHandler(kA, deepWait, nullptr));
     queue(kA);
     EXPECT_EQ(MsgWaitOnCallbackWithTimeout(pingDone, nullptr, In(10000)), eMsgWaitResultSuccess);
     EXPECT_EQ(gCalls, (std::vector<std::string>{"timer 5", "pong 1"}));
     EXPECT_EQ(nettest::waitChild(pinger), 0);
-    close(connected[0]);
-    close(connected[1]);
     EXPECT_TRUE(manager.stop());
 }
 
@@ -386,7 +351,8 @@ TEST_F(MsgWaitTest, PollAndExclusiveWait) {
     EXPECT_EQ(drain(), std::vector<int32_t>{kA * 10 + 5});
 
     // The exclusive wait runs no handler and puts back what it held.
-    MSG_ADDRESS *far = address("elsewhere", 1);
+    MSG_ADDRESS *far = nullptr;
+    MsgCreateAddress(&far, "elsewhere", 1);
     EXPECT_EQ(MsgWaitExclusiveWithTimeout(nullptr, far, kB, nullptr), eMsgWaitResultInvalidArgument);
     ObjReleaseInternal(&far);
     const std::pair<int32_t, int32_t> ends[] = {{kB, eMsgWaitResultSuccess},

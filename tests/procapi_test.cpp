@@ -2,7 +2,6 @@
 // caller once, from the process itself; the texts of the error codes;
 // service addresses; and requests in both forms through a real
 // communication manager to a child that plays the process manager.
-#include <poll.h>
 #include <sys/stat.h>
 
 #include "daemon.h"
@@ -22,9 +21,8 @@ PROC_ADDRESS *service(const char *machine, const char *name, int32_t interfaceTy
     return a;
 }
 
-void release(std::initializer_list<void *> objects) {
-    for (void *o : objects) ObjReleaseInternal(&o);
-}
+using testhelp::release;
+using testhelp::sendTo;
 
 // Each way a request fails before it leaves gives FALSE and exactly one
 // failure reply from and to the process itself, with the code, the id and
@@ -33,8 +31,7 @@ void release(std::initializer_list<void *> objects) {
 TEST_F(LibraryTest, TaskThatCannotLeaveRepliesOnceToSelf) {
     mkdir((home() + "/etc").c_str(), 0755);
     testhelp::writeFile(home() + "/etc/machines.dat", "[remote1]\nId=5\n");
-    auto *nameless = static_cast<PROC_ADDRESS *>(
-        ObjNewInternal(sizeof(PROC_ADDRESS), PROC_ADDRESS_MAGIC, PROC_ADDRESS_FORMAT, nullptr, nullptr));
+    auto *nameless = testhelp::newObject<PROC_ADDRESS>(PROC_ADDRESS_MAGIC, PROC_ADDRESS_FORMAT);
     PROC_ADDRESS *unknown = service("nosuch", "svc"), *remote = service("remote1", "svc");
     const std::pair<void *, int32_t> cases[] = {{nullptr, 7}, {nameless, 7}, {unknown, 18}, {remote, 19}};
     int32_t id = 100;
@@ -93,26 +90,12 @@ TEST(ProcApiStart, EachTemplateFailureIsReported) {
 
 // ---- Through the communication manager ----
 
-bool sendTo(int32_t id, int32_t type, const void *body) {
-    MSG_ADDRESS *to = nullptr;
-    const bool sent = MsgCreateAddress(&to, SysLocalMachineName(), id) && MsgSendObject(to, type, body);
-    ObjReleaseInternal(&to);
-    return sent;
-}
-
-MSG_MESSAGE *next(int32_t type, int seconds = 10) {
-    TIME_TIMEOUT until{};
-    const TIME_OFFSET span{seconds, 0};
-    TimeSetTimeoutFromOffset(&until, &span);
-    MSG_MESSAGE *m = nullptr;
-    while (!MsgReceiveMsgTypeFromAddress(&m, type, nullptr, &until) && !TimeTimeoutHasExpired(&until)) {}
-    return m;
-}
+MSG_MESSAGE *next(int32_t type, int seconds = 10) { return testhelp::nextMessage(type, -1, seconds); }
 
 // The child's side: this machine's process manager as far as tasks go. It
 // echoes each message to the test and takes each task.
-int playProcessManager(int ready) {
-    if (!ProcSetId(MSG_PROCESS_PROCMGR) || !MsgIpcConnect(0) || write(ready, "r", 1) != 1) return 3;
+int playProcessManager(const testhelp::Gate &ready) {
+    if (!ProcSetId(MSG_PROCESS_PROCMGR) || !MsgIpcConnect(0) || !ready.open()) return 3;
     for (MSG_MESSAGE *m = nullptr; (m = next(0, 20)) != nullptr && m->iType != kDone; ObjReleaseInternal(&m)) {
         sendTo(kTest, kEchoBase + m->iType, m->oObject);
         if (m->iType == PMGR_GIVE_SERVICE_A_TASK_MSG) {
@@ -134,22 +117,16 @@ protected:
         testsupport::writeMachineSettings(home(), testsupport::freePort());
         manager_ = std::make_unique<testsupport::Daemon>(home(), "fhcmgr", std::vector<std::string>{"2"});
         ASSERT_EQ(manager_->readyLine().rfind("fhcmgr ready", 0), 0u);
-        int ready[2];
-        ASSERT_EQ(pipe(ready), 0);
-        child_ = nettest::child([&] { return playProcessManager(ready[1]); });
-        close(ready[1]);
-        pollfd wait{ready[0], POLLIN, 0};
-        char byte = 0;
-        ASSERT_TRUE(poll(&wait, 1, 10000) == 1 && read(ready[0], &byte, 1) == 1);
-        close(ready[0]);
+        const testhelp::Gate ready;
+        child_ = nettest::child([&] { return playProcessManager(ready); });
+        ASSERT_TRUE(ready.pass(10000));
         ASSERT_TRUE(ProcSetId(kTest) && MsgIpcConnect(0));
     }
     void TearDown() override {
         sendTo(MSG_PROCESS_PROCMGR, kDone, nullptr);
         EXPECT_EQ(nettest::waitChild(child_), 0);
         EXPECT_TRUE(manager_->stop());
-        MsgReleaseThread(&gtLmContext);
-        MsgInitializeThread();
+        testhelp::resetMessaging();
         TaskSetTaskContext(nullptr);
         LibraryTest::TearDown();
     }
@@ -161,8 +138,7 @@ protected:
         EXPECT_TRUE(r != nullptr && r->bTaken && r->iUniqueId == id && MsgGetProcessId(r->oTakenBy) == 1);
         T *request = echo != nullptr ? fh::objectShaped<T>(echo->oObject, magic, format) : nullptr;
         if (request != nullptr) ObjIncRefCount(request);
-        ObjReleaseInternal(&echo);
-        ObjReleaseInternal(&reply);
+        release({echo, reply});
         return request;
     }
     pid_t child_ = -1;

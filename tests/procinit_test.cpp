@@ -26,21 +26,12 @@ void note(void *user, int32_t code) {
 }
 void noteAfterCleanup(void *user, int32_t code) { ProcCleanup(0), note(user, code); }
 
+// Sends body, which it then releases.
 bool sendTo(int32_t id, int32_t type, void *body) {
-    MSG_ADDRESS *to = nullptr;
-    const bool sent = MsgCreateAddress(&to, SysLocalMachineName(), id) && MsgSendObject(to, type, body);
-    ObjReleaseInternal(&to), ObjReleaseInternal(&body);
-    return sent;
+    const bool sent = testhelp::sendTo(id, type, body);
+    return ObjReleaseInternal(&body), sent;
 }
-MSG_MESSAGE *next(int32_t type) {
-    TIME_TIMEOUT until{};
-    const TIME_OFFSET span{20, 0};
-    TimeSetTimeoutFromOffset(&until, &span);
-    MSG_MESSAGE *m = nullptr;
-    while (!MsgReceiveMsgTypeFromAddress(&m, type, nullptr, &until) && !TimeTimeoutHasExpired(&until)) {
-    }
-    return m;
-}
+MSG_MESSAGE *next(int32_t type) { return testhelp::nextMessage(type, -1, 20); }
 int32_t nextState() { // -2: none came
     MSG_MESSAGE *m = next(PMGR_PROCESS_STATUS_MSG);
     const int32_t state = m != nullptr ? static_cast<PMGR_PROCESS_STATUS *>(m->oObject)->iState : -2;
@@ -68,8 +59,7 @@ class ProcInitTest : public LibraryTest {
         if (manager_ != nullptr) {
             EXPECT_TRUE(manager_->stop());
         }
-        MsgReleaseThread(&gtLmContext);
-        MsgInitializeThread();
+        testhelp::resetMessaging();
         LibraryTest::TearDown();
     }
     // The real communication manager with the test as process 1, and
@@ -78,7 +68,7 @@ class ProcInitTest : public LibraryTest {
         manager_ = std::make_unique<testsupport::Daemon>(home(), "fhcmgr", std::vector<std::string>{"2"});
         EXPECT_TRUE(ProcSetId(1) && MsgIpcConnect(0));
         return {
-            nettest::child([bodies] { return MsgReleaseThread(&gtLmContext), MsgInitializeThread(), bodies(); })...};
+            nettest::child([bodies] { return testhelp::resetMessaging(), bodies(); })...};
     }
     // An attach for entry index of a segment laid out as a manager lays it:
     // the time area at 256, entries from 1024 titled "worker", rings of 4096.
@@ -89,9 +79,8 @@ class ProcInitTest : public LibraryTest {
         strcpy(static_cast<char *>(base) + entry, "worker");
         memcpy(static_cast<char *>(base) + entry + 104, &ring, 4);
         ShmDetach(&base);
-        auto *body = static_cast<PMGR_ATTACH_TO_UNIX_SHM *>(
-            ObjNewInternal(sizeof(PMGR_ATTACH_TO_UNIX_SHM), PMGR_ATTACH_TO_UNIX_SHM_MAGIC,
-                           PMGR_ATTACH_TO_UNIX_SHM_FORMAT, nullptr, nullptr));
+        auto *body = testhelp::newObject<PMGR_ATTACH_TO_UNIX_SHM>(PMGR_ATTACH_TO_UNIX_SHM_MAGIC,
+                                                                   PMGR_ATTACH_TO_UNIX_SHM_FORMAT);
         return *body = {segment_, segment_, entry, 0, 256}, body;
     }
     // Answers the next initial status with early kEarly messages and an
@@ -205,13 +194,12 @@ TEST_F(ProcInitTest, WaitingParentHearsOnceAndTheManagerTellsNothing) {
                 const auto *s = static_cast<const PMGR_PROCESS_STATUS *>(
                     static_cast<const PMGR_PROCESS_INITIAL_STATUS *>(m->oObject)->oStatus);
                 EXPECT_TRUE(s->iState == 1 && s->iPid == pid);
-                MSG_ADDRESS *to = nullptr;
+                MSG_ADDRESS *to = testhelp::localAddress(9);
                 MSG_PACKET *attach = nullptr;
                 void *body = attachBody();
-                if (MsgCreateAddress(&to, SysLocalMachineName(), 9) &&
-                    MsgCreatePacket(&attach, to, MsgProcMgrAddress(), PMGR_ATTACH_TO_SHM_MSG, body))
+                if (MsgCreatePacket(&attach, to, MsgProcMgrAddress(), PMGR_ATTACH_TO_SHM_MSG, body))
                     MsgChannelDispatch(client, &attach);
-                ObjReleaseInternal(&to), ObjReleaseInternal(&body);
+                testhelp::release({to, body});
             } else if (m->iType == MSG_CHILD_INITIALIZED_MSG) {
                 const auto *c = static_cast<const MSG_CHILD_INITIALIZED *>(m->oObject);
                 EXPECT_TRUE(MsgGetProcessId(m->oDestination) == 5 && c->iProcessId == 9 && c->iPid == pid);
@@ -244,11 +232,7 @@ TEST_F(ProcInitTest, TermRunsTheRoutinesAndEnds) {
     };
     const std::vector<pid_t> children = underManagers(term("5", false), term("6", true));
     for (int i = 0; i < 2; ++i) EXPECT_EQ(attachNext().iState, 0);
-    for (int i = 0; i < 2; ++i) {
-        MSG_MESSAGE *here = next(kHere);
-        ASSERT_NE(here, nullptr);
-        ObjReleaseInternal(&here);
-    }
+    for (int i = 0; i < 2; ++i) ASSERT_TRUE(testhelp::heard(kHere, 5 + i, 20));
     for (const pid_t c : children) EXPECT_TRUE(ProcTerminate(c));
     std::vector<int32_t> states;
     for (int i = 0; i < 4; ++i) states.push_back(nextState());

@@ -13,9 +13,7 @@ std::string withPointers(const char *format, const void *a, const void *b) {
     return text;
 }
 
-void release(std::initializer_list<void *> objects) {
-    for (void *o : objects) ObjReleaseInternal(&o);
-}
+using testhelp::release;
 
 // A client's context is empty; a server's names the machine, its version
 // and patch level, which the current context gives until it is cleared.
