@@ -14,7 +14,9 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using nettest::await;
+using nettest::join;
+using nettest::sendTo;
 using testsupport::Daemon;
 
 class CmgrTest : public LibraryTest {
@@ -27,47 +29,9 @@ protected:
         ASSERT_EQ(manager_->readyLine(), "fhcmgr ready on port " + std::to_string(port_));
     }
     void TearDown() override {
-        if (manager_ != nullptr) {
-            EXPECT_TRUE(manager_->stop());
-        }
-        ObjReleaseInternal(&gtLmContext.oMsgIpcChannel);
-        MsgReleaseThread(&gtLmContext);
-        MsgInitializeThread();
+        EXPECT_TRUE(manager_ == nullptr || manager_->stop());
+        nettest::leaveManager();
         LibraryTest::TearDown();
-    }
-    // Joins the manager as process id.
-    static bool join(int32_t id) { return ProcSetId(id) && MsgIpcConnect(0); }
-    // Passes until a packet of one of types is queued, or milliseconds are
-    // over; its type (0 for none), the packet in *out if asked for. Other
-    // packets are dropped.
-    static int32_t await(std::initializer_list<int32_t> types, int milliseconds, MSG_PACKET **out = nullptr) {
-        const auto until = Clock::now() + std::chrono::milliseconds(milliseconds);
-        while (Clock::now() < until) {
-            fh::msgSelectPass(20);
-            for (MSG_PACKET *packet = nullptr; MsgReceivePopPacket(&packet);) {
-                const int32_t type = MsgPacketMsgType(packet);
-                if (std::find(types.begin(), types.end(), type) != types.end()) {
-                    if (out != nullptr)
-                        *out = packet;
-                    else
-                        ObjReleaseInternal(&packet);
-                    return type;
-                }
-                ObjReleaseInternal(&packet);
-            }
-        }
-        return 0;
-    }
-    static MSG_ADDRESS *processAddress(int32_t id) {
-        MSG_ADDRESS *address = nullptr;
-        MsgCreateAddress(&address, SysLocalMachineName(), id);
-        return address;
-    }
-    static bool sendTo(int32_t id, int32_t type, const void *body = nullptr) {
-        MSG_ADDRESS *to = processAddress(id);
-        const bool sent = MsgSendObject(to, type, body);
-        ObjReleaseInternal(&to);
-        return sent;
     }
     // A child that joins as id and answers one ping with a pong; its exit
     // status tells whether it did.
@@ -106,13 +70,11 @@ TEST_F(CmgrTest, RoutesByIdAndReportsWhatItCannot) {
     ASSERT_TRUE(sendTo(99, MSG_KEEP_ALIVE_MSG));
     MSG_PACKET *news = nullptr;
     ASSERT_EQ(await({CMGR_PROCESS_UNREACHABLE_MSG}, 5000, &news), CMGR_PROCESS_UNREACHABLE_MSG);
-    void *body = nullptr;
-    ASSERT_TRUE(MsgObjectFromPacketInternal(&body, news, CMGR_PROCESS_UNREACHABLE_MAGIC));
-    const auto *unreachable = static_cast<const CMGR_PROCESS_UNREACHABLE *>(body);
+    const nettest::Body body(news, CMGR_PROCESS_UNREACHABLE_MAGIC);
+    const auto *unreachable = body.as<CMGR_PROCESS_UNREACHABLE>();
+    ASSERT_NE(unreachable, nullptr);
     EXPECT_EQ(MsgGetProcessId(unreachable->oAddress), 99);
     EXPECT_EQ(unreachable->iMsgType, MSG_KEEP_ALIVE_MSG);
-    ObjReleaseInternal(&body);
-    ObjReleaseInternal(&news);
 
     ASSERT_TRUE(sendTo(21, MSG_PING_MSG)) << "to itself, through the manager";
     EXPECT_EQ(await({MSG_PING_MSG}, 5000), MSG_PING_MSG);

@@ -56,13 +56,7 @@ protected:
         }
         return nullptr;
     }
-    static std::vector<int32_t> queued() {
-        std::vector<int32_t> types;
-        auto *list = static_cast<LIST *>(gtLmContext.oMsgReceiveList);
-        for (LISTNODE *node = list->oFirst; node != nullptr; node = node->oNext)
-            types.push_back(MsgPacketMsgType(node->oItem));
-        return types;
-    }
+    static std::vector<int32_t> queued() { return nettest::receiveListTypes(); }
     static std::string cookieOf(const MSG_MESSAGE *connected) {
         const auto *body = static_cast<const MSG_CONNECTED *>(connected->oObject);
         const char *text = body != nullptr ? ObjGetString(body->oCookie) : nullptr;

@@ -23,18 +23,13 @@ constexpr int32_t kData = 50010;   // an application's message of bytes
 constexpr int32_t kInject = 50011; // asks the helper to send one set of news
 constexpr int32_t kTest = 41, kHelper = 42, kPeer = 43;
 
-bool join(int32_t id) { return ProcSetId(id) && MsgIpcConnect(0); }
+using nettest::join;
 MSG_ADDRESS *address(const char *machine, int32_t id) {
     MSG_ADDRESS *a = nullptr;
     MsgCreateAddress(&a, machine != nullptr ? machine : SysLocalMachineName(), id);
     return a;
 }
-bool sendTo(int32_t id, int32_t type, const void *body) {
-    MSG_ADDRESS *to = address(nullptr, id);
-    const bool sent = MsgSendObject(to, type, body);
-    ObjReleaseInternal(&to);
-    return sent;
-}
+using nettest::sendTo;
 // Whether the manager is gone (the search for a message would end at once).
 bool lost() {
     return MsgWalkReceiveList(
@@ -96,11 +91,8 @@ protected:
         ASSERT_EQ(manager_->readyLine(), "fhcmgr ready on port " + std::to_string(port_));
     }
     void TearDown() override {
-        if (manager_ != nullptr) {
-            EXPECT_TRUE(manager_->stop());
-        }
-        MsgReleaseThread(&gtLmContext);
-        MsgInitializeThread();
+        EXPECT_TRUE(manager_ == nullptr || manager_->stop());
+        nettest::leaveManager();
         LibraryTest::TearDown();
     }
 

@@ -37,12 +37,7 @@ protected:
         LibraryTest::TearDown();
     }
     // The types of the receive list, in order.
-    static std::vector<int32_t> queued() {
-        std::vector<int32_t> types;
-        for (LISTNODE *n = static_cast<LIST *>(gtLmContext.oMsgReceiveList)->oFirst; n != nullptr; n = n->oNext)
-            types.push_back(MsgPacketMsgType(n->oItem));
-        return types;
-    }
+    static std::vector<int32_t> queued() { return nettest::receiveListTypes(); }
     static void queueBare(int32_t type) { fh::msgQueueBare(type, MsgLocalAddress()); }
     static TIME_TIMEOUT in(int32_t milliseconds) {
         TIME_TIMEOUT t{};

@@ -20,7 +20,7 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using nettest::await;
 using testsupport::Machine;
 
 // Ids the machines have in each other's file: different, so that an id
@@ -45,45 +45,14 @@ protected:
         ASSERT_TRUE(beta_->start());
     }
     void TearDown() override {
-        ObjReleaseInternal(&gtLmContext.oMsgIpcChannel);
-        MsgReleaseThread(&gtLmContext);
-        MsgInitializeThread();
+        nettest::leaveManager();
         for (auto *machine : {&beta_, &alpha_})
-            if (*machine != nullptr) {
-                EXPECT_TRUE((*machine)->stop()) << (*machine)->name();
-            }
+            EXPECT_TRUE(*machine == nullptr || (*machine)->stop()) << (machine == &beta_ ? "beta" : "alpha");
         LibraryTest::TearDown();
     }
     static bool join(const Machine &machine, int32_t id) {
         machine.enter();
-        return ProcSetId(id) && MsgIpcConnect(0);
-    }
-    // Passes until a packet of one of types is queued, or milliseconds are
-    // over; its type (0 for none), the packet in *out if asked for. Other
-    // packets are dropped.
-    static int32_t await(std::initializer_list<int32_t> types, int milliseconds, MSG_PACKET **out = nullptr) {
-        const auto until = Clock::now() + std::chrono::milliseconds(milliseconds);
-        while (Clock::now() < until) {
-            fh::msgSelectPass(20);
-            for (MSG_PACKET *packet = nullptr; MsgReceivePopPacket(&packet);) {
-                const int32_t type = MsgPacketMsgType(packet);
-                if (std::find(types.begin(), types.end(), type) != types.end()) {
-                    if (out != nullptr)
-                        *out = packet;
-                    else
-                        ObjReleaseInternal(&packet);
-                    return type;
-                }
-                ObjReleaseInternal(&packet);
-            }
-        }
-        return 0;
-    }
-    static bool sendTo(const char *machine, int32_t id, int32_t type, const void *body = nullptr) {
-        MSG_ADDRESS *to = nullptr;
-        const bool sent = MsgCreateAddress(&to, machine, id) && MsgSendObject(to, type, body);
-        ObjReleaseInternal(&to);
-        return sent;
+        return nettest::join(id);
     }
     static MsgPacketAddress sourceOf(const MSG_PACKET *packet) {
         const auto *image = static_cast<const unsigned char *>(packet->oImage.pData);
@@ -94,7 +63,7 @@ protected:
     static bool reach(int32_t id, MsgPacketAddress *from = nullptr) {
         for (int attempt = 0; attempt < 100; ++attempt) {
             OBJ_INTEGER *body = ObjIntegerNew(attempt);
-            const bool sent = sendTo("beta", id, MSG_PING_MSG, body);
+            const bool sent = nettest::sendTo(id, MSG_PING_MSG, body, "beta");
             ObjReleaseInternal(&body);
             if (!sent) return false;
             MSG_PACKET *answer = nullptr;
@@ -119,16 +88,11 @@ protected:
         ObjReleaseInternal(&request);
         MSG_PACKET *answer = nullptr;
         if (!sent || await({NMGR_GET_CURRENT_MACHINE_DETAILS_RESPONSE_MSG}, 10000, &answer) == 0) return -1;
-        void *body = nullptr;
-        int known = -1;
-        if (MsgObjectFromPacketInternal(&body, answer, NMGR_GET_CURRENT_MACHINE_DETAILS_RESPONSE_MAGIC)) {
-            const auto *response = static_cast<const NMGR_GET_CURRENT_MACHINE_DETAILS_RESPONSE *>(body);
-            if (response->pszMachine != nullptr && std::string(response->pszMachine) == machine)
-                known = response->bKnown;
-        }
-        ObjReleaseInternal(&body);
-        ObjReleaseInternal(&answer);
-        return known;
+        const nettest::Body body(answer, NMGR_GET_CURRENT_MACHINE_DETAILS_RESPONSE_MAGIC);
+        const auto *response = body.as<NMGR_GET_CURRENT_MACHINE_DETAILS_RESPONSE>();
+        return response != nullptr && response->pszMachine != nullptr && std::string(response->pszMachine) == machine
+                   ? response->bKnown
+                   : -1;
     }
     // The value of key in the stanza of machine in alpha's "machines.dat".
     std::string alphaKnows(const char *machine, const char *key) const {
@@ -211,24 +175,18 @@ TEST_F(NmgrTest, LostPeerBringsMachineDownToEveryProcess) {
         if (!join(*alpha_, 22)) return 3;
         MSG_PACKET *news = nullptr;
         if (await({CMGR_MACHINE_DOWN_MSG}, 20000, &news) != CMGR_MACHINE_DOWN_MSG) return 4;
-        void *body = nullptr;
-        const bool named = MsgObjectFromPacketInternal(&body, news, CMGR_MACHINE_DOWN_MAGIC) &&
-                           std::string(static_cast<CMGR_MACHINE_DOWN *>(body)->pszMachine) == "beta";
-        ObjReleaseInternal(&body);
-        ObjReleaseInternal(&news);
-        return named ? 0 : 5;
+        const nettest::Body down(news, CMGR_MACHINE_DOWN_MAGIC);
+        return down.object != nullptr && std::string(down.as<CMGR_MACHINE_DOWN>()->pszMachine) == "beta" ? 0 : 5;
     });
     ASSERT_TRUE(join(*alpha_, 21));
     ASSERT_EQ(askDetails("beta"), TRUE) << "the connection is up";
     beta_->killNetworkManager();
     MSG_PACKET *news = nullptr;
     ASSERT_EQ(await({CMGR_MACHINE_DOWN_MSG}, 10000, &news), CMGR_MACHINE_DOWN_MSG);
-    void *body = nullptr;
-    ASSERT_TRUE(MsgObjectFromPacketInternal(&body, news, CMGR_MACHINE_DOWN_MAGIC));
-    EXPECT_STREQ(static_cast<CMGR_MACHINE_DOWN *>(body)->pszMachine, "beta");
     EXPECT_EQ(sourceOf(news).iProcess, MSG_PROCESS_COMMMGR);
-    ObjReleaseInternal(&body);
-    ObjReleaseInternal(&news);
+    const nettest::Body down(news, CMGR_MACHINE_DOWN_MAGIC);
+    ASSERT_NE(down.object, nullptr);
+    EXPECT_STREQ(down.as<CMGR_MACHINE_DOWN>()->pszMachine, "beta");
     EXPECT_EQ(nettest::waitChild(other), 0);
 }
 
@@ -251,14 +209,12 @@ TEST_F(NmgrTest, PacketNoPeerServesComesBackUnreachable) {
         MSG_PACKET *news = nullptr;
         ASSERT_EQ(await({NMGR_MACHINE_UNREACHABLE_MSG}, 10000, &news), NMGR_MACHINE_UNREACHABLE_MSG) << machine;
         EXPECT_EQ(sourceOf(news).iMachine, machine);
-        void *body = nullptr;
-        ASSERT_TRUE(MsgObjectFromPacketInternal(&body, news, NMGR_MACHINE_UNREACHABLE_MAGIC));
-        const auto *unreachable = static_cast<NMGR_MACHINE_UNREACHABLE *>(body);
+        const nettest::Body body(news, NMGR_MACHINE_UNREACHABLE_MAGIC);
+        const auto *unreachable = body.as<NMGR_MACHINE_UNREACHABLE>();
+        ASSERT_NE(unreachable, nullptr);
         EXPECT_EQ(unreachable->iMsgType, MSG_KEEP_ALIVE_MSG);
         ASSERT_TRUE(ObjCheckTypeInternal(unreachable->oObject, OBJ_INTEGER_MAGIC));
         EXPECT_EQ(ObjGetInteger(unreachable->oObject), 4242);
-        ObjReleaseInternal(&body);
-        ObjReleaseInternal(&news);
     }
 }
 
@@ -267,16 +223,14 @@ TEST_F(NmgrTest, PacketNoPeerServesComesBackUnreachable) {
 TEST_F(NmgrTest, NoNetworkManagerMeansProcessUnreachable) {
     alpha_->killNetworkManager();
     ASSERT_TRUE(join(*alpha_, 21));
-    ASSERT_TRUE(sendTo("beta", 30, MSG_KEEP_ALIVE_MSG));
+    ASSERT_TRUE(nettest::sendTo(30, MSG_KEEP_ALIVE_MSG, nullptr, "beta"));
     MSG_PACKET *news = nullptr;
     ASSERT_EQ(await({CMGR_PROCESS_UNREACHABLE_MSG}, 10000, &news), CMGR_PROCESS_UNREACHABLE_MSG);
-    void *body = nullptr;
-    ASSERT_TRUE(MsgObjectFromPacketInternal(&body, news, CMGR_PROCESS_UNREACHABLE_MAGIC));
-    const auto *unreachable = static_cast<CMGR_PROCESS_UNREACHABLE *>(body);
+    const nettest::Body body(news, CMGR_PROCESS_UNREACHABLE_MAGIC);
+    const auto *unreachable = body.as<CMGR_PROCESS_UNREACHABLE>();
+    ASSERT_NE(unreachable, nullptr);
     EXPECT_STREQ(MsgGetMachineName(unreachable->oAddress), "beta");
     EXPECT_EQ(MsgGetProcessId(unreachable->oAddress), 30);
-    ObjReleaseInternal(&body);
-    ObjReleaseInternal(&news);
 }
 
 // Bytes on beta's peer port that break the rules close that connection and

@@ -20,6 +20,7 @@
 #include "messages/msgpmgr.h"
 #include "messages/pmgrtable.h"
 #include "msgchannel.h"
+#include "net_support.h"
 
 // Sends the process manager PMGR_<NAME>_MSG about process id.
 #define ASK(NAME, id) ask<PMGR_##NAME>(PMGR_##NAME##_MSG, PMGR_##NAME##_MAGIC, PMGR_##NAME##_FORMAT, id)
@@ -27,6 +28,7 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using nettest::join;
 using testsupport::Daemon;
 constexpr int kKeysChecked = 8;
 
@@ -39,6 +41,9 @@ int32_t keyOf(const std::string &home, int32_t index) {
 }
 
 bool keyInUse(const std::string &home, int32_t index) { return shmget(keyOf(home, index), 0, 0) != -1; }
+void expectNoKeysInUse(const std::string &home) {
+    for (int index = 0; index < kKeysChecked; ++index) EXPECT_FALSE(keyInUse(home, index)) << index;
+}
 
 // A home with its settings, its own copies of the manager and the test
 // program, and its two managers once started.
@@ -57,12 +62,9 @@ struct Machine {
         testhelp::writeFile(home + "/config/programs.cfg", "[Process Manager]\nunix=bin/fhpmgr\n[Child]\n"
                                                            "unix=bin/pmgr_child\n" + programs);
         testhelp::writeFile(home + "/config/procmgr.cfg", "[Process Manager]\nKill Grace=100\n" + day);
-        for (int index = 0; index < kKeysChecked; ++index) EXPECT_FALSE(keyInUse(home, index)) << index;
+        expectNoKeysInUse(home);
     }
-    ~Machine() {
-        stop();
-        for (int index = 0; index < kKeysChecked; ++index) EXPECT_FALSE(keyInUse(home, index)) << index;
-    }
+    ~Machine() { stop(), expectNoKeysInUse(home); }
     // Both managers up; false when the process manager did not get ready.
     bool start() {
         cmgr = std::make_unique<Daemon>(home, "fhcmgr", std::vector<std::string>{"2"});
@@ -74,12 +76,8 @@ struct Machine {
         return true;
     }
     void stop() {
-        if (pmgr != nullptr) {
-            EXPECT_TRUE(pmgr->stop());
-        }
-        if (cmgr != nullptr) {
-            EXPECT_TRUE(cmgr->stop());
-        }
+        EXPECT_TRUE(pmgr == nullptr || pmgr->stop());
+        EXPECT_TRUE(cmgr == nullptr || cmgr->stop());
         pmgr.reset(), cmgr.reset();
     }
 };
@@ -88,16 +86,13 @@ class PmgrTest : public LibraryTest {
 protected:
     void TearDown() override {
         machine_.reset();
-        ObjReleaseInternal(&gtLmContext.oMsgIpcChannel);
-        MsgReleaseThread(&gtLmContext);
-        MsgInitializeThread();
+        nettest::leaveManager();
         LibraryTest::TearDown();
     }
     Machine &machine(const std::string &programs, const std::string &day) {
         machine_ = std::make_unique<Machine>(home(), programs, day);
         return *machine_;
     }
-    static bool join(int32_t id) { return ProcSetId(id) && MsgIpcConnect(0); }
     // Sends the manager type with a body T whose first field is the address
     // of id (the rest zero).
     template <typename T> static bool ask(int32_t type, uint32_t magic, const char *format, int32_t id) {
@@ -127,12 +122,8 @@ protected:
             return -100;
         std::vector<int32_t> before;
         MSG_PACKET *reply = await(PMGR_GET_PROCESS_STATE_RETURN_MSG, 5000, &before);
-        void *body = nullptr;
-        const bool read = reply != nullptr &&
-                          MsgObjectFromPacketInternal(&body, reply, PMGR_GET_PROCESS_STATE_RETURN_MAGIC);
-        const int32_t state = read ? static_cast<PMGR_GET_PROCESS_STATE_RETURN *>(body)->iState : -100;
-        ObjReleaseInternal(&body);
-        ObjReleaseInternal(&reply);
+        const nettest::Body body(reply, PMGR_GET_PROCESS_STATE_RETURN_MAGIC);
+        const int32_t state = body.object != nullptr ? body.as<PMGR_GET_PROCESS_STATE_RETURN>()->iState : -100;
         if (deaths != nullptr) *deaths = static_cast<int>(std::count(before.begin(), before.end(), PMGR_PROCESS_DIED_MSG));
         return state;
     }
@@ -202,12 +193,9 @@ TEST_F(PmgrTest, DayProcessesShowInTheTableAndToAViewer) {
         ASSERT_TRUE(ASK(NOTIFY_ON_DEATH, 5));
     ASSERT_TRUE(ASK(KILL_PROCESS, 5));
     MSG_PACKET *died = await(PMGR_PROCESS_DIED_MSG, 10000);
-    ASSERT_NE(died, nullptr);
-    void *body = nullptr;
-    ASSERT_TRUE(MsgObjectFromPacketInternal(&body, died, PMGR_PROCESS_DIED_MAGIC));
-    EXPECT_EQ(MsgGetProcessId(static_cast<PMGR_PROCESS_DIED *>(body)->oAddress), 5);
-    ObjReleaseInternal(&body);
-    ObjReleaseInternal(&died);
+    const nettest::Body body(died, PMGR_PROCESS_DIED_MAGIC);
+    ASSERT_NE(body.object, nullptr);
+    EXPECT_EQ(MsgGetProcessId(body.as<PMGR_PROCESS_DIED>()->oAddress), 5);
     int more = -1;
     EXPECT_EQ(stateOf(5, &more), PROC_STATE_UNKNOWN);
     EXPECT_EQ(more, 0) << "one notice for a watcher, however often it asked";

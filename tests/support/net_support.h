@@ -8,10 +8,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <string>
 #include <vector>
 
 #include "fixture.h"
+#include "msgchannel.h"
 #include "netcalls.h"
 
 namespace nettest {
@@ -106,6 +109,63 @@ inline int waitChild(pid_t pid) {
     while (waitpid(pid, &status, 0) == -1 && errno == EINTR) {
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// Joins the communication manager as process id.
+inline bool join(int32_t id) { return ProcSetId(id) && MsgIpcConnect(0); }
+
+// Sends type with body to process id of machine (this one by default).
+inline bool sendTo(int32_t id, int32_t type, const void *body = nullptr, const char *machine = nullptr) {
+    MSG_ADDRESS *to = nullptr;
+    const bool sent = MsgCreateAddress(&to, machine != nullptr ? machine : SysLocalMachineName(), id) &&
+                      MsgSendObject(to, type, body);
+    ObjReleaseInternal(&to);
+    return sent;
+}
+
+// Leaves the manager and starts this thread's messaging afresh.
+inline void leaveManager() {
+    ObjReleaseInternal(&gtLmContext.oMsgIpcChannel);
+    MsgReleaseThread(&gtLmContext);
+    MsgInitializeThread();
+}
+
+// Passes until a packet of one of types is queued, or milliseconds are
+// over; its type (0 for none), the packet in *out if asked for. Other
+// packets are dropped.
+inline int32_t await(std::initializer_list<int32_t> types, int milliseconds, MSG_PACKET **out = nullptr) {
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+    while (std::chrono::steady_clock::now() < until) {
+        fh::msgSelectPass(20);
+        for (MSG_PACKET *packet = nullptr; MsgReceivePopPacket(&packet); ObjReleaseInternal(&packet)) {
+            const int32_t type = MsgPacketMsgType(packet);
+            if (std::find(types.begin(), types.end(), type) == types.end()) continue;
+            if (out != nullptr) std::swap(*out, packet);
+            ObjReleaseInternal(&packet);
+            return type;
+        }
+    }
+    return 0;
+}
+
+// The body of a packet read as magic (object null when it isn't one); the
+// packet is released at once, the body at the end of the scope.
+struct Body {
+    void *object = nullptr;
+    Body(MSG_PACKET *&packet, uint32_t magic) {
+        if (packet != nullptr) MsgObjectFromPacketInternal(&object, packet, magic);
+        ObjReleaseInternal(&packet);
+    }
+    ~Body() { ObjReleaseInternal(&object); }
+    template <typename T> const T *as() const { return static_cast<const T *>(object); }
+};
+
+// The types of the receive list, in order, left in place.
+inline std::vector<int32_t> receiveListTypes() {
+    std::vector<int32_t> types;
+    for (LISTNODE *n = static_cast<LIST *>(gtLmContext.oMsgReceiveList)->oFirst; n != nullptr; n = n->oNext)
+        types.push_back(MsgPacketMsgType(n->oItem));
+    return types;
 }
 
 } // namespace nettest
