@@ -172,13 +172,14 @@ TEST_F(NmgrTest, DetailsRequestWritesThePeersSettings) {
 // manager, which tells every process of alpha that beta is down.
 TEST_F(NmgrTest, LostPeerBringsMachineDownToEveryProcess) {
     const pid_t other = nettest::child([this] {
-        if (!join(*alpha_, 22)) return 3;
+        if (!join(*alpha_, 22) || !nettest::answerProbe(21)) return 3;
         MSG_PACKET *news = nullptr;
         if (await({CMGR_MACHINE_DOWN_MSG}, 20000, &news) != CMGR_MACHINE_DOWN_MSG) return 4;
         const nettest::Body down(news, CMGR_MACHINE_DOWN_MAGIC);
         return down.object != nullptr && std::string(down.as<CMGR_MACHINE_DOWN>()->pszMachine) == "beta" ? 0 : 5;
     });
     ASSERT_TRUE(join(*alpha_, 21));
+    ASSERT_TRUE(nettest::reach(22)) << "the other process has joined";
     ASSERT_EQ(askDetails("beta"), TRUE) << "the connection is up";
     beta_->killNetworkManager();
     MSG_PACKET *news = nullptr;

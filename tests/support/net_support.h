@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "fixture.h"
+#include "messages/msgcmgr.h"
 #include "msgchannel.h"
 #include "netcalls.h"
 
@@ -147,6 +148,21 @@ inline int32_t await(std::initializer_list<int32_t> types, int milliseconds, MSG
     }
     return 0;
 }
+
+// Until process id has joined the manager: a probe goes to it and it
+// answers with one (answerProbe()); the manager's word that id is unknown
+// means it hasn't joined yet, so after a short pass the probe goes again.
+constexpr int32_t kProbe = 50099;
+inline bool reach(int32_t id) {
+    for (int attempt = 0; attempt < 500; ++attempt) {
+        if (!sendTo(id, kProbe)) return false;
+        const int32_t got = await({kProbe, CMGR_PROCESS_UNREACHABLE_MSG}, 10000);
+        if (got != CMGR_PROCESS_UNREACHABLE_MSG) return got == kProbe;
+        fh::msgSelectPass(20);
+    }
+    return false;
+}
+inline bool answerProbe(int32_t from) { return await({kProbe}, 20000) == kProbe && sendTo(from, kProbe); }
 
 // The body of a packet read as magic (object null when it isn't one); the
 // packet is released at once, the body at the end of the scope.
