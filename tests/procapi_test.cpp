@@ -71,8 +71,9 @@ TEST_F(LibraryTest, ServiceAddresses) {
     EXPECT_EQ(ProcGetInterfaceTypeFromAddress(c), -1);
     c->iInterfaceType = 0x80;
     EXPECT_EQ(ProcGetInterfaceTypeFromAddress(c), -128);
-    EXPECT_EQ(ProcGetInterfaceTypeFromAddress(a->pszMachine), -1);
-    release({a, b, c});
+    OBJ_INTEGER *other = ObjIntegerNew(0x101); // an object, but not an address
+    EXPECT_EQ(ProcGetInterfaceTypeFromAddress(other), -1);
+    release({a, b, c, other});
 }
 
 // A template that can't be made stops the ladder with its own report
