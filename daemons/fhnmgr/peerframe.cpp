@@ -103,7 +103,8 @@ void encodeDetails(std::string &out, const Details &details) {
 
 bool nameReadsBack(std::string_view name) {
     if (name.empty() || name.size() > kMaxName || !printable(name)) return false;
-    const std::string line = "[" + std::string(name) + "]";
+    std::string line(1, '[');
+    line.append(name).push_back(']');
     Text category, title;
     return StnzLineToTitle(&category.p, &title.p, line.c_str()) && category.p == nullptr && title.p != nullptr &&
            name == title.p;
